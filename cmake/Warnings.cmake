@@ -1,0 +1,8 @@
+# Warnings are errors, with both compilers.
+add_compile_options(
+    -Wall -Wextra -Wpedantic -Werror
+    -Wconversion -Wsign-conversion -Wdouble-promotion -Wshadow -Wold-style-cast -Wcast-align -Wcast-qual
+    -Wformat=2 -Wmissing-declarations -Wnon-virtual-dtor -Woverloaded-virtual -Wundef -Wunused -Wvla)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    add_compile_options(-Wduplicated-branches -Wduplicated-cond -Wlogical-op -Wuseless-cast)
+endif()

@@ -1,0 +1,23 @@
+// The platform support library, as far as the tool uses it. It is a shared library of its own: the project builds a
+// stand-alone one from platform/, and a platform that has its own puts that in its place when the build is configured.
+#ifndef PLAX_INCLUDE_PLATFORM_SUPPORT_H
+#define PLAX_INCLUDE_PLATFORM_SUPPORT_H
+
+#include "return_status.h"
+
+extern "C" {
+
+// Shows the message made from a printf-style format and its values to the user.
+void Warning(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+// Reports the message made from a printf-style format and its values, and ends the process.
+[[noreturn]] void Panic(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+// Returns a new copy of a text, which the caller owns and releases with free; null for null.
+char *UtilSafeStrdup0(const char *text);
+
+// Returns the text of a status. It belongs to the library and holds until the next call.
+const char *QRT_ReturnStatusToString(QRT_ReturnStatus status);
+}
+
+#endif
