@@ -1,0 +1,82 @@
+// Frames to and from the daemon.
+
+#include "frame.h"
+
+#include "platform_support.h"
+#include "safe_allocation.h"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+
+QRT_ReturnStatus ErrnoToStatus(int error)
+{
+    if (error == 0) {
+        return kStatusSuccess;
+    }
+    const auto bits = static_cast<uint32_t>(error);
+    return error > 0 ? kStatusSystemErrorBase + bits : kStatusSystemErrorBase - bits;
+}
+
+QRT_ReturnStatus SendCommand(int socket, CommandCode code, const void *payload, size_t length)
+{
+    const FrameHeader header{htonl(static_cast<uint32_t>(code)), htonl(static_cast<uint32_t>(length))};
+    if (send(socket, &header, sizeof header, 0) < 0) {
+        return ErrnoToStatus(errno);
+    }
+    if (length != 0 && send(socket, payload, length, 0) < 0) {
+        return ErrnoToStatus(errno);
+    }
+    return kStatusSuccess;
+}
+
+// The zero byte behind a payload ends it when it is read as text. Where the sum does not fit a size_t, the largest one
+// stands for it, which no allocator grants.
+static size_t SizeWithTerminator(uint32_t length)
+{
+    return static_cast<size_t>(std::min<unsigned long long>(length + 1ULL, SIZE_MAX));
+}
+
+// Returns `length` bytes and a zero byte, owned by the caller, or null when the daemon closed the connection before all
+// of them had come.
+static char *ReceivePayload(int socket, uint32_t length)
+{
+    const size_t size = SizeWithTerminator(length);
+    auto *payload = static_cast<char *>(PLAX_SafeMalloc(size));
+    const ssize_t received = recv(socket, payload, length, MSG_WAITALL);
+    // Unsigned, so that a failed receive (-1) counts as whole: callers have always been handed a payload then.
+    if (static_cast<size_t>(received) < length) {
+        free(payload);
+        return nullptr;
+    }
+    if (received < 0) {
+        // Fresh zero memory rather than zeroed old: a length of 4 GiB is the daemon's word alone and costs no page.
+        free(payload);
+        return static_cast<char *>(PLAX_SafeCalloc(size, 1));
+    }
+    payload[length] = '\0';
+    return payload;
+}
+
+QRT_ReturnStatus ReceiveResponse(int socket, uint32_t *length, char **payload)
+{
+    FrameHeader header{};
+    if (recv(socket, &header, sizeof header, MSG_WAITALL) < 0) {
+        return ErrnoToStatus(errno);
+    }
+    const uint32_t announced = ntohl(header.payloadLength);
+    char *received = nullptr;
+    if (announced != 0) {
+        received = ReceivePayload(socket, announced);
+        if (received == nullptr) {
+            Warning("Failed to receive the complete UDS message sent. Please try again");
+            return kStatusSuccess;
+        }
+    }
+    *length = announced;
+    *payload = received;
+    return ntohl(header.codeOrStatus);
+}
