@@ -1,0 +1,53 @@
+// The callback-block request and its words.
+
+#include "callback_block.h"
+
+#include "frame.h"
+#include "records.h"
+#include "uuid_text.h"
+
+#include <cstdint>
+#include <string_view>
+
+struct CallbackWord {
+    std::string_view word;
+    uint32_t number;
+};
+
+static constexpr CallbackWord kEventWords[] = {{"update", 1}, {"add", 2}, {"delete", 3}};
+// No word stands for entry 1: the daemon reads these numbers, so the gap stays. (test every_callback_word)
+static constexpr CallbackWord kEntryWords[] = {{"object", 2}, {"disk", 3}, {"node", 4}};
+
+template <size_t count>
+static void MatchWord(const CallbackWord (&words)[count], std::string_view argument, uint32_t *number)
+{
+    for (const CallbackWord &candidate : words) {
+        if (candidate.word == argument) {
+            *number = candidate.number;
+        }
+    }
+}
+
+// Writes "event:entry:UUID". Both numbers have one digit.
+static void WriteCallbackText(uint32_t event, uint32_t entry, const Uuid &uuid, char *text)
+{
+    *text++ = static_cast<char>('0' + event);
+    *text++ = ':';
+    *text++ = static_cast<char>('0' + entry);
+    *text++ = ':';
+    WriteUuidText(uuid, text);
+}
+
+QRT_ReturnStatus SendBlockCdbCbCommand(int argumentCount, char *const *arguments, int argumentIndex, int socket,
+                                       CommandCode code, const Uuid &uuid)
+{
+    uint32_t event = 0;
+    uint32_t entry = 0;
+    for (int i = argumentIndex; i < argumentCount; ++i) {
+        MatchWord(kEventWords, arguments[i], &event);
+        MatchWord(kEntryWords, arguments[i], &entry);
+    }
+    CallbackBlockRequest record{};
+    WriteCallbackText(event, entry, uuid, record.text);
+    return SendCommand(socket, code, &record, sizeof record);
+}
