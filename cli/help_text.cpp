@@ -1,0 +1,56 @@
+// The help text. All of it but the program's name is put together from the two tables when the tool is compiled.
+
+#include "help_text.h"
+
+#include "command_table.h"
+#include "option_table.h"
+
+#include <array>
+#include <cstdio>
+#include <string_view>
+
+// Calls `append` with each piece of the text that follows the header.
+template <typename Append>
+static constexpr void ForEachPiece(Append append)
+{
+    for (const CommandRow &row : kCommands) {
+        if (row.help != nullptr) {
+            append("   ");
+            append(row.word);
+            append("\t\t");
+            append(row.help);
+            append("\n");
+        }
+    }
+    append("\noptions:\n");
+    for (const char letter : kOptionHelpOrder) {
+        append(FindOption(letter)->help);
+        append("\n");
+    }
+}
+
+static constexpr size_t ListingLength()
+{
+    size_t length = 0;
+    ForEachPiece([&length](std::string_view piece) { length += piece.size(); });
+    return length;
+}
+
+static constexpr auto MakeListing()
+{
+    std::array<char, ListingLength()> listing{};
+    auto end = listing.begin();
+    ForEachPiece([&end](std::string_view piece) {
+        for (const char character : piece) {
+            *end++ = character;
+        }
+    });
+    return listing;
+}
+
+void PrintUsage(const char *programName)
+{
+    static constexpr auto kListing = MakeListing();
+    printf("usage: %s <options> <cmd> <args>\n\ncommands:\n", programName);
+    fwrite(kListing.data(), 1, kListing.size(), stdout);
+}

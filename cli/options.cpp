@@ -1,0 +1,34 @@
+// Option parsing: getopt_long takes the command line apart, and each option's row says what becomes of it.
+
+#include "options.h"
+
+#include "option_table.h"
+
+#include <array>
+
+static constexpr auto MakeLongOptions()
+{
+    std::array<option, std::size(kOptions) + 1> longOptions{}; // the last entry stays zero and ends the table
+    for (size_t i = 0; i < std::size(kOptions); ++i) {
+        longOptions[i] = {kOptions[i].longName, kOptions[i].argumentKind, nullptr, kOptions[i].letter};
+    }
+    return longOptions;
+}
+
+ParseOutcome ParseOptions(int argumentCount, char **arguments, CommandSettings *settings)
+{
+    static constexpr auto kLongOptions = MakeLongOptions();
+    int letter = 0;
+    while ((letter = getopt_long(argumentCount, arguments, kShortOptions, kLongOptions.data(),
+                                 &settings->longOptionIndex)) != -1) {
+        const OptionRow *row = FindOption(letter);
+        if (row == nullptr) {
+            return ParseOutcome::Failed; // getopt_long has said what is wrong
+        }
+        const ParseOutcome outcome = row->handler(optarg, settings);
+        if (outcome != ParseOutcome::Parsed) {
+            return outcome;
+        }
+    }
+    return ParseOutcome::Parsed;
+}

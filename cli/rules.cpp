@@ -1,0 +1,88 @@
+// The argument rules. They are few on purpose: most judgement is the daemon's.
+
+#include "rules.h"
+
+#include "records.h"
+
+#include <climits>
+#include <cstdlib>
+
+static constexpr const char *kUuidMissing = "UUID must be provided (specify with --uuid)\n";
+
+static const char *FailUnless(bool met, const char *message)
+{
+    return met ? nullptr : message;
+}
+
+// The word looked at is the one whose position in the vector equals the table index of the last long option, or 1. That
+// is rarely the word that is sent, and scripts have come to depend on what passes. (test word_test)
+// An index beyond the vector passes, so that nothing outside it is read.
+static bool PassesWordTest(const RuleInput &input)
+{
+    const int index = input.settings.longOptionIndex;
+    if (index >= input.argumentCount) {
+        return index != input.argumentCount;
+    }
+    return strtoul(input.arguments[index], nullptr, 10) != ULONG_MAX;
+}
+
+const char *RequireUuidOrAll(const RuleInput &input)
+{
+    return FailUnless(input.settings.uuidGiven || input.settings.all != 0, kUuidMissing);
+}
+
+const char *RequireJson(const RuleInput &input)
+{
+    return FailUnless(input.settings.jsonGiven,
+                      "Fitness config must be provided (specify with --json <json object>)\n");
+}
+
+const char *RequireLogLevel(const RuleInput &input)
+{
+    return FailUnless(PassesWordTest(input), "Log level must be specified. E.g.: plax-tool log-level 2\n");
+}
+
+const char *RequireUuidList(const RuleInput &input)
+{
+    return FailUnless(input.settings.uuidListGiven,
+                      "UUID's must be provided, separated by comma (specify with --uuid-list)\n");
+}
+
+const char *RequireRecoveryModeOrUuid(const RuleInput &input)
+{
+    return FailUnless(input.settings.uuidOrModeCount != 0,
+                      "Either recovery mode(specify with -m/--recovery-Mode) or uuid(specify with -u/--uuid) must be "
+                      "provided\n");
+}
+
+const char *RequireWorkItem(const RuleInput &input)
+{
+    return FailUnless(input.settings.workItemType != 0,
+                      "work-item type must be provided (specify with -i/--work-item)\n");
+}
+
+const char *RequireCallbackWords(const RuleInput &input)
+{
+    return FailUnless(PassesWordTest(input), "Callback entry and event type must be provided.\n");
+}
+
+const char *RequireMoveTarget(const RuleInput &input)
+{
+    const CommandSettings &settings = input.settings;
+    if (!settings.uuidGiven) {
+        return kUuidMissing;
+    }
+    if (settings.destinationListGiven == settings.exclusionListGiven) {
+        return "Either destination list(specify with -n/--destination-list) or exclusion list (specify with "
+               "-x/--exclusion-list) should be provided \n";
+    }
+    const ComponentManualMoveRequest &move = *settings.manualMove;
+    const char *given = settings.destinationListGiven ? move.destinationList : move.exclusionList;
+    return FailUnless(*given != '\0', "Empty destination or exclusion list not allowed.");
+}
+
+const char *RequireExclusionList(const RuleInput &input)
+{
+    return FailUnless(input.settings.exclusionListGiven,
+                      "Exclusion list must be provided (specify with -x/--exclusion-list)");
+}
