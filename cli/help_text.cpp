@@ -38,7 +38,7 @@ static constexpr size_t ListingLength()
 
 static constexpr auto MakeListing()
 {
-    std::array<char, ListingLength()> listing{};
+    std::array<char, ListingLength() + 1> listing{}; // the last character stays zero and ends the text
     auto end = listing.begin();
     ForEachPiece([&end](std::string_view piece) {
         for (const char character : piece) {
@@ -51,6 +51,5 @@ static constexpr auto MakeListing()
 void PrintUsage(const char *programName)
 {
     static constexpr auto kListing = MakeListing();
-    printf("usage: %s <options> <cmd> <args>\n\ncommands:\n", programName);
-    fwrite(kListing.data(), 1, kListing.size(), stdout);
+    printf("usage: %s <options> <cmd> <args>\n\ncommands:\n%s", programName, kListing.data());
 }
