@@ -6,9 +6,9 @@
 #include "safe_allocation.h"
 
 #include <arpa/inet.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 
@@ -33,11 +33,26 @@ QRT_ReturnStatus SendCommand(int socket, CommandCode code, const void *payload, 
     return kStatusSuccess;
 }
 
-// The zero byte behind a payload ends it when it is read as text. Where the sum does not fit a size_t, the largest one
-// stands for it, which no allocator grants.
+// The zero byte behind a payload ends it when it is read as text. Where the sum does not fit a size_t it wraps to 0, and
+// the largest size stands for it, which no allocator grants.
 static size_t SizeWithTerminator(uint32_t length)
 {
-    return static_cast<size_t>(std::min<unsigned long long>(length + 1ULL, SIZE_MAX));
+    const size_t size = size_t{length} + 1;
+    return size - static_cast<size_t>(size == 0);
+}
+
+// Has the system provide the pages of a large payload at once instead of one by one as the bytes come in, which costs
+// as much again as copying them. Only up to a few MiB: the length is the daemon's word, and the memory might never be
+// used. A hint: where it is refused (pages larger than these), they come one by one.
+static void ProvidePages(char *payload, size_t size)
+{
+    static constexpr uintptr_t kPageSize = 4096;
+    static constexpr size_t kSizeMin = 128 * 1024;
+    static constexpr size_t kSizeMax = 4 * 1024 * 1024;
+    if (size >= kSizeMin && size <= kSizeMax) {
+        const uintptr_t offset = reinterpret_cast<uintptr_t>(payload) % kPageSize;
+        madvise(payload - offset, size + offset, MADV_POPULATE_WRITE);
+    }
 }
 
 // Returns `length` bytes and a zero byte, owned by the caller, or null when the daemon closed the connection before all
@@ -46,6 +61,7 @@ static char *ReceivePayload(int socket, uint32_t length)
 {
     const size_t size = SizeWithTerminator(length);
     auto *payload = static_cast<char *>(PLAX_SafeMalloc(size));
+    ProvidePages(payload, size);
     const ssize_t received = recv(socket, payload, length, MSG_WAITALL);
     // Unsigned, so that a failed receive (-1) counts as whole: callers have always been handed a payload then.
     if (static_cast<size_t>(received) < length) {

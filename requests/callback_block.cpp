@@ -2,21 +2,10 @@
 
 #include "callback_block.h"
 
+#include "callback_words.h"
 #include "frame.h"
 #include "records.h"
 #include "uuid_text.h"
-
-#include <cstdint>
-#include <string_view>
-
-struct CallbackWord {
-    std::string_view word;
-    uint32_t number;
-};
-
-static constexpr CallbackWord kEventWords[] = {{"update", 1}, {"add", 2}, {"delete", 3}};
-// No word stands for entry 1: the daemon reads these numbers, so the gap stays. (test every_callback_word)
-static constexpr CallbackWord kEntryWords[] = {{"object", 2}, {"disk", 3}, {"node", 4}};
 
 template <size_t count>
 static void MatchWord(const CallbackWord (&words)[count], std::string_view argument, uint32_t *number)
