@@ -1,0 +1,21 @@
+// A library to load before the C library: it holds back one of the program's sends until the other side has hung up,
+// so that a test meets a broken connection every time and not by luck. Which send, counted from 1, stands in the
+// environment variable PLAX_HANGUP_BEFORE_SEND.
+
+#include <cstdlib>
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+extern "C" ssize_t send(int socket, const void *bytes, size_t length, int flags)
+{
+    static int count = 0;
+    const char *held = getenv("PLAX_HANGUP_BEFORE_SEND");
+    if (held != nullptr && ++count == atoi(held)) {
+        pollfd peer{.fd = socket, .events = 0, .revents = 0};
+        poll(&peer, 1, -1);
+    }
+    return syscall(SYS_sendto, socket, bytes, length, flags, nullptr, 0);
+}

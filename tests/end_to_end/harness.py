@@ -1,0 +1,274 @@
+"""A daemon that follows a script, and a way to run the tool against it.
+
+A test says what the daemon does, step by step, runs the tool, and compares everything that came out for equality:
+
+    with ScriptedDaemon(reply(5, b"busy")) as plaxd:
+        run = tool("-s", plaxd.path, "what-if-cancel")
+    assert run == Outcome(stdout=b"", stderr=b"Error received: Status 0x00000005: busy\n", code=5)
+    assert plaxd.received == frame(18)
+
+The daemon reads one whole request, performs its steps, closes its sending side, and goes on reading until the tool is
+gone, so `received` holds every byte that the tool ever sent. Leaving the `with` block fails the test when a step could
+not be done, when more than one connection came, or when there was none (unless connections=0 is expected). The tool
+must have ended by then: nothing is accepted any more.
+"""
+
+import array
+import fcntl
+import os
+import select
+import shutil
+import socket
+import struct
+import subprocess
+import tempfile
+import termios
+import threading
+import time
+from dataclasses import dataclass
+
+TOOL = os.environ["PLAX_TOOL"]
+# A prefix for the command that runs the tool: an emulator or a checker, for instance.
+RUNNER = os.environ.get("PLAX_TOOL_RUNNER", "").split()
+# The byte order of the host that the tool was built for, as struct writes it.
+HOST_ORDER = {"little": "<", "big": ">"}[os.environ.get("PLAX_TOOL_BYTE_ORDER", "little")]
+# Bits in an unsigned long of that host.
+LONG_BITS = int(os.environ.get("PLAX_TOOL_LONG_BITS", "64"))
+
+ZERO_UUID = b"00000000-0000-0000-0000-000000000000"
+PATIENCE = 60  # seconds after which a daemon or a tool that should have ended is given up
+
+
+@dataclass
+class Outcome:
+    stdout: bytes
+    stderr: bytes
+    code: int
+
+
+def frame(code, payload=b""):
+    """A request or a reply: code or status and length in network order, then the payload."""
+    return struct.pack(">II", code, len(payload)) + payload
+
+
+def environment(**changes):
+    """The environment of the test run, without what would change the tool's words, and with the changes given."""
+    kept = {name: value for name, value in os.environ.items()
+            if name != "POSIXLY_CORRECT" and not name.startswith("LC_")}
+    return {**kept, "LANG": "C", **changes}
+
+
+def start_tool(*words, stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=None, **options):
+    """Starts the tool as `plax-tool` with the given words. SIGPIPE has its default disposition, as under a shell."""
+    return subprocess.Popen([*RUNNER, TOOL, *words], stdin=subprocess.DEVNULL, stdout=stdout, stderr=stderr,
+                            env=environment(**(env or {})), restore_signals=True, **options)
+
+
+def finish_tool(process):
+    """Waits for a started tool to end, and gives what it wrote and its exit code (minus the signal that killed it)."""
+    try:
+        stdout, stderr = process.communicate(timeout=PATIENCE)
+    except subprocess.TimeoutExpired:
+        process.kill()
+        process.communicate()
+        raise
+    if RUNNER:  # an emulator adds a line of its own when the tool aborts
+        stderr = b"".join(line for line in stderr.splitlines(True) if not line.startswith(b"qemu: "))
+    return Outcome(stdout, stderr, process.returncode)
+
+
+def tool(*words, **options):
+    """Runs the tool to its end."""
+    return finish_tool(start_tool(*words, **options))
+
+
+def collect(pipe, count, patience=10):
+    """Reads `count` bytes from a running tool's pipe; fewer when they do not come in time or the pipe ends."""
+    data = b""
+    end = time.monotonic() + patience
+    while len(data) < count and select.select([pipe], [], [], max(0, end - time.monotonic()))[0]:
+        piece = os.read(pipe.fileno(), count - len(data))
+        if not piece:
+            break
+        data += piece
+    return data
+
+
+def eventually(condition, patience=10):
+    """Asks again and again until the condition holds, and gives whether it did in time."""
+    end = time.monotonic() + patience
+    while not condition():
+        if time.monotonic() > end:
+            return False
+        time.sleep(0.002)
+    return True
+
+
+# ---- The steps of a script: each is a function that gets the daemon and does one thing. ----
+
+def send(data):
+    """Sends the bytes in one piece."""
+    return lambda daemon: daemon.connection.sendall(data)
+
+
+def send_in_pieces(data, size, seconds=0.0):
+    """Sends the bytes in pieces of the size, with a pause after each."""
+    def step(daemon):
+        for position in range(0, len(data), size):
+            daemon.connection.sendall(data[position:position + size])
+            time.sleep(seconds)
+    return step
+
+
+def send_bytewise(data):
+    """Sends the bytes one by one."""
+    return send_in_pieces(data, 1)
+
+
+def reply(status, payload=b""):
+    return send(frame(status, payload))
+
+
+def pause(seconds):
+    return lambda daemon: time.sleep(seconds)
+
+
+def wait_for(event):
+    """Goes on when the test sets the event."""
+    def step(daemon):
+        if not event.wait(PATIENCE):
+            raise TimeoutError("the test never set the event")
+    return step
+
+
+def stay_silent():
+    """Says nothing more, and keeps the connection open until the tool has ended."""
+    return lambda daemon: daemon.read_rest()
+
+
+def read(count):
+    """Reads that many bytes. For a daemon that does not read the whole request."""
+    return lambda daemon: daemon.read_exactly(count)
+
+
+def queued(connection, request):
+    """Bytes that wait in the connection: for the daemon (FIONREAD) or, counted roughly, for the tool (TIOCOUTQ)."""
+    size = array.array("i", [0])
+    fcntl.ioctl(connection, request, size)
+    return size[0]
+
+
+def await_unread(count):
+    """Waits until so many bytes lie there unread. Closing now makes the tool see a reset connection."""
+    def step(daemon):
+        if not eventually(lambda: queued(daemon.connection, termios.FIONREAD) >= count, PATIENCE):
+            raise TimeoutError("the tool never sent that much")
+    return step
+
+
+def await_taken():
+    """Waits until the tool has taken everything that was sent, so that what is sent next meets a read of its own."""
+    def step(daemon):
+        if not eventually(lambda: queued(daemon.connection, termios.TIOCOUTQ) == 0, PATIENCE):
+            raise TimeoutError("the tool never took what was sent")
+    return step
+
+
+def close():
+    """Closes the connection at once, both ways."""
+    return lambda daemon: daemon.connection.close()
+
+
+class ScriptedDaemon:
+    """Listens on a socket of its own in a new folder, and serves one connection by the script: see the text above."""
+
+    def __init__(self, *steps, connections=1, read_request=True, path=None, may_break=False):
+        self.steps = steps
+        self.expected_connections = connections
+        self.read_request = read_request  # False: the steps begin as soon as the tool has connected
+        self.may_break = may_break  # True: a step may fail because the tool is gone
+        self.folder = tempfile.mkdtemp(prefix="plaxd-")
+        self.path = path or os.path.join(self.folder, "plaxd.uds")
+        self.received = b""
+        self.connections = 0
+        self.connection = None
+        self.error = None
+
+    def __enter__(self):
+        self.listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        self.listener.bind(self.path)
+        self.listener.listen(16)
+        self.thread = threading.Thread(target=self._run, daemon=True)
+        self.thread.start()
+        return self
+
+    def __exit__(self, kind, error, trace):
+        # A connection that is waiting already is still accepted; when there is none, accept gives up.
+        self.listener.shutdown(socket.SHUT_RDWR)
+        self.thread.join(PATIENCE)
+        stuck = self.thread.is_alive()
+        self._count_further_connections()
+        self.listener.close()
+        if os.path.exists(self.path):
+            os.unlink(self.path)
+        shutil.rmtree(self.folder, ignore_errors=True)
+        if kind is None:
+            assert not stuck, "the tool never closed its connection, or never connected"
+            assert self.connections == self.expected_connections
+            if self.error is not None and not self.may_break:
+                raise self.error
+
+    def _count_further_connections(self):
+        self.listener.setblocking(False)
+        try:
+            while True:
+                self.listener.accept()[0].close()
+                self.connections += 1
+        except OSError:
+            pass
+
+    def _run(self):
+        try:
+            self.connection, _ = self.listener.accept()
+        except OSError:
+            return
+        self.connections += 1
+        try:
+            if self.read_request:
+                self._read_request()
+            for step in self.steps:
+                step(self)
+            self._end()
+        except Exception as error:  # whatever went wrong is raised again in the test's own thread
+            self.error = error
+            self.connection.close()
+
+    def read_exactly(self, count):
+        while count > 0:
+            piece = self.connection.recv(min(count, 1 << 20))
+            if not piece:
+                raise EOFError("the tool closed the connection within its request")
+            self.received += piece
+            count -= len(piece)
+
+    def _read_request(self):
+        self.read_exactly(8)
+        self.read_exactly(struct.unpack(">II", self.received[:8])[1])
+
+    def _end(self):
+        if self.connection.fileno() < 0:
+            return
+        try:
+            self.connection.shutdown(socket.SHUT_WR)
+        except OSError:
+            pass  # the tool has ended already
+        self.read_rest()
+        self.connection.close()
+
+    def read_rest(self):
+        """Reads until the tool's end is closed."""
+        try:
+            while piece := self.connection.recv(1 << 20):
+                self.received += piece
+        except ConnectionResetError:
+            pass  # the tool ended without reading everything: there is nothing more to come

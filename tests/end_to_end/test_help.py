@@ -1,0 +1,83 @@
+"""The help text as a whole, and when it is shown."""
+
+import os
+import subprocess
+
+import pytest
+
+from command_line import (LISTING, SOCKET_OPTION, help_text, own_program_name, refuse, run_as, succeeds,
+                          usage_error)
+from harness import TOOL, Outcome
+
+
+# A text that differs from the listing in any way must not pass for it.
+@pytest.mark.parametrize("differing", [
+    LISTING[:-1], LISTING + b"\n", LISTING.replace(b"evacAllData) \n", b"evacAllData)\n"),
+], ids=["shorter", "longer", "no trailing blank"])
+def test_comparison_is_exact(differing):
+    assert refuse("-h") != succeeds(help_text()[:-len(LISTING)] + differing)
+
+
+@pytest.mark.parametrize("words", [
+    ["-h"],
+    ["--help"],
+    ["--h"],
+    ["-h", "stats"],
+    ["stats", "-h"],
+    [SOCKET_OPTION, "-h", "stats"],
+    [SOCKET_OPTION, "stats", "-h"],
+    [SOCKET_OPTION, "nonsense", "-h"],
+    [SOCKET_OPTION, "info-rebalance", "--help"],
+    ["-ahw"],
+    # What follows is not looked at any more.
+    ["-h", "-Z"],
+    ["-hZ"],
+    ["-h", "--nonsense"],
+    ["-h", "-m", "8"],
+    ["-h", "-u"],
+    ["--help", "-l", ""],
+])
+def test_asked_for(words):
+    assert refuse(*words) == succeeds(help_text())
+
+
+@pytest.mark.parametrize("words, message", [
+    (["-m", "8", "-h"], "Failed to parse recoveryMode: 8\n"),
+    (["-u", "zz", "--help"], "Failed to parse UUID: zz, length=0\n"),
+    (["stats", "-Z", "-h"], TOOL + ": invalid option -- 'Z'\n"),
+    (["--nonsense", "-h"], TOOL + ": unrecognized option '--nonsense'\n"),
+    (["-o", "-h"], "Command string missing\n"),  # here it is the name of a file
+    (["--", "-h"], "Unrecognized command: -h\n"),  # and here a command word
+])
+def test_earlier_failure_wins(words, message):
+    assert refuse(*words) == usage_error(message)
+
+
+def test_no_arguments():
+    assert refuse() == Outcome(help_text(), b"", 1)
+
+
+@own_program_name
+@pytest.mark.parametrize("name", ["plax-tool", "", "/", "./a b", "-h", "%s%n", "line\nbreak", b"\xff\xfe", "x" * 5000])
+def test_program_name(name):
+    assert run_as(name) == Outcome(help_text(name), b"", 1)
+    assert run_as(name, "-h") == succeeds(help_text(name))
+    assert run_as(name, "--help") == succeeds(help_text(name))
+    assert run_as(name, "nonsense") == Outcome(help_text(name), b"Unrecognized command: nonsense\n", 1)
+    assert run_as(name, "-Z") == Outcome(help_text(name), os.fsencode(name) + b": invalid option -- 'Z'\n", 1)
+
+
+@pytest.mark.parametrize("words, message", [
+    ([SOCKET_OPTION], "Command string missing\n"),
+    ([SOCKET_OPTION, "nonsense"], "Unrecognized command: nonsense\n"),
+    ([SOCKET_OPTION, "-i", "nonsense", "stats"], "Invalid work-item type name: nonsense\n"),
+    ([SOCKET_OPTION, "-Z", "stats"], TOOL + ": invalid option -- 'Z'\n"),
+    ([SOCKET_OPTION, "crawler"], "UUID must be provided (specify with --uuid)\n"),
+    # Two kinds of message lack their newline, and the text follows them directly.
+    ([SOCKET_OPTION, "-f" + "x" * 4097, "stats"], "File path is longer than the max path length"),
+    ([SOCKET_OPTION, "set-global-exclusion-list"],
+     "Exclusion list must be provided (specify with -x/--exclusion-list)"),
+])
+def test_follows_the_message(words, message):
+    assert refuse(*words) == usage_error(message)
+    assert refuse(*words, stderr=subprocess.STDOUT) == Outcome(message.encode() + help_text(), None, 1)

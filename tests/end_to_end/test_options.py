@@ -1,0 +1,511 @@
+"""Every option: its forms, its bounds, its failures, and its effect on what is sent."""
+
+import os
+import shutil
+import signal
+import subprocess
+import tempfile
+from typing import NamedTuple
+
+import pytest
+
+from command_line import (SOCKET, SOCKET_OPTION, UUID, UUID_BYTES, ask, record, refuse, succeeds, usage_error,
+                          uuid_list)
+from harness import (LONG_BITS, RUNNER, TOOL, ZERO_UUID, Outcome, ScriptedDaemon, environment, finish_tool, frame,
+                     pause, reply, send, tool)
+
+LIST_FIELD = 94720
+
+
+# ---- The requests in which options show. ----
+
+def entity_decom(mode=0, durability=0):
+    return frame(16, record("16sIB3s", bytes(16), mode, durability, bytes(3)))
+
+
+def upgrade(uuids, count, reason=0, wipe=0):
+    return frame(17, record("16sIIB3sI", bytes(16), 0, reason, wipe, bytes(3), count) + os.fsencode(uuids) + b"\0")
+
+
+def manual_move(destinations="", destination_count=0, exclusions="", exclusion_count=0):
+    return frame(33, record(f"16sII{LIST_FIELD}s{LIST_FIELD}s", UUID_BYTES, destination_count, exclusion_count,
+                            os.fsencode(destinations), os.fsencode(exclusions)))
+
+
+def exclusion_list(uuids, count, mode=0):
+    return frame(34, record(f"II{LIST_FIELD}s", mode, count, os.fsencode(uuids)))
+
+
+def recovery_mode(digit):
+    return frame(22, ZERO_UUID + digit + bytes(4))
+
+
+# ---- Every option in every form and place. ----
+
+def content(path):
+    """What the file holds, or None if there is none."""
+    if not os.path.exists(path):
+        return None
+    with open(path, "rb") as file:
+        return file.read()
+
+
+class Case(NamedTuple):
+    letter: str
+    name: str
+    abbreviation: str  # the shortest that is not ambiguous
+    argument: str | None
+    words: list  # the command word and the options that it needs besides
+    request: bytes
+    steps: list = []
+    stdout: bytes = b""
+    written: bytes | None = None  # what the file "answer" holds at the end
+    socket: list = [SOCKET_OPTION]
+
+
+CASES = [
+    Case("o", "output-path", "o", "answer", ["stats"], frame(1), [send(b"abc")], b"", b"abc"),
+    Case("s", "socket-path", "s", SOCKET, ["fix-concats"], frame(13), socket=[]),
+    Case("t", "timeout", "t", "5", ["fix-concats"], frame(13)),
+    Case("u", "uuid", "uuid", UUID, ["info-rebalance"], frame(14, UUID.encode()), [], b"\n"),
+    Case("l", "uuid-list", "uuid-", uuid_list(2), ["what-if-upgrade"], upgrade(uuid_list(2), 2), [], b"\n"),
+    Case("j", "json", "j", '{"a": 1}', ["fitness-config-set"], frame(4, b'{"a": 1}\0')),
+    Case("f", "file-path", "f", "/a/path", ["update-plaxdb"], frame(20, b"/a/path\0")),
+    Case("d", "decom-mode", "dec", "2", ["what-if-entity-decom", "-a"], entity_decom(mode=2), [], b"\n"),
+    Case("e", "ensure-durability", "en", None, ["what-if-entity-decom", "-a"], entity_decom(durability=1), [], b"\n"),
+    Case("r", "reason", "rea", "3", ["what-if-upgrade", "-l" + UUID], upgrade(UUID, 1, reason=3), [], b"\n"),
+    Case("i", "work-item", "wo", "MANUAL_MOVE", ["enable-workitem"], frame(24, b"22\0\0")),
+    Case("m", "recovery-mode", "rec", "7", ["enable-plax-recovery-mode"], recovery_mode(b"7")),
+    Case("w", "wipe-disk", "wi", None, ["what-if-upgrade", "-l" + UUID], upgrade(UUID, 1, wipe=1), [], b"\n"),
+    Case("a", "all", "a", None, ["get-obj-crawler-state"], frame(26, ZERO_UUID + b"1" + bytes(4)), [send(b"x")], b"x"),
+    Case("n", "destination-list", "des", UUID, ["component-manual-move", "-u" + UUID], manual_move(UUID, 1)),
+    Case("x", "exclusion-list", "exclusion-l", UUID, ["set-global-exclusion-list"], exclusion_list(UUID, 1)),
+    Case("X", "exclusion-mode", "exclusion-m", "3", ["set-global-exclusion-list", "-x", ""],
+         exclusion_list("", 0, mode=3)),
+]
+
+FORMS = {
+    "separate": lambda case: ["-" + case.letter, case.argument],
+    "attached": lambda case: ["-" + case.letter + case.argument],
+    "long separate": lambda case: ["--" + case.name, case.argument],
+    "long attached": lambda case: ["--" + case.name + "=" + case.argument],
+    "short long separate": lambda case: ["--" + case.abbreviation, case.argument],
+    "short long attached": lambda case: ["--" + case.abbreviation + "=" + case.argument],
+}
+FLAG_FORMS = {
+    "short": lambda case: ["-" + case.letter],
+    "long": lambda case: ["--" + case.name],
+    "short long": lambda case: ["--" + case.abbreviation],
+}
+PLACES = {
+    "before": lambda case, option: [*option, *case.words],
+    "after": lambda case, option: [*case.words, *option],
+    "behind a word": lambda case, option: [*case.words, "word", *option],
+}
+COMBINATIONS = [pytest.param(case, form, place, id=f"{case.name}-{form}-{place}")
+                for case in CASES for form in (FORMS if case.argument else FLAG_FORMS) for place in PLACES]
+
+
+@pytest.mark.parametrize("case, form, place", COMBINATIONS)
+def test_every_form(case, form, place):
+    words = PLACES[place](case, {**FORMS, **FLAG_FORMS}[form](case))
+    with ScriptedDaemon(*case.steps) as plaxd:
+        run = tool(*case.socket, *words, cwd=plaxd.folder)
+        written = content(os.path.join(plaxd.folder, "answer"))
+    assert (run, plaxd.received, written) == (succeeds(case.stdout), case.request, case.written)
+
+
+def test_flags_share_a_word():
+    request = frame(16, record("16sIB3s", UUID_BYTES, 2, 1, bytes(3)))
+    assert ask(SOCKET_OPTION, "what-if-entity-decom", "-aed2", "-wu" + UUID) == (succeeds(b"\n"), request)
+    assert ask(SOCKET_OPTION, "what-if-entity-decom", "-aweu", UUID, "-d2") == (succeeds(b"\n"), request)
+
+
+# An argument is taken as it is, whatever it looks like.
+@pytest.mark.parametrize("words, json", [
+    (["-j=x"], b"=x"), (["-j", "-h"], b"-h"), (["-j", "--"], b"--"), (["-j", "--help"], b"--help"), (["-j", ""], b""),
+    (["--json="], b""), (["--json==x"], b"=x"), (["--json", "--json"], b"--json"), (["--json", "-"], b"-"),
+    (["-j", b"\xff%s\n"], b"\xff%s\n"), (["-jx", "-jlonger", "-jy"], b"y"),
+])
+def test_arguments_are_taken_whole(words, json):
+    assert ask(SOCKET_OPTION, "fitness-config-set", *words) == (succeeds(), frame(4, json + b"\0"))
+
+
+# ---- What getopt_long refuses, in its words. ----
+
+ALIKE = {
+    "--uuid' '--uuid-list": ["u", "uu", "uui"],
+    "--decom-mode' '--destination-list": ["d", "de"],
+    "--ensure-durability' '--exclusion-list' '--exclusion-mode": ["e"],
+    "--exclusion-list' '--exclusion-mode": ["ex", "exclusion", "exclusion-"],
+    "--reason' '--recovery-mode": ["r", "re"],
+    "--work-item' '--wipe-disk": ["w"],
+}
+REFUSED = [
+    *[(["--" + name], f"option '--{name}' is ambiguous; possibilities: '{possible}'")
+      for possible, names in ALIKE.items() for name in names],
+    (["--u=" + UUID], f"option '--u={UUID}' is ambiguous; possibilities: '--uuid' '--uuid-list'"),
+    *[(["-" + case.letter], f"option requires an argument -- '{case.letter}'") for case in CASES if case.argument],
+    *[(["--" + case.name], f"option '--{case.name}' requires an argument") for case in CASES if case.argument],
+    *[(["--" + case.name + "=1"], f"option '--{case.name}' doesn't allow an argument")
+      for case in CASES if not case.argument],
+    (["--help=yes"], "option '--help' doesn't allow an argument"),
+    (["--h=yes"], "option '--help' doesn't allow an argument"),
+    (["--o"], "option '--output-path' requires an argument"),
+    (["-aej"], "option requires an argument -- 'j'"),
+    *[(["-" + letter], f"invalid option -- '{letter}'")
+      for letter in "bcgkpqvyzABCDEFGHIJKLMNOPQRSTUVWYZ0123456789?:;=+,"],
+    (["-aZ"], "invalid option -- 'Z'"),
+    (["-a-"], "invalid option -- '-'"),
+    (["-1"], "invalid option -- '1'"),
+    (["--nonsense"], "unrecognized option '--nonsense'"),
+    (["--nonsense=value"], "unrecognized option '--nonsense=value'"),
+    (["--Help"], "unrecognized option '--Help'"),
+    (["--help-"], "unrecognized option '--help-'"),
+    # Every name begins with the empty one: the table as a whole, in its order.
+    (["--="], "option '--=' is ambiguous; possibilities: '--help' '--output-path' '--socket-path' '--timeout' '--uuid' "
+              "'--uuid-list' '--json' '--file-path' '--decom-mode' '--ensure-durability' '--reason' '--work-item' "
+              "'--recovery-mode' '--wipe-disk' '--all' '--destination-list' '--exclusion-list' '--exclusion-mode'"),
+    (["---help"], "unrecognized option '---help'"),
+    (["--uuids"], "unrecognized option '--uuids'"),
+]
+
+
+@pytest.mark.parametrize("words, message", REFUSED, ids=[words[0] for words, _ in REFUSED])
+def test_refused_by_getopt(words, message):
+    assert refuse(SOCKET_OPTION, "stats", *words) == usage_error(f"{TOOL}: {message}\n")
+
+
+# ---- Numbers. ----
+
+# What a number is kept as, None where it is out of range. The second column is for an unsigned long of 64 bits, the
+# third for one of 32.
+NUMBERS = [
+    ("0", 0, 0),
+    ("1", 1, 1),
+    ("7", 7, 7),
+    ("", 0, 0),
+    ("abc", 0, 0),
+    ("-", 0, 0),
+    ("0x10", 0, 0),
+    ("010", 10, 10),
+    (" \t\n12", 12, 12),
+    ("+7", 7, 7),
+    ("7up", 7, 7),
+    ("1e3", 1, 1),
+    ("1.9", 1, 1),
+    ("-1", 0xffffffff, 0xffffffff),
+    ("2147483648", 0x80000000, 0x80000000),
+    ("4294967295", 0xffffffff, 0xffffffff),
+    ("4294967296", 0, None),
+    ("4294967297", 1, None),
+    ("-4294967295", 1, 1),
+    ("-4294967296", 0, None),
+    ("18446744073709551615", 0xffffffff, None),
+    ("18446744073709551616", None, None),
+    ("-18446744073709551609", 7, None),
+    ("-18446744073709551616", None, None),
+    ("9" * 1000, None, None),
+    ("0" * 1000 + "5", 5, 5),
+]
+KEPT = [(text, of64 if LONG_BITS == 64 else of32) for text, of64, of32 in NUMBERS]
+each_number = pytest.mark.parametrize("text, kept", KEPT, ids=[text[:24] for text, _ in KEPT])
+
+
+@each_number
+def test_decom_mode(text, kept):
+    words = [SOCKET_OPTION, "what-if-entity-decom", "-a", "-d", text]
+    if kept is None:
+        assert refuse(*words) == usage_error(f"Failed to parse decomMode: {text}\n")
+    else:
+        assert ask(*words) == (succeeds(b"\n"), entity_decom(kept))
+
+
+@each_number
+def test_reason(text, kept):
+    words = [SOCKET_OPTION, "what-if-upgrade", "-l", UUID, "-r", text]
+    if kept is None:
+        assert refuse(*words) == usage_error(f"Failed to parse reason: {text}\n")
+    else:
+        assert ask(*words) == (succeeds(b"\n"), upgrade(UUID, 1, reason=kept))
+
+
+@each_number
+def test_timeout(text, kept):
+    words = [SOCKET_OPTION, "fix-concats", "-t", text]
+    if kept is None:
+        assert refuse(*words) == usage_error(f"Failed to parse wait timeout: {text}\n")
+    else:
+        assert ask(*words) == (succeeds(), frame(13))
+
+
+# For the two modes that have a largest value, the numbers around it too.
+SMALL = [*KEPT, ("2", 2), ("3", 3), ("4", 4), ("5", 5), ("6", 6), ("8", 8)]
+SMALL += [("4294967303", 7), ("4294967304", 8)] if LONG_BITS == 64 else [("4294967303", None)]
+each_small_number = pytest.mark.parametrize("text, kept", SMALL, ids=[text[:24] for text, _ in SMALL])
+
+
+@each_small_number
+def test_recovery_mode(text, kept):
+    words = [SOCKET_OPTION, "enable-plax-recovery-mode", "-m", text]
+    if kept is None or kept > 7:
+        assert refuse(*words) == usage_error(f"Failed to parse recoveryMode: {text}\n")
+    else:
+        assert ask(*words) == (succeeds(), recovery_mode(b"%d" % kept))
+
+
+SHOWN = {0x80000000: "-2147483648", 0xffffffff: "-1"}  # the message shows a signed number
+
+
+@each_small_number
+def test_exclusion_mode(text, kept):
+    words = [SOCKET_OPTION, "set-global-exclusion-list", "-x", "", "-X", text]
+    if kept is None:
+        assert refuse(*words) == usage_error(f"Failed to parse exclusion mode: {text}\n")
+    elif kept > 3:
+        assert refuse(*words) == usage_error(f"Invalid exclusion mode: {SHOWN.get(kept, kept)}\n")
+    else:
+        assert ask(*words) == (succeeds(), exclusion_list("", 0, kept))
+
+
+# The help text offers -t, but the daemon is waited for as long as ever.
+def test_timeout_changes_nothing():
+    run, received = ask(SOCKET_OPTION, "-t1", "--timeout=1", "info-proactive-rebalance",
+                        steps=[pause(1.3), reply(0, b"late")])
+    assert (run, received) == (succeeds(b"late\n"), frame(12))
+
+
+# ---- UUIDs. ----
+
+@pytest.mark.parametrize("text, sent", [
+    (UUID, UUID),
+    ("FEDCBA98-7654-3210-FEDC-BA9876543210", "fedcba98-7654-3210-fedc-ba9876543210"),
+    (UUID + "junk", UUID),
+    (UUID + "," + UUID, UUID),
+    (UUID[:17], "01234567-89ab-cd0e-0000-000000000000"),
+    (UUID[:18], "01234567-89ab-cdef-0000-000000000000"),
+    (UUID[:19], "01234567-89ab-cdef-0000-000000000000"),
+    (UUID[:20], "01234567-89ab-cdef-0000-000000000000"),
+    (UUID[:21], "01234567-89ab-cdef-0100-000000000000"),
+    (UUID[:22], "01234567-89ab-cdef-0102-000000000000"),
+    (UUID[:23], "01234567-89ab-cdef-0123-000000000000"),
+    (UUID[:35], "01234567-89ab-cdef-0123-456789abcd0e"),
+    ("01234567-89ab-cdefzz", "01234567-89ab-cdef-0000-000000000000"),
+    ("01234567-89ab-cdef0123-456789abcdef", "01234567-89ab-cdef-0000-000000000000"),
+    ("01234567-89ab-cdef-0123+456789abcdef", "01234567-89ab-cdef-0123-000000000000"),
+    (" 01234567-89ab-cdef-0123-456789abcdef", UUID),
+    ("1 2 3 4-5 6-7 8", "01020304-0506-0708-0000-000000000000"),
+    ("-1+2\n3 4-5 6-7 8", "ff020304-0506-0708-0000-000000000000"),
+])
+def test_uuid(text, sent):
+    assert ask(SOCKET_OPTION, "info-rebalance", "-u", text) == (succeeds(b"\n"), frame(14, sent.encode()))
+
+
+CONVERSIONS = [-1, 1, 1, 2, 2, 3, 3, 4, 4, 4, 5, 5, 6, 6, 6, 7, 7]  # of the first 0, 1, 2... characters of a UUID
+
+
+@pytest.mark.parametrize("text, count", [
+    *[(UUID[:length], count) for length, count in enumerate(CONVERSIONS)],
+    ("zz", 0),
+    ("-", 0),
+    ("  ", -1),
+    ("0123456789abcdef0123456789abcdef", 4),
+    ("01234567 89ab-cdef-0123-456789abcdef", 4),
+    ("{01234567-89ab-cdef-0123-456789abcdef}", 0),
+    ("%s%n", 0),
+])
+def test_uuid_too_short(text, count):
+    assert refuse(SOCKET_OPTION, "info-rebalance", "-u", text) == usage_error(
+        f"Failed to parse UUID: {text}, length={count}\n")
+
+
+@pytest.mark.parametrize("second, sent", [
+    ("fedcba98-7654-3210-fedc-ba9876543210", b"fedcba98-7654-3210-fedc-ba9876543210"),
+    ("fedcba98-7654-3210", b"fedcba98-7654-3210-0123-456789abcdef"),
+    ("fedcba98-7654-3210-f", b"fedcba98-7654-3210-0f23-456789abcdef"),
+])
+def test_second_uuid_keeps_the_tail_of_the_first(second, sent):
+    assert ask(SOCKET_OPTION, "info-rebalance", "-u", UUID, "-u", second) == (succeeds(b"\n"), frame(14, sent))
+
+
+# ---- UUID lists. ----
+
+WRONG_LENGTHS = [1, 35, 37, 38, 72, 74, 1000, 94718, 94720, 100000, 131071]
+
+
+@pytest.mark.parametrize("option", ["-l", "-n", "-x"])
+@pytest.mark.parametrize("length", WRONG_LENGTHS)
+def test_list_of_a_wrong_length(option, length):
+    uuids = "x" * length
+    assert refuse(SOCKET_OPTION, "stats", option, uuids) == usage_error(f"Invalid UUID: {uuids}\n")
+
+
+def test_empty_uuid_list():
+    assert refuse(SOCKET_OPTION, "what-if-upgrade", "-l", "") == usage_error("Invalid UUID: \n")
+
+
+# Only the length is looked at.
+LISTS = [
+    (uuid_list(1), 1),
+    (uuid_list(2), 2),
+    (uuid_list(3), 3),
+    ("x" * 36, 1),
+    ("," * 73, 2),
+    (b"\xff" * 36, 1),
+    (uuid_list(2559), 2559),
+]
+LONGEST_LISTS = [(uuid_list(2560), 2560), ("y" * 94719, 2560)]
+name_by_count = dict(ids=lambda value: str(value) if isinstance(value, int) else type(value).__name__)
+each_list = pytest.mark.parametrize("uuids, count", LISTS, **name_by_count)
+
+
+@pytest.mark.parametrize("uuids, count", LISTS + LONGEST_LISTS, **name_by_count)
+def test_uuid_list(uuids, count):
+    assert ask(SOCKET_OPTION, "what-if-upgrade", "-l", uuids) == (succeeds(b"\n"), upgrade(uuids, count))
+
+
+@each_list
+def test_destination_list(uuids, count):
+    assert ask(SOCKET_OPTION, "component-manual-move", "-u", UUID, "-n", uuids) == (
+        succeeds(), manual_move(uuids, count))
+
+
+@each_list
+def test_exclusion_list(uuids, count):
+    assert ask(SOCKET_OPTION, "component-manual-move", "-u", UUID, "-x", uuids) == (
+        succeeds(), manual_move("", 0, uuids, count))
+    assert ask(SOCKET_OPTION, "set-global-exclusion-list", "-x", uuids) == (succeeds(), exclusion_list(uuids, count))
+
+
+@pytest.mark.parametrize("option, message", [
+    ("-n", "Destination list is longer than max limit\n"),
+    ("-x", "Exclusion list is longer than max limit\n"),
+])
+@pytest.mark.parametrize("entries", [2560, 2561, 3500])
+def test_list_above_the_limit(option, message, entries):
+    assert refuse(SOCKET_OPTION, "stats", option, uuid_list(entries)) == usage_error(message)
+
+
+# A plan for a part of the list is worse than none: the run stops, without the help text.
+@pytest.mark.parametrize("entries", [2561, 3500])
+def test_uuid_list_above_the_limit(entries):
+    run = refuse(SOCKET_OPTION, "what-if-upgrade", "-l", uuid_list(entries))
+    assert run == Outcome(b"", b"UUID list is longer than max limit\n", -signal.SIGABRT)
+
+
+def test_last_list_counts():
+    assert ask(SOCKET_OPTION, "what-if-upgrade", "-l", uuid_list(3), "-l", UUID) == (succeeds(b"\n"), upgrade(UUID, 1))
+    assert ask(SOCKET_OPTION, "set-global-exclusion-list", "-x", uuid_list(3), "-x", UUID) == (
+        succeeds(), exclusion_list(UUID, 1))
+    assert ask(SOCKET_OPTION, "set-global-exclusion-list", "-x", uuid_list(3), "-x", "") == (
+        succeeds(), exclusion_list("", 0))
+
+
+# ---- Texts and names. ----
+
+@pytest.mark.parametrize("length", [0, 1, 4095, 4096])
+def test_file_path(length):
+    path = "p" * length
+    assert ask(SOCKET_OPTION, "update-plaxdb", "-f", path) == (succeeds(), frame(20, path.encode() + b"\0"))
+
+
+@pytest.mark.parametrize("length", [4097, 4098, 131071])
+def test_file_path_too_long(length):
+    assert refuse(SOCKET_OPTION, "stats", "-f", "p" * length) == usage_error(
+        "File path is longer than the max path length")
+
+
+def test_second_shorter_file_path_keeps_the_tail():
+    assert ask(SOCKET_OPTION, "replace-plaxdb", "-f", "/a/long/path", "-f", "/b") == (
+        succeeds(), frame(21, b"/b/long/path\0"))
+    assert ask(SOCKET_OPTION, "replace-plaxdb", "-f", "/b", "-f", "/a/long/path") == (
+        succeeds(), frame(21, b"/a/long/path\0"))
+    assert ask(SOCKET_OPTION, "replace-plaxdb", "-f", "/b", "-f", "") == (succeeds(), frame(21, b"/b\0"))
+
+
+WORK_ITEMS = [
+    ("PLACEMENT", b"1\0\0\0"),
+    ("DECOM_CLEANUP", b"2\0\0\0"),
+    ("CLEANUP", b"3\0\0\0"),
+    ("VOTES_REBALANCE", b"5\0\0\0"),
+    ("FIX_FD_IDS", b"6\0\0\0"),
+    ("MOVE", b"7\0\0\0"),
+    ("REACTIVE_REBALANCE", b"8\0\0\0"),
+    ("DECOM", b"9\0\0\0"),
+    ("FORCE_REPAIR", b"10\0\0"),
+    ("FORCE_RECONFIGURE", b"11\0\0"),
+    ("RECOVERY", b"12\0\0"),
+    ("REPAIR", b"13\0\0"),
+    ("CHANGE", b"14\0\0"),
+    ("CHANGE_PENDING", b"15\0\0"),
+    ("COMPLIANCE", b"16\0\0"),
+    ("CONCAT", b"17\0\0"),
+    ("PROACTIVE_REBALANCE", b"18\0\0"),
+    ("DELTA_DECOM", b"19\0\0"),
+    ("FORMAT_CHANGE", b"20\0\0"),
+    ("UNPLANNED_DELTA", b"21\0\0"),
+    ("MANUAL_MOVE", b"22\0\0"),
+]
+
+
+@pytest.mark.parametrize("name, sent", WORK_ITEMS)
+def test_every_work_item(name, sent):
+    assert ask(SOCKET_OPTION, "enable-workitem", "-i", name) == (succeeds(), frame(24, sent))
+    assert ask(SOCKET_OPTION, "disable-workitem", "-iMOVE", "-i", name) == (succeeds(), frame(25, sent))
+
+
+NEAR_NAMES = [near for name, _ in WORK_ITEMS for near in (name.lower(), name.capitalize(), name + "X", " " + name)]
+
+
+@pytest.mark.parametrize("name", [
+    "", " ", "NONE", "UNKNOWN", "1", "4", "22", "CHANGE-PENDING", "%s%n", "MOV", *NEAR_NAMES,
+])
+def test_no_work_item(name):
+    assert refuse(SOCKET_OPTION, "enable-workitem", "-i", name) == usage_error(
+        f"Invalid work-item type name: {name}\n")
+
+
+# ---- The socket. ----
+
+def own_mounts(folder):
+    """A prefix for a command that then sees the folder in the place of /var/run. What others see stays as it is."""
+    script = 'mount --bind "$0" /var/run && exec "$@"'
+    return ["unshare", "--user", "--map-root-user", "--mount", "sh", "-c", script, folder]
+
+
+def has_own_mounts():
+    return shutil.which("unshare") and subprocess.run([*own_mounts(tempfile.gettempdir()), "true"], check=False,
+                                                      stderr=subprocess.DEVNULL).returncode == 0
+
+
+@pytest.mark.skipif(not has_own_mounts(), reason="no mounts of one's own may be made here")
+def test_socket_path_not_given():
+    with ScriptedDaemon(reply(0, b"abc")) as plaxd:
+        run = finish_tool(subprocess.Popen([*own_mounts(plaxd.folder), *RUNNER, TOOL, "fitness-stats-get"],
+                                           stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                           env=environment()))
+    assert (run, plaxd.received) == (succeeds(b"abc\n"), frame(6))
+
+
+# ---- The line as a whole. ----
+
+def test_last_of_each_option_counts():
+    run, received = ask("-s", "missing", "-s", SOCKET, "what-if-upgrade", "-d1", "-d2", "-r3", "-r1", "-w", "-w",
+                        "-l", UUID)
+    assert (run, received) == (succeeds(b"\n"),
+                               frame(17, record("16sIIB3sI", bytes(16), 2, 1, 1, bytes(3), 1) + UUID.encode() + b"\0"))
+    assert ask(SOCKET_OPTION, "enable-plax-recovery-mode", "-m1", "-m2") == (succeeds(), recovery_mode(b"2"))
+
+
+# The first failure is the only one that is reported.
+@pytest.mark.parametrize("words, message", [
+    (["-m8", "-X4"], "Failed to parse recoveryMode: 8\n"),
+    (["-X4", "-m8"], "Invalid exclusion mode: 4\n"),
+    (["-Z", "-m8"], TOOL + ": invalid option -- 'Z'\n"),
+    (["-m8", "-Z"], "Failed to parse recoveryMode: 8\n"),
+    (["-i4", "-uzz", "-l", "", "nonsense"], "Invalid work-item type name: 4\n"),
+    (["nonsense", "-lx"], "Invalid UUID: x\n"),
+    (["-u", "zz", "-h"], "Failed to parse UUID: zz, length=0\n"),
+])
+def test_first_failure_is_reported(words, message):
+    assert refuse(SOCKET_OPTION, *words) == usage_error(message)

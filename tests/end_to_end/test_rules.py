@@ -1,0 +1,347 @@
+"""What each command must have been given before the daemon is bothered."""
+
+import os
+
+import pytest
+
+from command_line import (SOCKET, SOCKET_OPTION, UUID, UUID_BYTES, ask, own_program_name, record, refuse, run_as,
+                          succeeds, usage_error)
+from harness import LONG_BITS, TOOL, ZERO_UUID, ScriptedDaemon, frame
+
+LIST_FIELD = 94720
+
+NO_UUID = "UUID must be provided (specify with --uuid)\n"
+NO_CONFIG = "Fitness config must be provided (specify with --json <json object>)\n"
+NO_LEVEL = "Log level must be specified. E.g.: plax-tool log-level 2\n"
+NO_UUID_LIST = "UUID's must be provided, separated by comma (specify with --uuid-list)\n"
+NO_MODE = "Either recovery mode(specify with -m/--recovery-Mode) or uuid(specify with -u/--uuid) must be provided\n"
+NO_WORK_ITEM = "work-item type must be provided (specify with -i/--work-item)\n"
+NO_CALLBACK = "Callback entry and event type must be provided.\n"
+NO_MOVE_LIST = ("Either destination list(specify with -n/--destination-list) or exclusion list (specify with "
+                "-x/--exclusion-list) should be provided \n")
+EMPTY_LIST = "Empty destination or exclusion list not allowed."
+NO_EXCLUSION_LIST = "Exclusion list must be provided (specify with -x/--exclusion-list)"
+
+# Every option that a rule could look at by mistake, each with an argument that it accepts.
+OTHERS = {
+    "u": "-u" + UUID, "a": "-a", "j": "-j{}", "l": "-l" + UUID, "m": "-m1", "i": "-iMOVE", "n": "-n" + UUID,
+    "x": "-x" + UUID, "t": "-t1", "f": "-f/path", "d": "-d1", "e": "-e", "r": "-r1", "w": "-w", "X": "-X1",
+    "o": "-oanswer",
+}
+
+
+def all_but(letters):
+    return [option for letter, option in OTHERS.items() if letter not in letters]
+
+
+# ---- The rules that look at options: the command, the options without which it fails, and the message. ----
+
+MISSING = [
+    ("crawler", "ua", NO_UUID),
+    ("info-rebalance", "ua", NO_UUID),
+    ("what-if-entity-decom", "ua", NO_UUID),
+    ("get-obj-decom-state", "ua", NO_UUID),
+    ("get-obj-crawler-state", "ua", NO_UUID),
+    ("fitness-config-set", "j", NO_CONFIG),
+    ("what-if-upgrade", "l", NO_UUID_LIST),
+    ("enable-plax-recovery-mode", "um", NO_MODE),
+    ("enable-workitem", "i", NO_WORK_ITEM),
+    ("disable-workitem", "i", NO_WORK_ITEM),
+    ("component-manual-move", "u", NO_UUID),
+    ("component-manual-move", "nx", NO_MOVE_LIST),
+    ("component-manual-move", "", NO_MOVE_LIST),  # both are given
+    ("set-global-exclusion-list", "x", NO_EXCLUSION_LIST),
+]
+
+
+# Neither words nor any other option can stand in for what is missing.
+@pytest.mark.parametrize("word, letters, message", MISSING)
+def test_fails(word, letters, message):
+    assert refuse(SOCKET_OPTION, *all_but(letters), word, UUID, "1") == usage_error(message)
+
+
+ALONE = {(word, message) for word, _, message in MISSING if word != "component-manual-move"}
+
+
+@pytest.mark.parametrize("word, message", sorted({*ALONE, ("component-manual-move", NO_UUID)}))
+def test_fails_without_options(word, message):
+    assert refuse(SOCKET_OPTION, word) == usage_error(message)
+
+
+def entity_decom(uuid):
+    return record("16sIB3s", uuid, 0, 0, bytes(3))
+
+
+def manual_move(destinations, destination_count, exclusions, exclusion_count):
+    return record(f"16sII{LIST_FIELD}s{LIST_FIELD}s", UUID_BYTES, destination_count, exclusion_count, destinations,
+                  exclusions)
+
+
+def exclusion_list(uuids, count):
+    return record(f"II{LIST_FIELD}s", 0, count, uuids)
+
+
+ENCODED = UUID.encode()
+# The least that passes, what is then sent, and what is printed of an empty answer.
+PASSING = [
+    (["crawler", "-u", UUID], frame(2, ENCODED), b""),
+    (["crawler", "-a"], frame(2, ZERO_UUID), b""),
+    (["crawler", "-u", UUID, "-a"], frame(2, ENCODED), b""),
+    (["crawler", "-u", ZERO_UUID], frame(2, ZERO_UUID), b""),
+    (["info-rebalance", "-u", UUID], frame(14, ENCODED), b"\n"),
+    (["info-rebalance", "-a"], frame(14, ZERO_UUID), b"\n"),
+    (["what-if-entity-decom", "-u", UUID], frame(16, entity_decom(UUID_BYTES)), b"\n"),
+    (["what-if-entity-decom", "-a"], frame(16, entity_decom(bytes(16))), b"\n"),
+    (["get-obj-decom-state", "-u", UUID], frame(23, ENCODED), b"\n"),
+    (["get-obj-decom-state", "-a"], frame(23, ZERO_UUID), b"\n"),
+    (["get-obj-crawler-state", "-u", UUID], frame(26, ENCODED + b"0\0\0\0\0"), b"\n"),
+    (["get-obj-crawler-state", "-a"], frame(26, ZERO_UUID + b"1\0\0\0\0"), b""),
+    (["fitness-config-set", "-j", "{}"], frame(4, b"{}\0"), b""),
+    (["fitness-config-set", "-j", ""], frame(4, b"\0"), b""),
+    (["what-if-upgrade", "-l", UUID],
+     frame(17, record("16sIIB3sI", bytes(16), 0, 0, 0, bytes(3), 1) + ENCODED + b"\0"), b"\n"),
+    (["enable-plax-recovery-mode", "-m", "0"], frame(22, ZERO_UUID + b"0\0\0\0\0"), b""),
+    (["enable-plax-recovery-mode", "-m", "7"], frame(22, ZERO_UUID + b"7\0\0\0\0"), b""),
+    (["enable-plax-recovery-mode", "-u", UUID], frame(22, ENCODED + b"0\0\0\0\0"), b""),
+    (["enable-plax-recovery-mode", "-u", ZERO_UUID], frame(22, ZERO_UUID + b"0\0\0\0\0"), b""),
+    (["enable-workitem", "-i", "PLACEMENT"], frame(24, b"1\0\0\0"), b""),
+    (["disable-workitem", "-i", "MANUAL_MOVE"], frame(25, b"22\0\0"), b""),
+    (["component-manual-move", "-u", UUID, "-n", UUID], frame(33, manual_move(ENCODED, 1, b"", 0)), b""),
+    (["component-manual-move", "-u", UUID, "-x", UUID], frame(33, manual_move(b"", 0, ENCODED, 1)), b""),
+    (["component-manual-move", "-u", UUID, "-n", "", "-n", UUID], frame(33, manual_move(ENCODED, 1, b"", 0)), b""),
+    (["set-global-exclusion-list", "-x", UUID], frame(34, exclusion_list(ENCODED, 1)), b""),
+    (["set-global-exclusion-list", "-x", ""], frame(34, exclusion_list(b"", 0)), b""),
+]
+
+
+@pytest.mark.parametrize("words, received, stdout", PASSING,
+                         ids=[" ".join(map(os.fsdecode, words)) for words, _, _ in PASSING])
+@pytest.mark.parametrize("extra", [[], ["crawler", "-", "--", "-1"]], ids=["", "and more words"])
+def test_passes(words, received, stdout, extra):
+    assert ask(SOCKET_OPTION, *words, *extra) == (succeeds(stdout), received)
+
+
+# The first of its checks that fails is reported: the UUID, then which list is given, then whether it is empty.
+@pytest.mark.parametrize("options, message", [
+    ([], NO_UUID),
+    (["-a"], NO_UUID),
+    (["-n", UUID], NO_UUID),
+    (["-a", "-n", UUID], NO_UUID),
+    (["-x", ""], NO_UUID),
+    (["-n", UUID, "-x", UUID], NO_UUID),
+    (["-u", UUID], NO_MOVE_LIST),
+    (["-u", UUID, "-n", UUID, "-x", UUID], NO_MOVE_LIST),
+    (["-u", UUID, "-n", "", "-x", ""], NO_MOVE_LIST),
+    (["-u", UUID, "-n", UUID, "-x", ""], NO_MOVE_LIST),
+    (["-u", UUID, "-n", "", "-x", UUID], NO_MOVE_LIST),
+    (["-u", UUID, "-l", UUID], NO_MOVE_LIST),
+    (["-u", UUID, "-n", ""], EMPTY_LIST),
+    (["-u", UUID, "-x", ""], EMPTY_LIST),
+    (["-u", UUID, "-n", UUID, "-n", ""], EMPTY_LIST),
+])
+def test_manual_move(options, message):
+    assert refuse(SOCKET_OPTION, "component-manual-move", *options) == usage_error(message)
+    assert refuse(*options, "component-manual-move", SOCKET_OPTION) == usage_error(message)
+
+
+# ---- The commands that ask for nothing. ----
+
+UNCHECKED = [
+    ("stats", frame(1), b""),
+    ("fitness-config-get", frame(3), b"\n"),
+    ("fitness-config-reset", frame(5), b""),
+    ("fitness-stats-get", frame(6), b"\n"),
+    ("fix-object-immediate", frame(8, ZERO_UUID), b""),
+    ("get-object-last-operation", frame(9, ZERO_UUID), b"\n"),
+    ("start-proactive-rebalance", frame(10, record("QdQQ", 86400, 0.3, 1800, 14913081)), b""),
+    ("stop-proactive-rebalance", frame(11), b""),
+    ("info-proactive-rebalance", frame(12), b"\n"),
+    ("fix-concats", frame(13), b""),
+    ("resources-to-fix-unhealthy-objects", frame(15, ZERO_UUID), b"\n"),
+    ("what-if-cancel", frame(18), b""),
+    ("force-reconfigure-the-object", frame(19, bytes(17)), b""),
+    ("update-plaxdb", frame(20, b"\0"), b""),
+    ("replace-plaxdb", frame(21, b"\0"), b""),
+    ("pause-decom-state-progress", frame(27), b""),
+    ("resume-decom-state-progress", frame(28), b""),
+    ("start-decom-state-heartbeat", frame(29), b""),
+    ("pause-failed-delta-entry-processing", frame(30), b""),
+    ("refresh-config-opts", frame(32), b""),
+]
+
+
+@pytest.mark.parametrize("extra", [[], ["default"], ["default", "-", "default", "crawler", "5", "stats", "", "-1"]],
+                         ids=["alone", "a word", "many words"])
+@pytest.mark.parametrize("word, received, stdout", UNCHECKED, ids=[row[0] for row in UNCHECKED])
+def test_no_rule(word, received, stdout, extra):
+    assert ask(SOCKET_OPTION, "--", word, *extra) == (succeeds(stdout), received)
+
+
+# ---- The word test of log-level and block-cdb-cb. ----
+
+# The largest unsigned long of the host that the tool was built for, and its neighbours.
+MAX = {32: "4294967295", 64: "18446744073709551615"}[LONG_BITS]
+BELOW = {32: "4294967294", 64: "18446744073709551614"}[LONG_BITS]
+ABOVE = {32: "4294967296", 64: "18446744073709551616"}[LONG_BITS]
+LARGEST_OF_32_BITS = "4294967295"
+
+WORD_TEST_COMMANDS = [("log-level", 7, NO_LEVEL), ("block-cdb-cb", 31, NO_CALLBACK)]
+word_test_commands = pytest.mark.parametrize("command, code, message", WORD_TEST_COMMANDS, ids=["log", "block"])
+
+# Long options in one word with their argument, the table's index of each.
+INDEXES = [
+    ("--timeout=1", 3), ("--uuid=" + UUID, 4), ("--uuid-list=" + UUID, 5), ("--json=x", 6), ("--file-path=x", 7),
+    ("--decom-mode=1", 8), ("--ensure-durability", 9), ("--reason=1", 10), ("--work-item=MOVE", 11),
+    ("--recovery-mode=1", 12), ("--wipe-disk", 13), ("--all", 14), ("--destination-list=" + UUID, 15),
+    ("--exclusion-list=" + UUID, 16), ("--exclusion-mode=1", 17),
+]
+
+
+def passes(code, words):
+    run, received = ask(*words)
+    return (run, received[:4]) == (succeeds(), code.to_bytes(4, "big"))
+
+
+# The word looked at has the option's index as its position: below the argument count there is one, and it passes; at
+# the count it fails; above the count it passes.
+@word_test_commands
+@pytest.mark.parametrize("option, index", INDEXES, ids=[option.split("=")[0] for option, _ in INDEXES])
+def test_word_test_and_argument_count(option, index, command, code, message):
+    for count in {max(index - 1, 4), index, index + 1} - {3}:
+        words = [SOCKET_OPTION, option, command, *["7"] * (count - 4)]
+        if count == index:
+            assert refuse(*words) == usage_error(message)
+        else:
+            assert passes(code, words)
+
+
+# The same where the index is that of a word which does not pass.
+@word_test_commands
+@pytest.mark.parametrize("option, index", INDEXES[1:], ids=[option.split("=")[0] for option, _ in INDEXES[1:]])
+def test_word_test_and_position(option, index, command, code, message):
+    for position in {max(index - 1, 4), index, index + 1}:
+        words = [SOCKET_OPTION, option, command, *["7"] * 16]
+        words[position - 1] = MAX
+        if position == index:
+            assert refuse(*words) == usage_error(message)
+        else:
+            assert passes(code, words)
+
+
+# Whether the word at position 4 passes.
+@word_test_commands
+@pytest.mark.parametrize("text, good", [
+    (MAX, False), (ABOVE, False), ("9" * 100, False), ("  " + MAX, False), ("+" + MAX, False), (MAX + "x", False),
+    ("0" * 100 + MAX, False), (LARGEST_OF_32_BITS, LONG_BITS == 64),
+    (BELOW, True), ("0", True), ("3", True), ("", True), ("level", True), ("x" + MAX, True), (" 2 ", True),
+    ("0xffffffffffffffff", True), ("ffffffffffffffff", True),
+])
+def test_word_test(text, good, command, code, message):
+    words = [SOCKET_OPTION, "--uuid=" + UUID, command, text]
+    if good:
+        assert passes(code, words)
+    else:
+        assert refuse(*words) == usage_error(message)
+
+
+# Negative words need the two hyphens: here the word is at position 6.
+@word_test_commands
+@pytest.mark.parametrize("text, good", [
+    ("-1", False), (" -1", False), ("-1.5", False), ("-" + ABOVE, False),
+    ("-2", True), ("-0", True), ("-", True), ("-x", True), ("- 1", True), ("-" + MAX, True),
+])
+def test_word_test_of_negative_words(text, good, command, code, message):
+    words = [SOCKET_OPTION, "--json=x", "--", command, "3", text]
+    if good:
+        assert passes(code, words)
+    else:
+        assert refuse(*words) == usage_error(message)
+
+
+# The position counts in the vector that option parsing leaves, with all options in front. CMD is the command's word.
+@word_test_commands
+@pytest.mark.parametrize("words, good", [
+    # Without a long option, the first argument, which is never a number then.
+    ([SOCKET_OPTION, "CMD"], True),
+    ([SOCKET_OPTION, "CMD", MAX], True),
+    (["CMD", MAX, SOCKET_OPTION], True),
+    (["CMD", MAX, "-s", SOCKET], True),
+    (["-o", MAX, SOCKET_OPTION, "CMD"], True),
+    # --output-path: the first argument too.
+    (["--output-path", MAX, SOCKET_OPTION, "CMD", MAX], True),
+    ([SOCKET_OPTION, "--output-path", MAX, "CMD", MAX], True),
+    # --socket-path: the second.
+    (["--socket-path", SOCKET, "CMD", MAX], True),
+    (["--socket-path=" + SOCKET, "CMD"], True),
+    (["--socket-path=" + SOCKET, "CMD", MAX], True),
+    (["--socket-path", MAX, "CMD", "3"], False),
+    (["--socket-path", "-1", "CMD", "3"], False),
+    (["CMD", "3", "--socket-path", MAX], False),
+    (["CMD", MAX, "--socket-path", SOCKET], True),  # the vector is permuted first
+    (["CMD", "--socket-path", MAX], False),
+    # --timeout: the third.
+    (["--timeout=1", "CMD"], False),
+    ([SOCKET_OPTION, "--timeout", "1", "CMD"], True),
+    (["--timeout=1", "CMD", MAX], False),
+    # --uuid: the fourth.
+    (["--uuid=" + UUID, "CMD", "3"], False),
+    ([SOCKET_OPTION, "--uuid", UUID, "CMD"], True),
+    ([SOCKET_OPTION, "--uuid", UUID, "CMD", MAX], True),
+    (["--uuid", UUID, "CMD", MAX], False),
+    (["--uuid", UUID, "CMD"], False),
+    # The last long option counts, abbreviated ones included; short ones do not.
+    ([SOCKET_OPTION, "--timeout=1", "--uuid-list=" + UUID, "CMD"], False),
+    ([SOCKET_OPTION, "--uuid-list=" + UUID, "--timeout=1", "CMD"], True),
+    ([SOCKET_OPTION, "--uuid-list=" + UUID, "-t1", "CMD"], False),
+    ([SOCKET_OPTION, "-a", "--j=x", "CMD", "7"], False),
+    ([SOCKET_OPTION, "--json=x", "-a", "CMD", "7"], False),
+    ([SOCKET_OPTION, "--uuid-=" + UUID, "CMD", "7"], False),
+    ([SOCKET_OPTION, "--uuid-=" + UUID, "CMD"], True),
+    ([SOCKET_OPTION, "-u" + UUID, "-a", "CMD"], True),
+    (["CMD", "7", "8", "--json=x", SOCKET_OPTION], False),
+    (["CMD", "--json=x", "7", SOCKET_OPTION, "8"], False),
+    (["CMD", "7", SOCKET_OPTION, "--", MAX, "--json=x"], True),  # no option any more
+])
+def test_word_test_position(words, good, command, code, message):
+    words = [command if word == "CMD" else word for word in words]
+    if good:
+        assert passes(code, words)
+    else:
+        assert refuse(*words) == usage_error(message)
+
+
+# The program's own name is not looked at.
+@own_program_name
+def test_word_test_and_program_name():
+    with ScriptedDaemon() as plaxd:
+        assert run_as(MAX, "-s", plaxd.path, "log-level") == succeeds()
+    assert plaxd.received == frame(7, MAX.encode())
+
+
+def test_word_test_with_the_uuid_apart():
+    # As a word of its own the UUID moves the level to the position that is looked at.
+    with_socket = [SOCKET_OPTION, "--uuid", UUID, "log-level", "3"]
+    assert ask(*with_socket) == (succeeds(), frame(7, b"3"))
+    assert refuse("--uuid", UUID, "log-level", "-s", "missing").stderr == b"connect error: No such file or directory\n"
+
+
+def test_log_level_with_a_level():
+    assert ask(SOCKET_OPTION, "log-level", "3") == (succeeds(), frame(7, b"3"))
+    assert ask("--socket-path", SOCKET, "log-level", "3") == (succeeds(), frame(7, b"3"))
+    assert ask(SOCKET_OPTION, "log-level", MAX) == (succeeds(), frame(7, MAX.encode()))
+    assert ask(SOCKET_OPTION, "log-level", "3", "4") == (succeeds(), frame(7, b"3"))
+
+
+def test_log_level_without_a_level():
+    assert ask(SOCKET_OPTION, "log-level") == (succeeds(), frame(7, os.fsencode(TOOL)))
+    assert ask("log-level", SOCKET_OPTION) == (succeeds(), frame(7, os.fsencode(TOOL)))
+
+
+@pytest.mark.parametrize("words, text", [
+    ([SOCKET_OPTION, "block-cdb-cb"], b"0:0:" + ZERO_UUID),
+    (["-o", "add", SOCKET_OPTION, "block-cdb-cb"], b"2:0:" + ZERO_UUID),
+    ([SOCKET_OPTION, "block-cdb-cb", "node", "add"], b"2:4:" + ZERO_UUID),
+    ([SOCKET_OPTION, "-u", UUID, "block-cdb-cb", "nonsense"], b"0:0:" + ENCODED),
+])
+def test_block_cdb_cb_needs_no_words(words, text):
+    assert ask(*words) == (succeeds(), frame(31, text + bytes(1024 - len(text))))

@@ -1,0 +1,204 @@
+// What reaches the system when a command connects: the receive time-out that is set by then, and the address.
+
+#include "command_settings.h"
+#include "connection.h"
+#include "driver.h"
+#include "system_calls.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <getopt.h>
+#include <sys/resource.h>
+#include <sys/un.h>
+
+namespace {
+
+struct Attempt {
+    timeval receiveTimeout{};
+    socklen_t addressLength = 0;
+    sockaddr_un address{};
+};
+
+// Takes down what connect gets, and refuses the connection.
+class ConnectionTest : public testing::Test {
+protected:
+    std::vector<Attempt> attempts;
+
+    void SetUp() override
+    {
+        systemCalls.connect = [this](int socket, const sockaddr *address, socklen_t length) {
+            Attempt attempt;
+            socklen_t size = sizeof attempt.receiveTimeout;
+            EXPECT_EQ(getsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &attempt.receiveTimeout, &size), 0);
+            attempt.addressLength = length;
+            memcpy(&attempt.address, address, std::min(size_t{length}, sizeof attempt.address));
+            attempts.push_back(attempt);
+            errno = ECONNREFUSED;
+            return -1;
+        };
+    }
+
+    void TearDown() override
+    {
+        systemCalls = {};
+    }
+};
+
+struct Ended {
+    QRT_ReturnStatus status;
+    std::string standardOutput;
+    std::string standardError;
+
+    bool operator==(const Ended &) const = default;
+};
+
+Ended RunWords(std::vector<std::string> words)
+{
+    words.insert(words.begin(), "plax-tool");
+    std::vector<char *> arguments;
+    for (std::string &word : words) {
+        arguments.push_back(word.data());
+    }
+    arguments.push_back(nullptr);
+    optind = 0; // begin anew
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    const QRT_ReturnStatus status = RunTool(static_cast<int>(words.size()), arguments.data());
+    fflush(stdout);
+    return {status, testing::internal::GetCapturedStdout(), testing::internal::GetCapturedStderr()};
+}
+
+const Ended kRefused{0xbad0001, "", "connect error: Connection refused\n"};
+
+struct TimeoutRow {
+    long seconds;
+    std::vector<std::string> words;
+};
+
+const char *const kUuid = "00010203-0405-0607-0809-0a0b0c0d0e0f";
+
+const TimeoutRow kTimeouts[] = {
+    {20, {"stats"}},
+    {20, {"crawler", "-a"}},
+    {20, {"fitness-config-get"}},
+    {20, {"fitness-config-set", "-j", "{}"}},
+    {20, {"fitness-config-reset"}},
+    {20, {"fitness-stats-get"}},
+    {20, {"log-level", "3"}},
+    {20, {"fix-object-immediate"}},
+    {20, {"get-object-last-operation"}},
+    {20, {"start-proactive-rebalance"}},
+    {20, {"stop-proactive-rebalance"}},
+    {20, {"info-proactive-rebalance"}},
+    {20, {"fix-concats"}},
+    {20, {"info-rebalance", "-a"}},
+    {1800, {"resources-to-fix-unhealthy-objects"}},
+    {1800, {"what-if-entity-decom", "-a"}},
+    {7200, {"what-if-upgrade", "-l", kUuid}},
+    {20, {"what-if-cancel"}},
+    {20, {"force-reconfigure-the-object"}},
+    {20, {"update-plaxdb"}},
+    {20, {"replace-plaxdb"}},
+    {20, {"enable-plax-recovery-mode", "-m", "1"}},
+    {20, {"get-obj-decom-state", "-a"}},
+    {20, {"enable-workitem", "-i", "MOVE"}},
+    {20, {"disable-workitem", "-i", "MOVE"}},
+    {20, {"get-obj-crawler-state", "-u", kUuid}},
+    {20, {"get-obj-crawler-state", "-a"}},
+    {20, {"pause-decom-state-progress"}},
+    {20, {"resume-decom-state-progress"}},
+    {20, {"start-decom-state-heartbeat"}},
+    {20, {"pause-failed-delta-entry-processing"}},
+    {20, {"block-cdb-cb", "add", "disk"}},
+    {20, {"refresh-config-opts"}},
+    {20, {"component-manual-move", "-u", kUuid, "-n", kUuid}},
+    {20, {"set-global-exclusion-list", "-x", ""}},
+    // Asking for another wait changes nothing.
+    {20, {"stats", "-t", "5"}},
+    {1800, {"resources-to-fix-unhealthy-objects", "-t", "0"}},
+    {7200, {"what-if-upgrade", "-l", kUuid, "-t", "1"}},
+};
+
+TEST_F(ConnectionTest, EveryCommandHasItsReceiveTimeoutWhenItConnects)
+{
+    static_assert(std::size(kTimeouts) == 34 + 1 + 3, "every command, both forms of one, and three with a wait");
+    for (const TimeoutRow &row : kTimeouts) {
+        SCOPED_TRACE(row.words[0]);
+        attempts.clear();
+        EXPECT_EQ(RunWords(row.words), kRefused);
+        ASSERT_EQ(attempts.size(), 1U) << "there is no second try";
+        EXPECT_EQ(attempts[0].receiveTimeout.tv_sec, row.seconds);
+        EXPECT_EQ(attempts[0].receiveTimeout.tv_usec, 0);
+    }
+}
+
+TEST_F(ConnectionTest, AddressIsPassedWholeAndZeroed)
+{
+    RunWords({"stats", "-s", "/tmp/plaxd"});
+    ASSERT_EQ(attempts.size(), 1U);
+    EXPECT_EQ(attempts[0].addressLength, 110U);
+    EXPECT_EQ(attempts[0].address.sun_family, AF_UNIX);
+    EXPECT_EQ(std::string(attempts[0].address.sun_path, 108), "/tmp/plaxd" + std::string(98, '\0'));
+}
+
+TEST_F(ConnectionTest, PathIsTheWellKnownOneByDefault)
+{
+    RunWords({"stats"});
+    ASSERT_EQ(attempts.size(), 1U);
+    EXPECT_EQ(std::string(attempts[0].address.sun_path, 108), "/var/run/plaxd.uds" + std::string(90, '\0'));
+}
+
+TEST_F(ConnectionTest, PathIsCutAndAlwaysTerminated)
+{
+    for (const size_t length : {0U, 1U, 106U, 107U, 108U, 109U, 120U, 5000U}) {
+        SCOPED_TRACE(length);
+        attempts.clear();
+        RunWords({"stats", "-s", std::string(length, 'p')});
+        ASSERT_EQ(attempts.size(), 1U);
+        const size_t kept = length < 107 ? length : 107;
+        EXPECT_EQ(attempts[0].addressLength, 110U);
+        EXPECT_EQ(std::string(attempts[0].address.sun_path, 108),
+                  std::string(kept, 'p') + std::string(108 - kept, '\0'));
+    }
+}
+
+TEST_F(ConnectionTest, TimeoutThatCannotBeSetEndsTheRun)
+{
+    systemCalls.setsockopt = [] {
+        errno = ENOPROTOOPT;
+        return -1;
+    };
+    EXPECT_EQ(RunWords({"stats"}), (Ended{0xbad0001, "", "set timeout error: Protocol not available\n"}));
+    EXPECT_EQ(attempts.size(), 0U);
+}
+
+TEST_F(ConnectionTest, SocketThatCannotBeMadeEndsTheRun)
+{
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlimit none{.rlim_cur = 0, .rlim_max = limit.rlim_max};
+    testing::internal::CaptureStderr();
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    const int socket = OpenDaemonConnection("/tmp/plaxd", 20);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "socket error: Too many open files\n");
+    EXPECT_EQ(socket, -1);
+    EXPECT_EQ(attempts.size(), 0U);
+}
+
+TEST_F(ConnectionTest, UsageErrorNeverConnects)
+{
+    const Ended ended = RunWords({"no-such-command"});
+    EXPECT_EQ(ended.status, 0xbad0001U);
+    EXPECT_EQ(ended.standardError, "Unrecognized command: no-such-command\n");
+    EXPECT_EQ(attempts.size(), 0U);
+}
+
+} // namespace
