@@ -108,7 +108,7 @@ inline constexpr CommandRow kCommands[] = {
 };
 // clang-format on
 
-constexpr bool RowsFollowCodes()
+consteval bool RowsFollowCodes()
 {
     uint32_t code = 0;
     for (const CommandRow &row : kCommands) {

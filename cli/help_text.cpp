@@ -11,7 +11,7 @@
 
 // Calls `append` with each piece of the text that follows the header.
 template <typename Append>
-static constexpr void ForEachPiece(Append append)
+static consteval void ForEachPiece(Append append)
 {
     for (const CommandRow &row : kCommands) {
         if (row.help != nullptr) {
@@ -29,14 +29,14 @@ static constexpr void ForEachPiece(Append append)
     }
 }
 
-static constexpr size_t ListingLength()
+static consteval size_t ListingLength()
 {
     size_t length = 0;
     ForEachPiece([&length](std::string_view piece) { length += piece.size(); });
     return length;
 }
 
-static constexpr auto MakeListing()
+static consteval auto MakeListing()
 {
     std::array<char, ListingLength() + 1> listing{}; // the last character stays zero and ends the text
     auto end = listing.begin();

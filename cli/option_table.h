@@ -70,7 +70,7 @@ constexpr const OptionRow *FindOption(int letter)
     return nullptr;
 }
 
-constexpr bool ShortOptionsFollowTable()
+consteval bool ShortOptionsFollowTable()
 {
     constexpr std::string_view kShort = kShortOptions;
     size_t argumentsRequired = 0;
@@ -89,7 +89,7 @@ constexpr bool ShortOptionsFollowTable()
 }
 static_assert(ShortOptionsFollowTable());
 
-constexpr bool HelpOrderFollowsTable()
+consteval bool HelpOrderFollowsTable()
 {
     for (const OptionRow &row : kOptions) {
         if (kOptionHelpOrder.find(row.letter) == kOptionHelpOrder.npos) {

@@ -6,7 +6,7 @@
 
 #include <array>
 
-static constexpr auto MakeLongOptions()
+static consteval auto MakeLongOptions()
 {
     std::array<option, std::size(kOptions) + 1> longOptions{}; // the last entry stays zero and ends the table
     for (size_t i = 0; i < std::size(kOptions); ++i) {

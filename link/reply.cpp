@@ -73,7 +73,7 @@ QRT_ReturnStatus HandleReply(ReplyClass replyClass, int socket, QRT_ReturnStatus
     case ReplyClass::Streamed:
         return StreamReply(socket, settings.outputPath);
     case ReplyClass::StreamedForAllObjects:
-        return settings.all != 0 ? StreamReply(socket, settings.outputPath) : PrintReply(socket);
+        break;
     }
-    __builtin_unreachable();
+    return settings.all != 0 ? StreamReply(socket, settings.outputPath) : PrintReply(socket);
 }
