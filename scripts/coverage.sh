@@ -1,0 +1,25 @@
+#!/usr/bin/env bash
+# Measures what the whole test suite covers of the tool's own rooms: lines, branches and the conditions within decisions
+# (MC/DC). Fails when anything is not covered that tests/coverage/exceptions.txt does not list, or when that file lists
+# something that is covered.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/install-packages.sh build test coverage
+build=$PWD/build/coverage
+rm -rf "$build"
+mkdir -p "$build/profiles"
+clang++-19 -c tests/coverage/write_profile_on_abort.cpp -o "$build/write_profile_on_abort.o"
+cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DPLAX_BUILD_STANDIN=OFF -DCMAKE_CXX_COMPILER=clang++-19 \
+    -DCMAKE_CXX_FLAGS="-fprofile-instr-generate -fcoverage-mapping -fcoverage-mcdc" \
+    -DCMAKE_EXE_LINKER_FLAGS="$build/write_profile_on_abort.o" >/dev/null
+cmake --build "$build"
+LLVM_PROFILE_FILE="$build/profiles/%p-%m.profraw" ctest --test-dir "$build" --output-on-failure
+
+find "$build/profiles" -name '*.profraw' >"$build/profiles.list"
+llvm-profdata-19 merge -sparse --failure-mode=all --input-files="$build/profiles.list" -o "$build/merged.profdata"
+measured=("$build/sbin/plax-tool" -object "$build/bin/unit-tests" -instr-profile "$build/merged.profdata"
+    -compilation-dir "$PWD" "$PWD/cli" "$PWD/link" "$PWD/requests")
+llvm-cov-19 report -show-mcdc-summary "${measured[@]}"
+llvm-cov-19 export "${measured[@]}" >"$build/coverage.json"
+tests/coverage/check_coverage.py "$build/coverage.json" tests/coverage/exceptions.txt
