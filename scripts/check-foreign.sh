@@ -8,7 +8,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 # These tests are about other programs than the tool, or load a library of this machine into it.
-not_about_the_tool=(completions fault_injection fleet hardening load readme rehearsal standin tables_agree)
+not_about_the_tool=(completions fault_injection hardening tables_agree)
 
 check() {
     local architecture=$1 triplet=$2 emulator=$3 byte_order=$4 long_bits=$5

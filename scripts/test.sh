@@ -5,6 +5,6 @@ cd "$(dirname "$0")/.."
 
 preset=${1:-release}
 scripts/install-packages.sh build test
-cmake --preset "$preset" >/dev/null
+cmake --preset "$preset" -DBUILD_TESTING=ON >/dev/null
 cmake --build --preset "$preset"
 ctest --preset "$preset"

@@ -1,0 +1,40 @@
+// The tables as text.
+
+#include "command_table.h"
+#include "option_table.h"
+#include "shells.h"
+#include "work_items.h"
+
+#include <ostream>
+
+static const char *ReplyClassName(ReplyClass replyClass)
+{
+    switch (replyClass) {
+    case ReplyClass::Printed:
+        return "printed";
+    case ReplyClass::Checked:
+        return "checked";
+    case ReplyClass::None:
+        return "none";
+    case ReplyClass::Streamed:
+        return "streamed";
+    case ReplyClass::StreamedForAllObjects:
+        return "streamed for all objects";
+    }
+    __builtin_unreachable();
+}
+
+void WriteTables(std::ostream &out)
+{
+    for (const CommandRow &row : kCommands) {
+        out << "command\t" << row.word << '\t' << row.receiveTimeoutSec << '\t' << ReplyClassName(row.replyClass)
+            << '\t' << (row.help == nullptr ? "" : row.help) << '\n';
+    }
+    for (const OptionRow &row : kOptions) {
+        out << "option\t" << row.letter << '\t' << row.longName << '\t'
+            << (row.argumentKind == required_argument ? "required" : "none") << '\t' << row.help << '\n';
+    }
+    for (const WorkItem &item : kWorkItems) {
+        out << "work item\t" << item.name << '\n';
+    }
+}

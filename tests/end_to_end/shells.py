@@ -1,0 +1,218 @@
+"""Completion as a person at a terminal gets it: what bash, zsh and fish offer for a command line.
+
+PLAX_COMPLETIONS names the folder with the generated files. bash and zsh run on a terminal of their own, find the file
+in the way that they find installed ones, and complete through their line editors; fish completes a line by itself.
+
+Each shell's function takes the line up to the cursor, and gives the offers in the shell's order:
+
+    assert zsh("plax-tool -o out fitn") == [Offer("fitness-stats-get", "Get current fitness stats for each disk")]
+
+Every shell works in a folder that holds the file `answer.txt` and the folder `answers`.
+"""
+
+import atexit
+import fcntl
+import functools
+import os
+import pty
+import select
+import shlex
+import struct
+import subprocess
+import tempfile
+import termios
+import threading
+import time
+from pathlib import Path
+from typing import NamedTuple
+
+COMPLETIONS = Path(os.environ["PLAX_COMPLETIONS"]).resolve()
+PATIENCE = 30  # seconds after which a shell that should have answered is given up
+
+
+class Offer(NamedTuple):
+    word: str
+    description: str = ""
+
+
+# In both start-up files the function `report` ends an answer, and the line is empty again after it.
+
+BASH_START = r"""
+PS1=
+. /usr/share/bash-completion/bash_completion
+bind 'set completion-display-width 0' 'set completion-query-items 0' 'set page-completions off'
+bind 'set enable-bracketed-paste off' 'set bell-style none'
+bind '"\C-xi": insert-completions' '"\C-xl": possible-completions'
+report() {
+    printf '%s\0' "$READLINE_LINE" >&"$REPORT"
+    READLINE_LINE=
+    READLINE_POINT=0
+}
+bind -x '"\C-xr": report'
+"""
+
+# Completion functions hand their matches to compadd. The one here notes those that fit the word at the cursor, each
+# with the text that would be shown for it, and adds none. Calls that fill arrays for their caller go through.
+ZSH_START = r"""
+PS1=
+fpath=($COMPLETIONS $fpath)
+autoload -Uz compinit
+compinit -D -u
+zstyle ':completion:*' verbose yes
+zstyle ':completion:*' list-grouped no
+compadd() {
+    if [[ -n ${(M)@[1,(i)(-|--)]:#-[OAD]} ]]; then
+        builtin compadd "$@"
+        return
+    fi
+    local -a display words texts ignored
+    zparseopts -E -a ignored d:=display
+    display=($display[2])
+    [[ -z $display ]] || texts=("${(@P)display}")
+    builtin compadd -A words ${display:+-D} ${display:+texts} "$@"
+    local i
+    for (( i = 1; i <= $#words; ++i )); do
+        print -rnu $REPORT -- "$words[i]"$'\t'"$texts[i]"$'\n'
+    done
+    # The caller goes on with other kinds of matches unless some were added.
+    (( $#words > 0 ))
+}
+offer() {
+    _main_complete
+    print -nu $REPORT '\0'
+    compstate[insert]=
+    compstate[list]=
+}
+zle -C offer complete-word offer
+report() {
+    print -nu $REPORT '\0'
+    BUFFER=
+}
+zle -N report
+bindkey '^Xi' offer '^Xr' report
+"""
+
+
+class Terminal:
+    """A shell on a terminal of its own. Keys go in, and what the shell reports comes back up to a zero byte."""
+
+    def __init__(self, command, home, **environment):
+        self.home = home
+        self.folder = tempfile.TemporaryDirectory(prefix="plax-shell-")
+        prepare_folder(self.folder.name)
+        self.master, slave = pty.openpty()
+        fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 100, 400, 0, 0))
+        self.reports, report = os.pipe()
+        self.process = subprocess.Popen(
+            command, stdin=slave, stdout=slave, stderr=slave, pass_fds=[report], cwd=self.folder.name,
+            start_new_session=True, preexec_fn=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0),
+            env={**clean_environment(home.name), "TERM": "vt100", "REPORT": str(report), **environment})
+        os.close(slave)
+        os.close(report)
+        self.screen = b""
+        threading.Thread(target=self._read_screen, daemon=True).start()
+        atexit.register(self._close)
+
+    def _read_screen(self):
+        try:
+            while piece := os.read(self.master, 65536):
+                self.screen += piece
+        except OSError:
+            pass  # the shell is gone
+
+    def press(self, keys):
+        """Presses the keys and gives the shell's next report."""
+        os.write(self.master, keys.encode())
+        report = b""
+        while not report.endswith(b"\0"):
+            ready, _, _ = select.select([self.reports], [], [], PATIENCE)
+            piece = os.read(self.reports, 65536) if ready else b""
+            assert piece, f"the shell does not answer: {report!r}, {self.screen[-2000:]!r}"
+            report += piece
+        return report[:-1].decode()
+
+    def _close(self):
+        self.process.kill()
+        self.process.wait()
+        self.folder.cleanup()
+        self.home.cleanup()
+
+
+def prepare_folder(folder):
+    Path(folder, "answer.txt").touch()
+    Path(folder, "answers").mkdir()
+
+
+def clean_environment(home):
+    # fish completes no command that it does not find.
+    path = f"{os.path.dirname(os.environ['PLAX_TOOL'])}:/usr/sbin:/usr/bin:/sbin:/bin"
+    return {"HOME": home, "PATH": path, "LC_ALL": "C.UTF-8"}
+
+
+@functools.cache
+def bash_terminal():
+    home = tempfile.TemporaryDirectory(prefix="plax-bash-")
+    Path(home.name, "completions").symlink_to(COMPLETIONS)
+    start = Path(home.name, "start")
+    start.write_text(BASH_START)
+    return Terminal(["bash", "--noprofile", "--rcfile", start, "-i"], home, BASH_COMPLETION_USER_DIR=home.name)
+
+
+def bash(line):
+    """Inserts all offers into the line, as the shell does on demand, and takes them from there."""
+    full = bash_terminal().press(line + "\x18i\x18r")
+    start = line.rfind(" ") + 1
+    if "=" in line[start:]:
+        start = line.rindex("=") + 1
+    assert full.startswith(line[:start])
+    if full == line:
+        return []  # without an offer the line stays as it was typed
+    return [Offer(word) for word in shlex.split(full[start:])]
+
+
+def bash_list(line):
+    """The rows of the list that the shell shows when asked for the possibilities. The line is shown again below it."""
+    terminal = bash_terminal()
+    shown = len(terminal.screen)
+    terminal.press(line + "\x18l\x18r")
+    deadline = time.monotonic() + PATIENCE
+    while terminal.screen[shown:].count(line.encode()) < 2:
+        assert time.monotonic() < deadline, f"no list: {terminal.screen[shown:]!r}"
+        time.sleep(0.01)
+    rows = terminal.screen[shown:].decode().split("\r\n")
+    return rows[1:-1]
+
+
+@functools.cache
+def zsh_terminal():
+    home = tempfile.TemporaryDirectory(prefix="plax-zsh-")
+    Path(home.name, ".zshrc").write_text(ZSH_START)
+    return Terminal(["zsh", "-d", "-i"], home, ZDOTDIR=home.name, COMPLETIONS=str(COMPLETIONS))
+
+
+def zsh(line):
+    terminal = zsh_terminal()
+    report = terminal.press(line + "\x18i")
+    terminal.press("\x18r")
+    return [zsh_offer(row) for row in report.splitlines()]
+
+
+def zsh_offer(row):
+    word, shown = row.split("\t")
+    # What is shown is "word  -- description", or the word alone.
+    return Offer(word, shown.partition(" -- ")[2])
+
+
+def fish(line):
+    """Offers are printed by the shell one a line."""
+    with tempfile.TemporaryDirectory(prefix="plax-fish-") as home:
+        prepare_folder(home)
+        script = f"set fish_complete_path {shlex.quote(str(COMPLETIONS))}; complete -C {shlex.quote(line)}"
+        run = subprocess.run(["fish", "--no-config", "-c", script], cwd=home, env=clean_environment(home),
+                             stdin=subprocess.DEVNULL, capture_output=True, text=True, check=True, timeout=PATIENCE)
+    assert run.stderr == ""
+    return [Offer(*row.split("\t")) for row in run.stdout.splitlines()]
+
+
+def words(offers):
+    return [offer.word for offer in offers]

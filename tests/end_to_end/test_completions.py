@@ -1,0 +1,229 @@
+"""The completions, as bash, zsh and fish offer them at a prompt."""
+
+import pytest
+from shells import Offer, bash, bash_list, fish, words, zsh
+
+SHELLS = [bash, zsh, fish]
+
+# Word and description of every advertised command.
+COMMANDS = [
+    ("block-cdb-cb", "block certain cdb callbacks for testing"),
+    ("component-manual-move", "Move the component based on given destination list or exclusion list"),
+    ("crawler", "Queue crawler run on an object specified by -u/--uuid"),
+    ("disable-workitem", "Disable work item type specified by -i/--work-item"),
+    ("enable-plax-recovery-mode", "Put PLAX in recovery mode"),
+    ("enable-workitem", "Enable work item type specified by -i/--work-item"),
+    ("fitness-stats-get", "Get current fitness stats for each disk"),
+    ("fix-concats", "Fix concats for all objects owned by the node now"),
+    ("fix-object-immediate", "Fix absent and degraded components in object immediately"),
+    ("force-reconfigure-the-object", "Force apply the new object configuration to the object"),
+    ("get-obj-crawler-state", "Get crawler state of an object specified by -u/--uuid OR Get crawler stats of all "
+                              "objects with -a/--all"),
+    ("info-proactive-rebalance", "Get the info of proactive rebalance"),
+    ("info-rebalance", "Get the info of rebalance for a disk specified by -u/--uuid"),
+    ("log-level", "Set plaxd log level"),
+    ("pause-decom-state-progress", "pause progressing the decom state machine"),
+    ("pause-failed-delta-entry-processing", "pause the controller PLAX just before it processes a failed delta entry"),
+    ("refresh-config-opts", "Refresh advanced config options"),
+    ("replace-plaxdb", "Update nodes/disks/DOM_objects in plaxdb, delete not present objects"),
+    ("resources-to-fix-unhealthy-objects", "Resources required to fix unhealthy objects"),
+    ("resume-decom-state-progress", "resume progressing the decom state machine"),
+    ("set-global-exclusion-list", "Set global exclusion list so that none of new component goes to excluded "
+                                  "disk/dg/host/fd as per exclusion mode"),
+    ("start-decom-state-heartbeat", "start the heartbeat of state in decom state machine"),
+    ("start-proactive-rebalance", "Start proactive rebalance"),
+    ("stats", "Retrieve PLAX stats"),
+    ("stop-proactive-rebalance", "Stop proactive rebalance"),
+    ("update-plaxdb", "Update nodes/disks/DOM_objects in plaxdb"),
+    ("what-if-cancel", "Cancel on-going what-if operation"),
+    ("what-if-entity-decom", "Resources needed for entity decommissioning"),
+    ("what-if-upgrade", "Resources needed for host or disk upgrade"),
+]
+
+# Letter, long name and description of every option.
+OPTIONS = [
+    ("h", "help", "Print this help text"),
+    ("o", "output-path", "Write output to a file"),
+    ("s", "socket-path", "Alternative Unix Domain Socket path"),
+    ("t", "timeout", "Max time for wait (0 for infinite wait)"),
+    ("u", "uuid", "Entry uuid"),
+    ("l", "uuid-list", "List of uuids (comma separated)"),
+    ("j", "json", "Stringified JSON object"),
+    ("f", "file-path", "File with new configuration for object"),
+    ("d", "decom-mode", "Entity decomMode"),
+    ("e", "ensure-durability", "ensure data durability in ensure access decom"),
+    ("r", "reason", "Reason for what-if-upgrade"),
+    ("i", "work-item", "Work item type name"),
+    ("m", "recovery-mode", "Recovery mode"),
+    ("w", "wipe-disk", "Wipe disk in what-if-upgrade"),
+    ("a", "all", "Print crawler states of all objects owned by this node"),
+    ("n", "destination-list", "List of uuids for destination disk/dg/host/FD"),
+    ("x", "exclusion-list", "List of uuids for exclusion disk/dg/host/FD"),
+    ("X", "exclusion-mode", "Exclusion mode"),
+]
+
+WORK_ITEMS = [
+    "CHANGE", "CHANGE_PENDING", "CLEANUP", "COMPLIANCE", "CONCAT", "DECOM", "DECOM_CLEANUP", "DELTA_DECOM",
+    "FIX_FD_IDS", "FORCE_RECONFIGURE", "FORCE_REPAIR", "FORMAT_CHANGE", "MANUAL_MOVE", "MOVE", "PLACEMENT",
+    "PROACTIVE_REBALANCE", "REACTIVE_REBALANCE", "RECOVERY", "REPAIR", "UNPLANNED_DELTA", "VOTES_REBALANCE",
+]
+
+NUMBERS = {
+    ("-d", "--decom-mode"): [("0", "noAction"), ("1", "ensureAcces"), ("2", "evacAllData")],
+    ("-r", "--reason"): [("0", "none"), ("1", "disable dedup"), ("2", "enable encryption"),
+                         ("3", "disable dedup and enforce encryption")],
+    ("-m", "--recovery-mode"): [("1", "REPAIR"), ("2", "REBALANCE"), ("3", "COMPLIANCE"), ("4", "POLICY"),
+                                ("5", "CONCAT"), ("6", "DELTA"), ("7", "ALL, except DELTA")],
+    ("-X", "--exclusion-mode"): [("0", "applicable to all new components"), ("1", "ignoreForWitness"),
+                                 ("2", "ignoreForNewPlacement"), ("3", "ignoreForWitnessAndNewPlacement")],
+}
+
+# An option, the way to its argument, and the numbers there.
+NUMBER_CASES = [(option, separator, numbers) for names, numbers in NUMBERS.items() for option in names
+                for separator in ([" ", "="] if option.startswith("--") else [" "])]
+
+CALLBACK_WORDS = ["add", "delete", "disk", "node", "object", "update"]
+
+all_shells = pytest.mark.parametrize("shell", SHELLS)
+describing_shells = pytest.mark.parametrize("shell", [zsh, fish])
+
+
+def values(offers, option):
+    """The offered words. fish gives a value that is joined to a long option together with it."""
+    return [word.removeprefix(option + "=") for word in words(offers)]
+
+
+@all_shells
+def test_advertised_commands(shell):
+    assert sorted(words(shell("plax-tool "))) == [word for word, _ in COMMANDS]
+
+
+@describing_shells
+def test_descriptions_of_commands(shell):
+    assert sorted(shell("plax-tool ")) == [Offer(*command) for command in COMMANDS]
+
+
+@all_shells
+def test_begun_command(shell):
+    assert sorted(words(shell("plax-tool sta"))) == [
+        "start-decom-state-heartbeat", "start-proactive-rebalance", "stats"]
+
+
+@all_shells
+@pytest.mark.parametrize("word", ["fitness-config", "get-object-last", "get-obj-decom", "nonsense"])
+def test_unlisted_and_unknown_commands(shell, word):
+    assert shell(f"plax-tool {word}") == []
+
+
+@all_shells
+@pytest.mark.parametrize("before", ["", "stats ", "-a stats "])
+def test_options(shell, before):
+    # zsh leaves out what has been given already.
+    given = {"-a", "--all"} if shell is zsh and before.startswith("-a") else set()
+    names = {f"-{letter}" for letter, _, _ in OPTIONS} | {f"--{long_name}" for _, long_name, _ in OPTIONS}
+    offered = words(shell(f"plax-tool {before}-"))
+    assert sorted(offered) == sorted(names - given)
+
+
+@all_shells
+def test_begun_long_option(shell):
+    assert sorted(words(shell("plax-tool --exclusion"))) == ["--exclusion-list", "--exclusion-mode"]
+
+
+@describing_shells
+def test_descriptions_of_options(shell):
+    expected = [Offer(f"-{letter}", text) for letter, _, text in OPTIONS]
+    expected += [Offer(f"--{long_name}", text) for _, long_name, text in OPTIONS]
+    assert sorted(shell("plax-tool -")) == sorted(expected)
+
+
+@all_shells
+@pytest.mark.parametrize("before", ["-o ", "-s ", "-f ", "--output-path ", "--socket-path ", "--file-path ",
+                                    "--output-path=", "--socket-path=", "--file-path=",
+                                    "stats -o ", "-ao ", "-weas ", "-m 1 -f ", "-- -o ", "-o x --socket-path="])
+def test_file_names(shell, before):
+    option = before.split(" ")[-1].removesuffix("=")
+    offered = [word.removesuffix("/") for word in values(shell(f"plax-tool {before}"), option)]
+    # Behind "--" there are words only, and "-o" is the command, wrong as it is.
+    assert offered == ([] if before.startswith("-- ") else ["answer.txt", "answers"])
+
+
+@all_shells
+def test_begun_file_name(shell):
+    assert words(shell("plax-tool -o answer.")) == ["answer.txt"]
+
+
+@all_shells
+@pytest.mark.parametrize("before", ["-i ", "--work-item ", "--work-item=", "enable-workitem -i ", "-ai "])
+def test_work_items(shell, before):
+    assert sorted(values(shell(f"plax-tool {before}"), "--work-item")) == WORK_ITEMS
+
+
+@all_shells
+def test_begun_work_item(shell):
+    assert sorted(words(shell("plax-tool -i M"))) == ["MANUAL_MOVE", "MOVE"]
+
+
+@all_shells
+@pytest.mark.parametrize("option, separator, numbers", NUMBER_CASES)
+def test_numbers(shell, option, separator, numbers):
+    offered = shell(f"plax-tool {option}{separator}")
+    assert values(offered, option) == [number for number, _ in numbers]
+    if shell is not bash:
+        assert [offer.description for offer in offered] == [meaning for _, meaning in numbers]
+
+
+@pytest.mark.parametrize("option, separator, numbers", NUMBER_CASES)
+def test_bash_lists_numbers_with_their_meanings(option, separator, numbers):
+    assert bash_list(f"plax-tool {option}{separator}") == [f"{number}  {meaning}" for number, meaning in numbers]
+
+
+@all_shells
+@pytest.mark.parametrize("option", ["-t", "-u", "-l", "-j", "-n", "-x", "--timeout", "--uuid", "--uuid-list", "--json",
+                                    "--destination-list", "--exclusion-list"])
+def test_arguments_that_nobody_can_guess(shell, option):
+    assert shell(f"plax-tool {option} ") == []
+
+
+@all_shells
+@pytest.mark.parametrize("command", [word for word, _ in COMMANDS
+                                     if word not in ("start-proactive-rebalance", "block-cdb-cb")])
+def test_no_second_word(shell, command):
+    # The level of log-level is the daemon's affair.
+    assert shell(f"plax-tool {command} ") == []
+
+
+@all_shells
+@pytest.mark.parametrize("before, offered", [
+    ("", ["default"]),
+    ("3600 0.3 ", ["default"]),
+    ("default default default ", ["default"]),
+    ("1 2 3 4 ", []),
+    ("-a ", ["default"]),
+])
+def test_words_of_start_proactive_rebalance(shell, before, offered):
+    assert words(shell(f"plax-tool start-proactive-rebalance {before}")) == offered
+
+
+@all_shells
+@pytest.mark.parametrize("before, offered", [
+    ("", CALLBACK_WORDS),
+    ("add ", CALLBACK_WORDS),
+    ("add disk ", []),
+    ("d", ["delete", "disk"]),
+])
+def test_words_of_block_cdb_cb(shell, before, offered):
+    assert sorted(words(shell(f"plax-tool block-cdb-cb {before}"))) == offered
+
+
+@all_shells
+@pytest.mark.parametrize("before", ["-o stats ", "--output-path=stats ", "--output-path stats ", "-ostats ", "-s a:b ",
+                                    """-j '{"a": 1}' """, "-aw ", "-- ", "-m 1 --work-item MOVE "])
+def test_command_behind_options(shell, before):
+    assert words(shell(f"plax-tool {before}fitn")) == ["fitness-stats-get"]
+
+
+@all_shells
+@pytest.mark.parametrize("before", ["-o out stats ", "-- stats ", "stats -o out ", "stats --socket-path=x "])
+def test_no_command_behind_a_command(shell, before):
+    assert shell(f"plax-tool {before}fitn") == []
