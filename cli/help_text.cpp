@@ -39,7 +39,7 @@ static consteval size_t ListingLength()
 static consteval auto MakeListing()
 {
     std::array<char, ListingLength() + 1> listing{}; // the last character stays zero and ends the text
-    auto end = listing.begin();
+    char *end = listing.data();
     ForEachPiece([&end](std::string_view piece) {
         for (const char character : piece) {
             *end++ = character;

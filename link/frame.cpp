@@ -47,8 +47,8 @@ static size_t SizeWithTerminator(uint32_t length)
 static void ProvidePages(char *payload, size_t size)
 {
     static constexpr uintptr_t kPageSize = 4096;
-    static constexpr size_t kSizeMin = 128 * 1024;
-    static constexpr size_t kSizeMax = 4 * 1024 * 1024;
+    static constexpr size_t kSizeMin = size_t{128} << 10;
+    static constexpr size_t kSizeMax = size_t{4} << 20;
     if (size >= kSizeMin && size <= kSizeMax) {
         const uintptr_t offset = reinterpret_cast<uintptr_t>(payload) % kPageSize;
         madvise(payload - offset, size + offset, MADV_POPULATE_WRITE);

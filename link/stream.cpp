@@ -16,7 +16,7 @@
 #include <cstring>
 
 static constexpr size_t kChunkSizeMax = 1023;
-static constexpr size_t kBufferSize = 64 * 1024;
+static constexpr size_t kBufferSize = size_t{64} << 10;
 static constexpr mode_t kOutputFileMode = 0666;
 
 struct StreamBuffer {
