@@ -9,13 +9,13 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-extern "C" ssize_t send(int socket, const void *bytes, size_t length, int flags)
+extern "C" ssize_t send(int fd, const void *buf, size_t n, int flags)
 {
     static int count = 0;
     const char *held = getenv("PLAX_HANGUP_BEFORE_SEND");
     if (held != nullptr && ++count == atoi(held)) {
-        pollfd peer{.fd = socket, .events = 0, .revents = 0};
+        pollfd peer{.fd = fd, .events = 0, .revents = 0};
         poll(&peer, 1, -1);
     }
-    return syscall(SYS_sendto, socket, bytes, length, flags, nullptr, 0);
+    return syscall(SYS_sendto, fd, buf, n, flags, nullptr, 0);
 }

@@ -63,6 +63,7 @@ Ended RunWords(std::vector<std::string> words)
 {
     words.insert(words.begin(), "plax-tool");
     std::vector<char *> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string &word : words) {
         arguments.push_back(word.data());
     }

@@ -101,13 +101,13 @@ TEST(SafeAllocation, GivesMemory)
 void MallocWithoutMemory()
 {
     systemCalls.outOfMemory = true;
-    static_cast<volatile char *>(PLAX_SafeMalloc(1))[0] = 1;
+    free(PLAX_SafeMalloc(1));
 }
 
 void CallocWithoutMemory()
 {
     systemCalls.outOfMemory = true;
-    static_cast<volatile char *>(PLAX_SafeCalloc(1, 1))[0] = 1;
+    free(PLAX_SafeCalloc(1, 1));
 }
 
 TEST(SafeAllocationDeathTest, PanicsWithoutMemory)
