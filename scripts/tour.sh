@@ -1,0 +1,62 @@
+#!/usr/bin/env bash
+# Runs a tour of commands against a stand-in daemon on a socket of its own, with the plax-tool and the plaxd-standin
+# that are found in PATH. Shows each command line, its output and its exit status, and fails when a status is not the
+# expected one. Leaves nothing behind.
+set -euo pipefail
+
+folder=$(mktemp -d)
+standin=
+clean_up() {
+    [[ -z $standin ]] || kill "$standin" 2>/dev/null || true
+    wait
+    rm -rf "$folder"
+}
+trap clean_up EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM HUP
+cd "$folder"
+
+cat >answers.json <<'JSON'
+{"answers": {"what-if-cancel": {"status": 2, "text": "no what-if operation is running"}}}
+JSON
+plaxd-standin serve --socket plaxd.uds --log standin.log --answers answers.json &
+standin=$!
+for ((tries = 0; tries < 100; ++tries)); do
+    [[ ! -S plaxd.uds ]] || break
+    kill -0 "$standin" # it has ended: there is nothing to wait for
+    sleep 0.05
+done
+
+# step EXPECTED WORD...: shows one command line, its output and its exit status, which must be the expected one.
+step() {
+    local expected=$1 status=0
+    shift
+    printf '$ %s\n' "$*"
+    "$@" || status=$?
+    printf '[exit status %d]\n\n' "$status"
+    if ((status != expected)); then
+        echo "tour: the exit status should have been $expected" >&2
+        exit 1
+    fi
+}
+
+uuid=52e6f3a1-0c94-4d1b-9a77-3f2b8c5d6e01
+other=52e6f3a1-0c94-4d1b-9a77-3f2b8c5d6e02
+
+echo "# A printed answer, a checked one, a streamed one to standard output and to a file, a command without an answer"
+step 0 plax-tool -s plaxd.uds fitness-stats-get
+step 0 plax-tool -s plaxd.uds fix-concats
+step 0 plax-tool -s plaxd.uds stats
+step 0 plax-tool -s plaxd.uds -o stats.txt stats
+step 0 cat stats.txt
+step 0 plax-tool -s plaxd.uds refresh-config-opts
+echo "# A what-if, a manual move and a callback block"
+step 0 plax-tool -s plaxd.uds -u "$uuid" -d 1 -e what-if-entity-decom
+step 0 plax-tool -s plaxd.uds -u "$uuid" -n "$other" component-manual-move
+step 0 plax-tool -s plaxd.uds -u "$uuid" block-cdb-cb add disk
+echo "# An error from the daemon, a daemon that is not there, and a command line that lacks something"
+step 2 plax-tool -s plaxd.uds what-if-cancel
+step 1 plax-tool -s nobody.uds stats
+step 1 plax-tool -s plaxd.uds crawler
+echo "# What the daemon saw"
+step 0 cat standin.log

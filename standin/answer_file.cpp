@@ -1,0 +1,416 @@
+// The file is checked whole: a user who has made three mistakes wants to hear of three. A place in the file is a JSON
+// pointer, such as /answers/stats/0/status. docs/standin-answers.schema.json says the same as this file does.
+
+#include "answer_file.h"
+
+#include "descriptor.h"
+
+#include <algorithm>
+#include <charconv>
+#include <filesystem>
+#include <initializer_list>
+#include <limits>
+#include <optional>
+#include <set>
+#include <stdexcept>
+
+using Json = nlohmann::json;
+using Place = Json::json_pointer;
+
+namespace {
+
+struct Reader {
+    std::filesystem::path folder; // payload files are named from here
+    std::vector<std::string> errors;
+};
+
+} // namespace
+
+static void Report(Reader *reader, const Place &place, const std::string &what)
+{
+    const std::string pointer = place.to_string();
+    reader->errors.push_back((pointer.empty() ? "/" : pointer) + ": " + what);
+}
+
+// ---- Keys that are given twice: a JSON object keeps the last one only, so they are noticed while it is parsed. ----
+
+namespace {
+
+// An object or an array that the parser is inside of.
+struct Level {
+    bool isArray;
+    size_t count = 0; // of the array's elements so far
+    std::string key;  // the object's latest
+    std::set<std::string> keys;
+};
+
+struct KeyWatch {
+    Reader *reader;
+    std::vector<Level> levels;
+};
+
+} // namespace
+
+static Place PlaceOf(const std::vector<Level> &levels)
+{
+    Place place;
+    for (const Level &level : levels) {
+        if (level.isArray) {
+            place /= level.count - 1;
+        } else {
+            place /= level.key;
+        }
+    }
+    return place;
+}
+
+static void WatchKey(KeyWatch *watch, const std::string &key)
+{
+    Level &level = watch->levels.back();
+    level.key = key;
+    if (!level.keys.insert(key).second) {
+        Report(watch->reader, PlaceOf(watch->levels), "is given twice");
+    }
+}
+
+static void WatchEvent(KeyWatch *watch, Json::parse_event_t event, const Json &parsed)
+{
+    using Event = Json::parse_event_t;
+    if (event == Event::key) {
+        WatchKey(watch, parsed.get<std::string>());
+        return;
+    }
+    if (event == Event::object_end || event == Event::array_end) {
+        watch->levels.pop_back();
+        return;
+    }
+    if (!watch->levels.empty()) {
+        ++watch->levels.back().count;
+    }
+    if (event != Event::value) {
+        watch->levels.push_back({event == Event::array_start, 0, {}, {}});
+    }
+}
+
+static Json Parse(Reader *reader, const std::string &text)
+{
+    KeyWatch watch{reader, {}};
+    try {
+        return Json::parse(text, [&watch](int, Json::parse_event_t event, const Json &parsed) {
+            WatchEvent(&watch, event, parsed);
+            return true;
+        });
+    } catch (const Json::parse_error &error) {
+        // The library's own name for the error stands in brackets before the text, which has line and column.
+        const std::string_view what = error.what();
+        reader->errors.emplace_back(what.substr(what.find("] ") + 2));
+        return nullptr;
+    }
+}
+
+// ---- Values ----
+
+static void RefuseOtherKeys(Reader *reader, const Place &place, const Json &object,
+                            std::initializer_list<std::string_view> known)
+{
+    for (const auto &[key, value] : object.items()) {
+        if (std::find(known.begin(), known.end(), key) == known.end()) {
+            Report(reader, place / key, "is not known here");
+        }
+    }
+}
+
+struct Range {
+    uint64_t min;
+    uint64_t max;
+};
+
+static uint64_t ReadNumber(Reader *reader, const Place &place, const Json &object, const char *key, Range range)
+{
+    const auto found = object.find(key);
+    if (found == object.end()) {
+        return 0;
+    }
+    if (!found->is_number_unsigned() || *found < range.min || *found > range.max) {
+        Report(reader, place / key,
+               "must be a whole number from " + std::to_string(range.min) + " to " + std::to_string(range.max));
+        return 0;
+    }
+    return found->get<uint64_t>();
+}
+
+static constexpr Range kStatusRange = {0, std::numeric_limits<uint32_t>::max()};
+// A day: longer than the longest time that a client waits.
+static constexpr Range kPauseRange = {0, 86400000};
+
+static std::chrono::milliseconds ReadPause(Reader *reader, const Place &place, const Json &object, const char *key)
+{
+    return std::chrono::milliseconds(ReadNumber(reader, place, object, key, kPauseRange));
+}
+
+// The number in a text such as "0x0bad0001".
+static std::optional<uint32_t> HexNumber(std::string_view text)
+{
+    static constexpr size_t kTextLengthMax = 10;
+    if (!text.starts_with("0x") || text.size() > kTextLengthMax) {
+        return std::nullopt;
+    }
+    uint32_t number = 0;
+    const auto [end, error] = std::from_chars(text.data() + 2, text.data() + text.size(), number, 16);
+    return error == std::errc{} && end == text.data() + text.size() ? std::optional(number) : std::nullopt;
+}
+
+// Statuses are usually written in base 16, which JSON has no numbers for.
+static uint32_t ReadStatus(Reader *reader, const Place &place, const Json &answer)
+{
+    const auto found = answer.find("status");
+    if (found == answer.end() || !found->is_string()) {
+        return static_cast<uint32_t>(ReadNumber(reader, place, answer, "status", kStatusRange));
+    }
+    const std::optional<uint32_t> status = HexNumber(found->get_ref<const std::string &>());
+    if (!status) {
+        Report(reader, place / "status", "must be a number, or a text such as \"0x0bad0001\"");
+    }
+    return status.value_or(0);
+}
+
+static std::string ReadPayloadFile(Reader *reader, const Place &place, const std::string &name)
+{
+    std::string bytes;
+    const std::string path = reader->folder / name;
+    if (const int error = ReadFile(path, &bytes); error != 0) {
+        Report(reader, place, SystemError(path, error));
+    }
+    return bytes;
+}
+
+// The bytes that an answer or a piece gives as "text" or by "file".
+static std::string ReadBytes(Reader *reader, const Place &place, const Json &object)
+{
+    std::string bytes;
+    for (const char *key : {"text", "file"}) {
+        const auto found = object.find(key);
+        if (found == object.end()) {
+            continue;
+        }
+        if (!found->is_string()) {
+            Report(reader, place / key, "must be a text");
+            continue;
+        }
+        const auto &text = found->get_ref<const std::string &>();
+        bytes = std::string_view(key) == "file" ? ReadPayloadFile(reader, place / key, text) : text;
+    }
+    return bytes;
+}
+
+static bool IsObject(Reader *reader, const Place &place, const Json &value)
+{
+    if (!value.is_object()) {
+        Report(reader, place, "must be an object");
+    }
+    return value.is_object();
+}
+
+// ---- Answers ----
+
+static Piece ReadPiece(Reader *reader, const Place &place, const Json &piece)
+{
+    if (!IsObject(reader, place, piece)) {
+        return {};
+    }
+    RefuseOtherKeys(reader, place, piece, {"text", "file", "pauseMs"});
+    if (piece.contains("text") == piece.contains("file")) {
+        Report(reader, place, "must have either \"text\" or \"file\"");
+    }
+    return {ReadPause(reader, place, piece, "pauseMs"), ReadBytes(reader, place, piece)};
+}
+
+static std::vector<Piece> ReadPieces(Reader *reader, const Place &place, const Json &answer)
+{
+    std::vector<Piece> pieces;
+    if (answer.contains("text") + answer.contains("file") + answer.contains("pieces") > 1) {
+        Report(reader, place, "must have only one of \"text\", \"file\" and \"pieces\"");
+    }
+    if (answer.contains("text") || answer.contains("file")) {
+        pieces.push_back({{}, ReadBytes(reader, place, answer)});
+    }
+    const auto found = answer.find("pieces");
+    if (found != answer.end() && (!found->is_array() || found->empty())) {
+        Report(reader, place / "pieces", "must be a list that is not empty");
+    } else if (found != answer.end()) {
+        for (size_t i = 0; i < found->size(); ++i) {
+            pieces.push_back(ReadPiece(reader, place / "pieces" / i, (*found)[i]));
+        }
+    }
+    return pieces;
+}
+
+static Fault ReadFault(Reader *reader, const Place &place, const Json &answer)
+{
+    const auto found = answer.find("fault");
+    if (found == answer.end()) {
+        return Fault::None;
+    }
+    std::string names;
+    for (const FaultName &row : kFaultNames) {
+        if (*found == row.name) {
+            return row.fault;
+        }
+        names.append(names.empty() ? "" : ", ").append(row.name);
+    }
+    Report(reader, place / "fault", "must be one of " + names);
+    return Fault::None;
+}
+
+static uint32_t ReadFaultBytes(Reader *reader, const Place &place, const Json &json, const Answer &answer)
+{
+    if (!json.contains("faultBytes")) {
+        Report(reader, place, "needs \"faultBytes\" for the fault " + std::string(NameOf(answer.fault)));
+        return 0;
+    }
+    // A whole header is no cut one, and announcing no more than is sent is no lie.
+    const Range range =
+        answer.fault == Fault::CutHeader ? Range{0, kHeaderSize - 1} : Range{PayloadSize(answer) + 1, kStatusRange.max};
+    return static_cast<uint32_t>(ReadNumber(reader, place, json, "faultBytes", range));
+}
+
+// What an answer may hold depends on what its command's reply has, and on what its fault leaves of that.
+static void RefuseUseless(Reader *reader, const Place &place, const Json &json, const char *key, const std::string &why)
+{
+    if (json.contains(key)) {
+        Report(reader, place / key, why);
+    }
+}
+
+static void RefusePayload(Reader *reader, const Place &place, const Json &json, const std::string &why)
+{
+    for (const char *key : {"text", "file", "pieces"}) {
+        RefuseUseless(reader, place, json, key, why);
+    }
+}
+
+static bool IsFrameFault(Fault fault)
+{
+    return fault == Fault::CutHeader || fault == Fault::AnnounceMore;
+}
+
+static bool SendsNothing(Fault fault)
+{
+    return fault == Fault::CloseWithoutReading || fault == Fault::CloseWithoutAnswering || fault == Fault::StaySilent;
+}
+
+static void CheckReplyClass(Reader *reader, const Place &place, const Json &json, Fault fault, ReplyClass replyClass)
+{
+    if (replyClass == ReplyClass::None) {
+        RefusePayload(reader, place, json, "is never sent: this command gets no reply");
+    }
+    if (replyClass == ReplyClass::None || replyClass == ReplyClass::Streamed) {
+        RefuseUseless(reader, place, json, "status", "is never sent: this command's reply has no status");
+        if (IsFrameFault(fault) || (fault == Fault::Garbage && replyClass == ReplyClass::None)) {
+            Report(reader, place / "fault", "breaks a reply that this command does not get");
+        }
+    }
+}
+
+static void CheckFault(Reader *reader, const Place &place, const Json &json, Fault fault)
+{
+    const std::string why = "is never sent: the fault is " + std::string(NameOf(fault));
+    if (SendsNothing(fault)) {
+        RefusePayload(reader, place, json, why);
+    }
+    if (SendsNothing(fault) || fault == Fault::Garbage) {
+        RefuseUseless(reader, place, json, "status", why);
+    }
+    if (!IsFrameFault(fault)) {
+        RefuseUseless(reader, place, json, "faultBytes", "belongs to the faults cut-header and announce-more");
+    }
+}
+
+static Answer ReadAnswer(Reader *reader, const Place &place, const Json &json, ReplyClass replyClass)
+{
+    Answer answer;
+    if (!IsObject(reader, place, json)) {
+        return answer;
+    }
+    RefuseOtherKeys(reader, place, json, {"status", "text", "file", "pieces", "delayMs", "fault", "faultBytes"});
+    answer.status = ReadStatus(reader, place, json);
+    answer.delay = ReadPause(reader, place, json, "delayMs");
+    answer.pieces = ReadPieces(reader, place, json);
+    answer.fault = ReadFault(reader, place, json);
+    CheckReplyClass(reader, place, json, answer.fault, replyClass);
+    CheckFault(reader, place, json, answer.fault);
+    if (IsFrameFault(answer.fault)) {
+        answer.faultBytes = ReadFaultBytes(reader, place, json, answer);
+    }
+    return answer;
+}
+
+static void ReadAnswers(Reader *reader, const Place &place, const Json &json, ReplyClass replyClass, AnswerList *list)
+{
+    list->answers.clear();
+    if (!json.is_array()) {
+        list->answers.push_back(ReadAnswer(reader, place, json, replyClass));
+        return;
+    }
+    if (json.empty()) {
+        Report(reader, place, "must not be empty");
+    }
+    for (size_t i = 0; i < json.size(); ++i) {
+        list->answers.push_back(ReadAnswer(reader, place / i, json[i], replyClass));
+    }
+}
+
+static void ReadCommands(Reader *reader, const Place &place, const Json &commands, AnswerBook *book)
+{
+    if (!IsObject(reader, place, commands)) {
+        return;
+    }
+    for (const auto &[key, value] : commands.items()) {
+        const auto list = book->find(key);
+        if (list == book->end()) {
+            Report(reader, place / key, "is no command");
+            continue;
+        }
+        ReadAnswers(reader, place / key, value, list->second.replyClass, &list->second);
+    }
+}
+
+static void ReadTop(Reader *reader, const Json &top, AnswerBook *book)
+{
+    if (!IsObject(reader, Place(), top)) {
+        return;
+    }
+    RefuseOtherKeys(reader, Place(), top, {"$schema", "answers"});
+    if (!top.contains("answers")) {
+        Report(reader, Place(), "needs \"answers\"");
+        return;
+    }
+    ReadCommands(reader, Place("/answers"), top["answers"], book);
+}
+
+static std::string AllErrors(const std::string &path, const std::vector<std::string> &errors)
+{
+    std::string text;
+    for (const std::string &error : errors) {
+        text.append(text.empty() ? "" : "\n").append(path).append(": ").append(error);
+    }
+    return text;
+}
+
+AnswerBook ReadAnswerFile(const std::string &path)
+{
+    Reader reader{std::filesystem::path(path).parent_path(), {}};
+    std::string text;
+    if (const int error = ReadFile(path, &text); error != 0) {
+        throw std::runtime_error(SystemError(path, error));
+    }
+    AnswerBook book = BuiltInAnswers();
+    const Json top = Parse(&reader, text);
+    if (!top.is_null()) {
+        ReadTop(&reader, top, &book);
+    }
+    if (!reader.errors.empty()) {
+        throw std::runtime_error(AllErrors(path, reader.errors));
+    }
+    return book;
+}

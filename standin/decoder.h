@@ -1,0 +1,53 @@
+// From the bytes of a request to named fields, and to a list of what breaks the protocol. Nothing here reads or writes
+// anything: the daemon, the relay, the `decode` command and the fuzzer all hand over the bytes that they have.
+#ifndef PLAX_STANDIN_DECODER_H
+#define PLAX_STANDIN_DECODER_H
+
+#include <nlohmann/json.hpp>
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+struct CommandRow;
+
+using Bytes = std::span<const uint8_t>;
+
+inline constexpr size_t kHeaderSize = 8;
+// No command comes near it. A longer request is a broken one, and nobody should wait for its end.
+inline constexpr uint32_t kRequestLengthMax = 1024 * 1024;
+
+struct Field {
+    std::string_view name;
+    nlohmann::ordered_json value; // a number, a text or a list of texts
+    std::string_view meaning;     // of a number that stands for something; may be empty
+};
+
+struct DecodedRequest {
+    uint32_t code = 0;
+    uint32_t length = 0;                 // of the payload, as the header announces it
+    const CommandRow *command = nullptr; // null when there is no whole header, or when its code is unknown
+    bool allObjects = false;             // the crawler states of all objects are asked for, so the answer is a stream
+    std::vector<Field> fields;           // none when the payload is cut short or has a wrong length
+    std::vector<std::string> violations;
+};
+
+// Both halves of a frame header.
+struct FrameHeader {
+    uint32_t codeOrStatus;
+    uint32_t length;
+};
+
+// `bytes` holds at least a whole header.
+FrameHeader ReadHeader(Bytes bytes);
+
+// Decodes what arrived on one connection. Bytes that follow the request's end are counted, not looked at.
+DecodedRequest DecodeRequest(Bytes bytes);
+
+// The violation of a client that goes on sending after its request.
+std::string BytesAfterEnd(uint64_t count);
+
+#endif

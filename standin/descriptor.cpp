@@ -1,0 +1,42 @@
+// Files are read with plain system calls, so that a folder in the place of a file is an error like any other.
+
+#include "descriptor.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+
+Descriptor::~Descriptor()
+{
+    Close();
+}
+
+void Descriptor::Close()
+{
+    if (number_ >= 0) {
+        close(std::exchange(number_, -1));
+    }
+}
+
+int ReadAll(const Descriptor &file, std::string *bytes)
+{
+    char piece[65536];
+    ssize_t count = 0;
+    while ((count = read(file.Get(), piece, sizeof piece)) > 0) {
+        bytes->append(piece, static_cast<size_t>(count));
+    }
+    return count == 0 ? 0 : errno;
+}
+
+int ReadFile(const std::string &path, std::string *bytes)
+{
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    return file.Get() < 0 ? errno : ReadAll(file, bytes);
+}
+
+std::string SystemError(const std::string &text, int error)
+{
+    return text + ": " + std::generic_category().message(error);
+}

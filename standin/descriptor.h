@@ -1,0 +1,36 @@
+// A descriptor that closes itself, the reading of whole files, and the wording of system errors.
+#ifndef PLAX_STANDIN_DESCRIPTOR_H
+#define PLAX_STANDIN_DESCRIPTOR_H
+
+#include <string>
+#include <utility>
+
+class Descriptor {
+public:
+    explicit Descriptor(int number = -1) : number_(number) {}
+    Descriptor(Descriptor &&other) noexcept : number_(std::exchange(other.number_, -1)) {}
+    Descriptor &operator=(Descriptor &&other) noexcept
+    {
+        std::swap(number_, other.number_);
+        return *this;
+    }
+    ~Descriptor();
+
+    [[nodiscard]] int Get() const
+    {
+        return number_;
+    }
+    void Close();
+
+private:
+    int number_;
+};
+
+// Reads everything there is and returns 0, or the errno.
+int ReadAll(const Descriptor &file, std::string *bytes);
+int ReadFile(const std::string &path, std::string *bytes);
+
+// "TEXT: what the errno means".
+std::string SystemError(const std::string &text, int error);
+
+#endif

@@ -1,0 +1,98 @@
+// Making and removing the socket file. Looking whether a socket is stale, removing it and making a new one is three
+// steps, and two stand-ins that start at once must not remove each other's socket between them. So these steps are
+// taken under a lock on the folder that the socket lies in: it leaves no lock file behind.
+
+#include "listener.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <stdexcept>
+
+[[noreturn]] static void Fail(const std::string &path, int error)
+{
+    throw std::runtime_error(SystemError(path, error));
+}
+
+// Leaves an errno when the lock's descriptor is none.
+static Descriptor LockFolder(const std::string &path)
+{
+    const std::filesystem::path folder = std::filesystem::path(path).parent_path();
+    Descriptor lock(open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return lock.Get() >= 0 && flock(lock.Get(), LOCK_EX) == 0 ? std::move(lock) : Descriptor();
+}
+
+// Not blocking, since a live daemon with a full queue of clients would let the caller wait.
+static int ProbeDaemon(const std::string &path)
+{
+    return Connect(NewSocket(SOCK_NONBLOCK), path);
+}
+
+static void RemoveStaleSocket(const std::string &path)
+{
+    struct stat status {};
+    if (lstat(path.c_str(), &status) < 0) {
+        if (errno != ENOENT) {
+            Fail(path, errno);
+        }
+        return;
+    }
+    if (!S_ISSOCK(status.st_mode)) {
+        throw std::runtime_error(path + ": exists and is no socket");
+    }
+    const int error = ProbeDaemon(path);
+    if (error == 0 || error == EAGAIN) {
+        throw std::runtime_error(path + ": a daemon answers there already");
+    }
+    if (error != ECONNREFUSED || unlink(path.c_str()) < 0) {
+        Fail(path, error != ECONNREFUSED ? error : errno);
+    }
+}
+
+// The mask makes the file private from its first moment on.
+static int BindPrivately(const Descriptor &socket, const sockaddr_un &address)
+{
+    const mode_t mask = umask(0177);
+    const int result = bind(socket.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address);
+    const int error = errno;
+    umask(mask);
+    return result == 0 ? 0 : error;
+}
+
+Listener OpenListener(const std::string &path)
+{
+    const sockaddr_un address = SocketAddress(path);
+    const Descriptor lock = LockFolder(path);
+    if (lock.Get() < 0) {
+        Fail(path, errno);
+    }
+    RemoveStaleSocket(path);
+    Listener listener{path, NewSocket(SOCK_NONBLOCK), 0, 0};
+    if (const int error = BindPrivately(listener.socket, address); error != 0) {
+        Fail(path, error);
+    }
+    struct stat status {};
+    if (listen(listener.socket.Get(), SOMAXCONN) < 0 || lstat(path.c_str(), &status) < 0) {
+        Fail(path, errno);
+    }
+    listener.device = status.st_dev;
+    listener.inode = status.st_ino;
+    return listener;
+}
+
+void CloseListener(Listener *listener)
+{
+    const Descriptor lock = LockFolder(listener->path); // a folder that is gone has nothing to be removed from
+    struct stat status {};
+    // The number of a file in use is not given out again, so it is compared while the socket is still open.
+    if (lstat(listener->path.c_str(), &status) == 0 && status.st_dev == listener->device &&
+        status.st_ino == listener->inode) {
+        unlink(listener->path.c_str());
+    }
+    listener->socket.Close();
+}

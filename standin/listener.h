@@ -1,0 +1,24 @@
+// The listening socket at a path: made only where no daemon answers, and removed only if it is still the one made here.
+#ifndef PLAX_STANDIN_LISTENER_H
+#define PLAX_STANDIN_LISTENER_H
+
+#include "socket_io.h"
+
+#include <sys/types.h>
+
+#include <string>
+
+struct Listener {
+    std::string path;
+    Descriptor socket;
+    dev_t device;
+    ino_t inode;
+};
+
+// Throws, with a message for the user, when a live daemon or something other than a socket is at the path, and when the
+// system refuses. A socket that nobody listens on any more is replaced.
+Listener OpenListener(const std::string &path);
+
+void CloseListener(Listener *listener);
+
+#endif

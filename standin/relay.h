@@ -1,0 +1,11 @@
+// The relay's side of one connection: between a client and the daemon it passes on every byte, and every ending, at
+// once and as it is, and logs what it saw.
+#ifndef PLAX_STANDIN_RELAY_H
+#define PLAX_STANDIN_RELAY_H
+
+#include "connections.h"
+#include "log.h"
+
+void RelayConnection(Connection &connection, const std::string &daemonPath, Log *log);
+
+#endif

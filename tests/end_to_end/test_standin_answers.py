@@ -1,0 +1,334 @@
+"""The answers file: what it lets the stand-in say and break, as the tool sees it, and how its errors are told."""
+
+import json
+import os
+import time
+
+from commands import ALL
+from harness import Outcome, finish_tool, frame, start_tool, tool
+from standin_process import EXAMPLES, PROJECT, Standin, entry, framed, run_standin
+from jsonschema import Draft202012Validator
+import pytest
+
+INCOMPLETE = b"Failed to receive the complete UDS message sent. Please try again"
+RESET = b"Error received: Connection reset by peer: (null)\n"
+TIMED_OUT = b"Error received: Resource temporarily unavailable: (null)\n"
+
+with open(os.path.join(PROJECT, "docs", "standin-answers.schema.json"), encoding="utf-8") as schema_file:
+    SCHEMA = json.load(schema_file)
+
+
+def fits_schema(content):
+    return Draft202012Validator(SCHEMA).is_valid(content)
+
+
+def test_schema_is_one():
+    Draft202012Validator.check_schema(SCHEMA)
+
+
+def run(command, answer, *words):
+    """What the tool makes of the answer, and the entry in the log."""
+    assert fits_schema({"answers": {command: answer}})
+    with Standin().answers({command: answer}) as plaxd:
+        outcome = tool("-s", plaxd.path, *words)
+    return outcome, plaxd.entries
+
+
+# ---- Answers ----
+
+def test_status_and_text():
+    assert run("fix-concats", {"status": 5, "text": "busy"}, "fix-concats") == (
+        Outcome(b"", b"Error received: Status 0x00000005: busy\n", 5),
+        [entry("fix-concats", 13, 0, reply=framed(4, 5))])
+
+
+@pytest.mark.parametrize("status, code", [("0x2bad000b", 11), ("0xFFFFFFFF", 255), (4294967295, 255)])
+def test_status_without_text(status, code):
+    outcome, entries = run("fix-concats", {"status": status}, "fix-concats")
+    assert outcome.code == code
+    assert entries == [entry("fix-concats", 13, 0, reply=framed(0, int(str(status), 0)))]
+
+
+def test_nothing_said():
+    assert run("fitness-stats-get", {}, "fitness-stats-get") == (
+        Outcome(b"\n", b"", 0), [entry("fitness-stats-get", 6, 0, reply=framed(0))])
+
+
+def test_list_of_answers():
+    """Each answer is given once, the last one for ever; every command has a place of its own in its list."""
+    answers = {"info-rebalance": [{"text": "one"}, {"text": "two"}, {"text": "three"}],
+               "fix-concats": [{"status": 1}, {"status": 0}]}
+    with Standin().answers(answers) as plaxd:
+        shown = [tool("-s", plaxd.path, "info-rebalance", "-a").stdout for _ in range(4)]
+        codes = [tool("-s", plaxd.path, "fix-concats").code for _ in range(3)]
+    assert (shown, codes) == ([b"one\n", b"two\n", b"three\n", b"three\n"], [1, 0, 0])
+
+
+def test_commands_left_out_are_answered():
+    with Standin().answers({}) as plaxd:
+        assert tool("-s", plaxd.path, "info-rebalance", "-a") == Outcome(b"bytes to move: 0\n", b"", 0)
+
+
+def test_crawler_state_of_one_and_of_all():
+    answers = {"get-obj-crawler-state": {"text": "one"}, "get-obj-crawler-state --all": {"text": "all"}}
+    with Standin().answers(answers) as plaxd:
+        assert tool("-s", plaxd.path, "get-obj-crawler-state", "-u", "0-1-2").code == 1
+        assert tool("-s", plaxd.path, "get-obj-crawler-state", "-u", "00010203-0405-0607") == Outcome(b"one\n", b"", 0)
+        assert tool("-s", plaxd.path, "get-obj-crawler-state", "-a") == Outcome(b"all", b"", 0)
+
+
+def test_file_beside_the_answers():
+    content = bytes(range(256)) * 300
+    plaxd = Standin().answers({"fitness-stats-get": {"file": "payload"}})
+    plaxd.file("payload", content)
+    with plaxd:
+        assert tool("-s", plaxd.path, "fitness-stats-get") == Outcome(content + b"\n", b"", 0)
+
+
+def timed(command, answer, *words):
+    begin = time.monotonic()
+    outcome, _ = run(command, answer, *words)
+    return outcome, time.monotonic() - begin
+
+
+def test_delay():
+    outcome, seconds = timed("fix-concats", {"delayMs": 600}, "fix-concats")
+    assert outcome == Outcome(b"", b"", 0)
+    assert 0.6 <= seconds < 10
+
+
+@pytest.mark.parametrize("command, words, newline", [("stats", ["stats"], b""),
+                                                     ("info-rebalance", ["info-rebalance", "-a"], b"\n")])
+def test_pieces(command, words, newline):
+    pieces = [{"text": "one, "}, {"text": "two, ", "pauseMs": 300}, {"text": "three", "pauseMs": 300}]
+    outcome, seconds = timed(command, {"pieces": pieces}, *words)
+    assert outcome == Outcome(b"one, two, three" + newline, b"", 0)
+    assert 0.6 <= seconds < 10
+
+
+def test_slow_answer_keeps_nobody_waiting():
+    with Standin().answers({"fix-concats": {"delayMs": 30000}}) as plaxd:
+        slow = start_tool("-s", plaxd.path, "fix-concats")
+        assert tool("-s", plaxd.path, "info-rebalance", "-a") == Outcome(b"bytes to move: 0\n", b"", 0)
+        slow.kill()
+        slow.communicate()
+
+
+# ---- Faults ----
+
+def faulty(command, answer, *words):
+    outcome, entries = run(command, answer, *words)
+    return outcome, entries[0]["fault"], entries[0]["outcome"], entries[0]["end"], entries[0]["reply"]
+
+
+@pytest.mark.parametrize("words", [["fix-concats"], ["crawler", "-a"], ["set-global-exclusion-list", "-x", ""]])
+def test_close_without_reading(words):
+    assert faulty(words[0], {"fault": "close-without-reading"}, *words) == (
+        Outcome(b"", RESET, 0x68), "close-without-reading", "fault", "reset by the stand-in", {"headerBytes": 0})
+
+
+def test_close_without_reading_a_stream():
+    assert faulty("stats", {"fault": "close-without-reading"}, "stats") == (
+        Outcome(b"", b"", 0x68), "close-without-reading", "fault", "reset by the stand-in", {"bytes": 0})
+
+
+def test_close_without_answering():
+    assert faulty("info-rebalance", {"fault": "close-without-answering"}, "info-rebalance", "-a") == (
+        Outcome(b"\n", b"", 0), "close-without-answering", "fault", "closed by the stand-in", {"headerBytes": 0})
+
+
+@pytest.mark.parametrize("count, code", [(0, 0), (1, 0), (3, 0), (4, 7), (7, 7)])
+def test_cut_header(count, code):
+    """The bytes of the header that do not come read as zero."""
+    outcome, *logged = faulty("fix-concats", {"fault": "cut-header", "faultBytes": count, "status": 7}, "fix-concats")
+    assert outcome.code == code
+    assert logged == ["cut-header", "fault", "client closed", {"headerBytes": count}]
+
+
+def test_announce_more():
+    answer = {"fault": "announce-more", "faultBytes": 1000, "text": "0123456789"}
+    assert faulty("info-rebalance", answer, "info-rebalance", "-a") == (
+        Outcome(b"\n", INCOMPLETE, 0), "announce-more", "fault", "client closed",
+        {"status": 0, "length": 1000, "bytes": 10})
+
+
+def test_garbage():
+    """The tool takes the first bytes for a header that announces more than comes."""
+    assert faulty("info-rebalance", {"fault": "garbage"}, "info-rebalance", "-a") == (
+        Outcome(b"\n", INCOMPLETE, 0), "garbage", "fault", "client closed",
+        {"status": 0xdeadbeef, "length": 1044942, "bytes": 4})
+
+
+def test_garbage_of_ones_own():
+    assert faulty("fix-concats", {"fault": "garbage", "text": "\0\0\0\3\0\0\0\1x"}, "fix-concats") == (
+        Outcome(b"", b"Error received: Status 0x00000003: x\n", 3), "garbage", "fault", "client closed",
+        {"status": 3, "length": 1, "bytes": 1})
+
+
+def test_stay_silent():
+    """The tool waits for 20 seconds; a framed and a streamed reply are waited for at the same time."""
+    with Standin().answers({"fix-concats": {"fault": "stay-silent"}, "stats": {"fault": "stay-silent"}}) as plaxd:
+        begin = time.monotonic()
+        runs = [start_tool("-s", plaxd.path, "fix-concats"), start_tool("-s", plaxd.path, "stats")]
+        outcomes = [finish_tool(process) for process in runs]
+        assert 20 <= time.monotonic() - begin < 30
+    assert outcomes == [Outcome(b"", TIMED_OUT, 0x0b), Outcome(b"", b"", 0x0b)]
+    assert sorted((line["command"], line["fault"], line["end"]) for line in plaxd.entries) == [
+        ("fix-concats", "stay-silent", "client closed"), ("stats", "stay-silent", "client closed")]
+
+
+def test_faults_of_a_command_without_reply():
+    for fault, ending in [("close-without-reading", "reset by the stand-in"),
+                          ("close-without-answering", "closed by the stand-in"), ("stay-silent", "client closed")]:
+        assert faulty("refresh-config-opts", {"fault": fault}, "refresh-config-opts") == (
+            Outcome(b"", b"", 0), fault, "fault", ending, {"bytes": 0})
+
+
+def test_ending_cuts_everything_short():
+    """An end by signal waits for no delay and for no client, and is not blamed on them."""
+    answers = {"fix-concats": {"delayMs": 86400000}, "stats": {"fault": "stay-silent"},
+               "what-if-cancel": {"fault": "close-without-reading", "delayMs": 86400000}}
+    with Standin("--strict").answers(answers) as plaxd:
+        clients = [plaxd.connect() for _ in range(3)]
+        for client, code in zip(clients, (13, 1, 18)):
+            client.sendall(frame(code))
+        assert tool("-s", plaxd.path, "info-rebalance", "-a").code == 0
+    for client in clients:
+        client.close()
+    ended = {"ending": "ended by the stand-in's end"}
+    assert plaxd.entries[:3] == [
+        entry("fix-concats", 13, 0, reply={"headerBytes": 0}, outcome="unfinished", **ended),
+        entry("stats", 1, 0, reply={"bytes": 0}, outcome="fault", fault="stay-silent", connection=2, **ended),
+        entry("what-if-cancel", 18, 0, reply={"headerBytes": 0}, outcome="unfinished", fault="close-without-reading",
+              connection=3, **ended)]
+    assert plaxd.code == 0
+
+
+# ---- Examples ----
+
+BAD_DAY_CODES = {
+    "crawler": 0x0b, "fitness-config-set": 0x16, "fitness-config-reset": 0x1e, "log-level": 0x16,
+    "fix-object-immediate": 0x02, "get-object-last-operation": 0x02, "start-proactive-rebalance": 0x10,
+    "fix-concats": 0x10, "what-if-entity-decom": 0x10, "what-if-upgrade": 0x1c, "what-if-cancel": 0x68,
+    "force-reconfigure-the-object": 0x16, "update-plaxdb": 0x05, "replace-plaxdb": 0x05,
+    "enable-plax-recovery-mode": 0x10, "enable-workitem": 0x01, "disable-workitem": 0x01,
+    "pause-decom-state-progress": 0x03, "resume-decom-state-progress": 0x03, "start-decom-state-heartbeat": 0x68,
+    "component-manual-move": 0x1c,
+}
+
+
+@pytest.mark.parametrize("example, codes", [("healthy.json", {}), ("bad-day.json", BAD_DAY_CODES)])
+def test_examples_answer_everything(example, codes):
+    path = os.path.join(EXAMPLES, example)
+    with open(path, encoding="utf-8") as file:
+        content = json.load(file)
+    assert fits_schema(content)
+    assert len(content["answers"]) == 35
+    with Standin("--strict", "--answers", path) as plaxd:
+        runs = [(command.words[0], tool("-s", plaxd.path, *command.words).code) for command in ALL]
+    assert (plaxd.code, plaxd.summary["requests"]) == (0, 35)
+    assert {word: code for word, code in runs if code} == codes
+
+
+# ---- Wrong files ----
+
+CHOICES = "close-without-reading, close-without-answering, stay-silent, cut-header, announce-more, garbage"
+PAUSE = "must be a whole number from 0 to 86400000"
+STATUS = "must be a whole number from 0 to 4294967295"
+
+# Content, errors, and whether the schema can tell: it does not compare two values of a file, nor look for files.
+WRONG = [
+    ([], ["/: must be an object"], True),
+    ({}, ['/: needs "answers"'], True),
+    ({"answers": {}, "answer": {}}, ["/answer: is not known here"], True),
+    ({"answers": []}, ["/answers: must be an object"], True),
+    ({"answers": {"Stats": {}}}, ["/answers/Stats: is no command"], True),
+    ({"answers": {"stats": 1}}, ["/answers/stats: must be an object"], True),
+    ({"answers": {"stats": []}}, ["/answers/stats: must not be empty"], True),
+    ({"answers": {"stats": [{}, "x"]}}, ["/answers/stats/1: must be an object"], True),
+    ({"answers": {"stats": {"a/b~": 1}}}, ["/answers/stats/a~1b~0: is not known here"], True),
+    ({"answers": {"crawler": {"status": -1}}}, ["/answers/crawler/status: " + STATUS], True),
+    ({"answers": {"crawler": {"status": 4294967296}}}, ["/answers/crawler/status: " + STATUS], True),
+    ({"answers": {"crawler": {"status": 0.5}}}, ["/answers/crawler/status: " + STATUS], True),
+    *[({"answers": {"crawler": {"status": text}}},
+       ['/answers/crawler/status: must be a number, or a text such as "0x0bad0001"'], True)
+      for text in ("", "0x", "5", "0X5", "0x5g", "0x123456789", "0x-1")],
+    ({"answers": {"crawler": {"text": 5}}}, ["/answers/crawler/text: must be a text"], True),
+    ({"answers": {"crawler": {"file": 5}}}, ["/answers/crawler/file: must be a text"], True),
+    ({"answers": {"crawler": {"text": "", "pieces": [{"text": ""}]}}},
+     ['/answers/crawler: must have only one of "text", "file" and "pieces"'], True),
+    ({"answers": {"crawler": {"pieces": []}}}, ["/answers/crawler/pieces: must be a list that is not empty"], True),
+    ({"answers": {"crawler": {"pieces": {}}}}, ["/answers/crawler/pieces: must be a list that is not empty"], True),
+    ({"answers": {"crawler": {"pieces": [{"text": ""}, 5]}}}, ["/answers/crawler/pieces/1: must be an object"], True),
+    ({"answers": {"crawler": {"pieces": [{"pauseMs": 86400001}]}}},
+     ['/answers/crawler/pieces/0: must have either "text" or "file"', "/answers/crawler/pieces/0/pauseMs: " + PAUSE],
+     True),
+    ({"answers": {"crawler": {"pieces": [{"text": "", "delayMs": 1}]}}},
+     ["/answers/crawler/pieces/0/delayMs: is not known here"], True),
+    ({"answers": {"crawler": {"delayMs": "5"}}}, ["/answers/crawler/delayMs: " + PAUSE], True),
+    ({"answers": {"crawler": {"fault": "slow"}}}, ["/answers/crawler/fault: must be one of " + CHOICES], True),
+    ({"answers": {"crawler": {"fault": "cut-header"}}},
+     ['/answers/crawler: needs "faultBytes" for the fault cut-header'], True),
+    ({"answers": {"crawler": {"fault": "cut-header", "faultBytes": 8}}},
+     ["/answers/crawler/faultBytes: must be a whole number from 0 to 7"], True),
+    ({"answers": {"crawler": {"fault": "announce-more", "faultBytes": 0}}},
+     ["/answers/crawler/faultBytes: must be a whole number from 1 to 4294967295"], True),
+    ({"answers": {"crawler": {"fault": "announce-more", "faultBytes": 3, "text": "abc"}}},
+     ["/answers/crawler/faultBytes: must be a whole number from 4 to 4294967295"], False),
+    ({"answers": {"crawler": {"faultBytes": 3}}},
+     ["/answers/crawler/faultBytes: belongs to the faults cut-header and announce-more"], True),
+    ({"answers": {"crawler": {"fault": "stay-silent", "text": "", "status": 1}}},
+     ["/answers/crawler/text: is never sent: the fault is stay-silent",
+      "/answers/crawler/status: is never sent: the fault is stay-silent"], True),
+    ({"answers": {"crawler": {"fault": "garbage", "status": 1}}},
+     ["/answers/crawler/status: is never sent: the fault is garbage"], True),
+    ({"answers": {"stats": {"status": 0}}},
+     ["/answers/stats/status: is never sent: this command's reply has no status"], True),
+    ({"answers": {"get-obj-crawler-state --all": {"fault": "announce-more", "faultBytes": 5}}},
+     ["/answers/get-obj-crawler-state --all/fault: breaks a reply that this command does not get"], True),
+    ({"answers": {"block-cdb-cb": {"text": ""}}},
+     ["/answers/block-cdb-cb/text: is never sent: this command gets no reply"], True),
+    ({"answers": {"block-cdb-cb": {"fault": "garbage"}}},
+     ["/answers/block-cdb-cb/fault: breaks a reply that this command does not get"], True),
+]
+
+
+@pytest.mark.parametrize("number", range(len(WRONG)))
+def test_wrong_file(number, tmp_path):
+    content, errors, schema_tells = WRONG[number]
+    assert fits_schema(content) == (not schema_tells)
+    refused(tmp_path, json.dumps(content).encode(), errors)
+
+
+def refused(folder, content, errors):
+    """Every error is told, with its place, and no socket is made."""
+    file, path = folder / "answers.json", folder / "plaxd.uds"
+    file.write_bytes(content)
+    messages = "\n".join(f"{file}: {error}" for error in errors)
+    assert run_standin("serve", "--socket", str(path), "--answers", str(file)) == (
+        1, b"", f"plaxd-standin: {messages}\n".encode())
+    assert not path.exists()
+
+
+def test_files_that_cannot_be_read(tmp_path):
+    refused(tmp_path, b'{"answers": {"stats": {"file": "none"}, "crawler": {"file": "."}}}',
+            [f"/answers/crawler/file: {tmp_path}/.: Is a directory",
+             f"/answers/stats/file: {tmp_path}/none: No such file or directory"])
+
+
+def test_keys_given_twice(tmp_path):
+    refused(tmp_path, b'{"answers": {"stats": [{"text": ""}, {"text": "", "text": ""}], "crawler": {}, "stats": {}}}',
+            ["/answers/stats/1/text: is given twice", "/answers/stats: is given twice"])
+
+
+def test_no_json(tmp_path):
+    refused(tmp_path, b'{"answers":\n {,}}',
+            ["parse error at line 2, column 3: syntax error while parsing object key - "
+             "unexpected ','; expected string literal"])
+
+
+@pytest.mark.parametrize("missing, reason", [("none.json", "No such file or directory"), (".", "Is a directory")])
+def test_no_file(missing, reason, tmp_path):
+    path = str(tmp_path / missing)
+    assert run_standin("serve", "--socket", str(tmp_path / "plaxd.uds"), "--answers", path) == (
+        1, b"", f"plaxd-standin: {path}: {reason}\n".encode())

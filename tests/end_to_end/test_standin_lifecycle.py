@@ -1,0 +1,246 @@
+"""Start, end and command line of the stand-in: whose socket it takes, what it leaves behind, and what it says."""
+
+import json
+import os
+import signal
+import socket
+import stat
+import subprocess
+
+from harness import Outcome, frame, tool
+from standin_process import PATIENCE, STANDIN, Standin, end, run_standin, start_standin
+import pytest
+
+
+@pytest.fixture(name="path")
+def socket_path(tmp_path):
+    return str(tmp_path / "plaxd.uds")
+
+
+def leave_stale_socket(path):
+    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as listener:
+        listener.bind(path)
+
+
+@pytest.mark.parametrize("by", [signal.SIGTERM, signal.SIGINT])
+@pytest.mark.parametrize("command", ["serve", "relay"])
+def test_signals_end_it(by, command, path):
+    process = start_standin(command, "--socket", path)
+    assert stat.S_IMODE(os.stat(path).st_mode) == 0o600
+    assert end(process, by) == (0, b"")
+    assert os.listdir(os.path.dirname(path)) == []
+
+
+def test_interrupts_are_heard_in_the_background(path):
+    """A shell without job control starts background programs with SIGINT ignored."""
+    process = subprocess.Popen(["sh", "-c", 'trap "" INT; exec "$@"', "sh", STANDIN, "serve", "--socket", path],
+                               stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+    process.stderr.readline()
+    assert end(process, signal.SIGINT) == (0, b"")
+
+
+def test_mode_is_private_whatever_the_mask(path):
+    process = subprocess.Popen(["sh", "-c", 'umask 0; exec "$@"', "sh", STANDIN, "serve", "--socket", path],
+                               stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+    process.stderr.readline()
+    assert stat.S_IMODE(os.stat(path).st_mode) == 0o600
+    end(process)
+
+
+def test_stale_socket_is_replaced(path):
+    leave_stale_socket(path)
+    process = start_standin("serve", "--socket", path)
+    assert tool("-s", path, "fix-concats") == Outcome(b"", b"", 0)
+    assert end(process) == (0, b"")
+    assert not os.path.exists(path)
+
+
+def test_live_daemon_is_left_alone(path):
+    process = start_standin("serve", "--socket", path)
+    refusal = (1, b"", f"plaxd-standin: {path}: a daemon answers there already\n".encode())
+    assert run_standin("serve", "--socket", path) == refusal
+    assert run_standin("relay", "--socket", path) == refusal
+    assert tool("-s", path, "fix-concats") == Outcome(b"", b"", 0)
+    assert end(process) == (0, b"")
+
+
+def test_live_daemon_with_a_full_queue_is_left_alone(path):
+    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as listener:
+        listener.bind(path)
+        listener.listen(0)
+        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as client:
+            client.connect(path)
+            assert run_standin("serve", "--socket", path) == (
+                1, b"", f"plaxd-standin: {path}: a daemon answers there already\n".encode())
+
+
+@pytest.mark.parametrize("make", [lambda path: open(path, "wb").close(), os.mkdir,
+                                  lambda path: os.symlink("nowhere", path)])
+def test_what_is_no_socket_is_left_alone(make, path):
+    make(path)
+    before = os.lstat(path)
+    assert run_standin("serve", "--socket", path) == (
+        1, b"", f"plaxd-standin: {path}: exists and is no socket\n".encode())
+    assert os.lstat(path) == before
+
+
+def test_socket_of_another_is_not_removed(path):
+    process = start_standin("serve", "--socket", path)
+    os.unlink(path)
+    leave_stale_socket(path)
+    assert end(process) == (0, b"")
+    assert os.path.exists(path)
+
+
+def test_removed_folder(tmp_path):
+    """There is nothing left to remove, and the log is still ended in order."""
+    folder = tmp_path / "folder"
+    folder.mkdir()
+    process = start_standin("serve", "--socket", str(folder / "s"), stdout=subprocess.PIPE)
+    os.unlink(folder / "s")
+    folder.rmdir()
+    process.terminate()
+    assert process.communicate(timeout=PATIENCE) == (b"summary: 0 requests, 0 broken\n", b"")
+    assert process.returncode == 0
+
+
+def test_path_lengths(tmp_path):
+    longest = str(tmp_path / "x") + "x" * (107 - len(str(tmp_path / "x")))
+    assert end(start_standin("serve", "--socket", longest)) == (0, b"")
+    for path in ("", longest + "x"):
+        assert run_standin("serve", "--socket", path) == (
+            1, b"", f"plaxd-standin: {path}: a socket's path has 1 to 107 bytes\n".encode())
+
+
+def test_missing_folder(tmp_path):
+    path = str(tmp_path / "none" / "plaxd.uds")
+    assert run_standin("serve", "--socket", path) == (
+        1, b"", f"plaxd-standin: {path}: No such file or directory\n".encode())
+
+
+@pytest.mark.parametrize("attempt", range(5))
+def test_two_start_at_once(attempt, path):
+    """Of many that start on one stale path, one serves, and the others do not take its socket away."""
+    del attempt
+    leave_stale_socket(path)
+    processes = [subprocess.Popen([STANDIN, "serve", "--socket", path], stdout=subprocess.DEVNULL,
+                                  stderr=subprocess.PIPE) for _ in range(8)]
+    messages = [process.stderr.readline() for process in processes]
+    listening = f"plaxd-standin: listening on {path}\n".encode()
+    refused = f"plaxd-standin: {path}: a daemon answers there already\n".encode()
+    assert sorted(messages) == sorted([listening] + [refused] * 7)
+    assert tool("-s", path, "fix-concats") == Outcome(b"", b"", 0)
+    winner = processes[messages.index(listening)]
+    assert [process.wait(PATIENCE) for process in processes if process is not winner] == [1] * 7
+    assert end(winner) == (0, b"")
+    for process in processes:
+        process.stderr.close()
+
+
+def test_requests_that_wait_at_the_end_are_logged():
+    """A client that wants no answer may be gone before its connection is accepted; its request counts."""
+    with Standin() as plaxd:
+        os.kill(plaxd.process.pid, signal.SIGSTOP)
+        for _ in range(20):
+            with plaxd.connect() as connection:
+                connection.sendall(frame(32))
+        plaxd.process.terminate()
+        os.kill(plaxd.process.pid, signal.SIGCONT)
+    assert [(line["command"], line["outcome"], line["end"]) for line in plaxd.entries] == [
+        ("refresh-config-opts", "answered", "client closed")] * 20
+
+
+def test_log_is_appended_to(tmp_path, path):
+    log = tmp_path / "log"
+    log.write_bytes(b"before\n")
+    assert end(start_standin("serve", "--socket", path, "--log", str(log))) == (0, b"")
+    assert log.read_bytes() == b"before\nsummary: 0 requests, 0 broken\n"
+
+
+def test_log_that_cannot_be_opened(tmp_path, path):
+    assert run_standin("serve", "--socket", path, "--log", str(tmp_path)) == (
+        1, b"", f"plaxd-standin: {tmp_path}: Is a directory\n".encode())
+    assert not os.path.exists(path)
+
+
+def test_log_that_cannot_be_written(path):
+    process = start_standin("serve", "--socket", path, "--log", "/dev/full")
+    assert tool("-s", path, "fix-concats") == Outcome(b"", b"", 0)
+    assert end(process) == (1, b"plaxd-standin: the log could not be written whole\n")
+    assert not os.path.exists(path)
+
+
+def test_few_descriptors(path):
+    """Out of descriptors, the stand-in says so and lets further clients wait until others have gone."""
+    process = subprocess.Popen(["sh", "-c", 'ulimit -n 12; exec "$@"', "sh", STANDIN, "serve", "--socket", path],
+                               stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+    process.stderr.readline()
+    waiting = [socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) for _ in range(12)]
+    for client in waiting:
+        client.connect(path)
+    assert process.stderr.readline() == b"plaxd-standin: accept: Too many open files\n"
+    for client in waiting:
+        client.close()
+    assert tool("-s", path, "fix-concats") == Outcome(b"", b"", 0)
+    code, messages = end(process)
+    assert (code, set(messages.splitlines()) - {b"plaxd-standin: accept: Too many open files"}) == (0, set())
+
+
+HELP = b"""\
+Stands in for plaxd: answers plax-tool on a socket of your choice and logs what it asks.
+Usage: plaxd-standin [OPTIONS] SUBCOMMAND
+
+Options:
+  -h,--help                   Print this help message and exit
+
+Subcommands:
+  serve                       Answer requests until SIGTERM or SIGINT
+  relay                       Pass requests on to a daemon until SIGTERM or SIGINT
+  decode                      Show what the bytes of a request mean
+
+"""
+
+HELP_SERVE = b"""\
+Answer requests until SIGTERM or SIGINT
+Usage: plaxd-standin serve [OPTIONS]
+
+Options:
+  -h,--help                   Print this help message and exit
+  --socket PATH               Socket to listen on; always needed
+  --log FILE [-]              File to append the log to; -: standard output
+  --format FORMAT [text]      text or json
+  --strict                    End with status 1 when a request broke the protocol
+  --answers FILE              JSON file of answers and faults; none: plain answers
+
+"""
+
+
+def test_help():
+    assert run_standin("--help") == (0, HELP, b"")
+    assert run_standin("serve", "--help") == (0, HELP_SERVE, b"")
+
+
+@pytest.mark.parametrize("words, message", [
+    ([], b"A subcommand is required\n"),
+    (["listen"], b"A subcommand is required\n"),
+    (["serve"], b"--socket is required\n"),
+    (["serve", "--socket", "s", "more"], b"The following argument was not expected: more\n"),
+    (["relay", "--socket", "s", "--answers", "f"], b"The following arguments were not expected: f --answers\n"),
+    (["decode"], b"file is required\n"),
+])
+def test_usage_errors(words, message):
+    code, output, messages = run_standin(*words)
+    assert (code, output, messages) == (2, b"", message + b"Run with --help for more information.\n")
+
+
+def test_unknown_format(path):
+    assert run_standin("serve", "--socket", path, "--format", "xml")[0] == 2
+
+
+def test_summary_as_json(path, tmp_path):
+    log = tmp_path / "log"
+    process = start_standin("serve", "--socket", path, "--log", str(log), "--format", "json")
+    tool("-s", path, "fix-concats")
+    end(process)
+    assert json.loads(log.read_text().splitlines()[-1]) == {
+        "summary": {"requests": 1, "broken": 0, "commands": {"fix-concats": {"answered": 1}}}}

@@ -1,0 +1,124 @@
+// The answer book: what a file puts in the place of the built-in answers.
+
+#include "answer_file.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+using std::chrono::milliseconds;
+
+namespace {
+
+class AnswerFile : public testing::Test {
+protected:
+    AnswerFile() : path_(std::filesystem::path(testing::TempDir()) / ("answers-" + std::to_string(getpid()))) {}
+    ~AnswerFile() override
+    {
+        std::filesystem::remove(path_);
+    }
+    AnswerBook Read(const char *content)
+    {
+        std::ofstream(path_) << content;
+        return ReadAnswerFile(path_);
+    }
+
+private:
+    std::filesystem::path path_;
+};
+
+} // namespace
+
+TEST_F(AnswerFile, AllValues)
+{
+    const AnswerBook book = Read(R"({"$schema": "x", "answers": {"crawler": {"status": "0x0bad0001", "delayMs": 7,
+        "pieces": [{"text": "ab"}, {"text": "c", "pauseMs": 9}], "fault": "announce-more", "faultBytes": 4}}})");
+    const std::vector<Answer> &answers = book.find("crawler")->second.answers;
+    ASSERT_EQ(answers.size(), 1U);
+    EXPECT_EQ(answers[0].status, 0x0bad0001U);
+    EXPECT_EQ(answers[0].delay, milliseconds(7));
+    ASSERT_EQ(answers[0].pieces.size(), 2U);
+    EXPECT_EQ(answers[0].pieces[0].bytes, "ab");
+    EXPECT_EQ(answers[0].pieces[0].pause, milliseconds(0));
+    EXPECT_EQ(answers[0].pieces[1].bytes, "c");
+    EXPECT_EQ(answers[0].pieces[1].pause, milliseconds(9));
+    EXPECT_EQ(answers[0].fault, Fault::AnnounceMore);
+    EXPECT_EQ(answers[0].faultBytes, 4U);
+    EXPECT_EQ(PayloadSize(answers[0]), 3U);
+}
+
+TEST_F(AnswerFile, TextMayHoldAnyCharacter)
+{
+    const AnswerBook book = Read(R"({"answers": {"stats": {"text": "\u0000\u00e4\n"}}})");
+    EXPECT_EQ(book.find("stats")->second.answers[0].pieces[0].bytes, std::string("\0\xc3\xa4\n", 4));
+}
+
+TEST_F(AnswerFile, CommandsLeftOutKeepTheirAnswer)
+{
+    const AnswerBook book = Read(R"({"answers": {}})");
+    EXPECT_EQ(book.size(), 35U);
+    EXPECT_EQ(book.find("fix-concats")->second.answers[0].pieces[0].bytes, "0 concats to fix");
+}
+
+TEST_F(AnswerFile, NoErrorIsLeftOut)
+{
+    try {
+        Read(R"({"answers": {"nonsense": {}, "stats": 5, "crawler": [{}, {"fault": 1}]}})");
+        FAIL() << "the errors went unnoticed";
+    } catch (const std::runtime_error &error) {
+        const std::string text = error.what();
+        EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 2);
+    }
+}
+
+static DecodedRequest RequestFor(uint32_t code, bool allObjects)
+{
+    DecodedRequest request;
+    request.command = FindCommand(code);
+    request.allObjects = allObjects;
+    return request;
+}
+
+TEST_F(AnswerFile, EachListHasItsOwnTurn)
+{
+    AnswerBook book = Read(R"({"answers": {"get-obj-crawler-state": [{"text": "1"}, {"text": "2"}],
+                               "get-obj-crawler-state --all": [{"text": "3"}, {"text": "4"}]}})");
+    std::string shown;
+    for (const bool allObjects : {false, true, false, true, false, true}) {
+        shown += NextAnswer(&book, RequestFor(26, allObjects)).pieces[0].bytes;
+    }
+    EXPECT_EQ(shown, "132424");
+}
+
+// Whoever asks at the same time, each request takes a turn of its own.
+TEST(Answers, NoTurnIsTakenTwice)
+{
+    static constexpr size_t kThreads = 4;
+    static constexpr size_t kTurns = 1000000;
+    AnswerBook book = BuiltInAnswers();
+    {
+        std::vector<std::jthread> threads;
+        for (size_t i = 0; i < kThreads; ++i) {
+            threads.emplace_back([&] {
+                for (size_t turn = 0; turn < kTurns; ++turn) {
+                    NextAnswer(&book, RequestFor(13, false));
+                }
+            });
+        }
+    }
+    EXPECT_EQ(book.find("fix-concats")->second.next, kThreads * kTurns);
+}
+
+TEST(Answers, UnknownCommandIsRefused)
+{
+    AnswerBook book = BuiltInAnswers();
+    const Answer &answer = NextAnswer(&book, DecodedRequest{});
+    EXPECT_EQ(answer.status, 0x2bad0016U);
+    EXPECT_EQ(answer.pieces[0].bytes, "unknown command");
+}
