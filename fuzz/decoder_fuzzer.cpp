@@ -1,0 +1,55 @@
+// Fuzzes the stand-in's decoder. An input is what arrived on a connection. Whatever it is, it has to come out as one
+// line of text and as one JSON value; and of a request that is said to be in order, a byte less and a byte more have to
+// be noticed.
+
+#include "input.h"
+
+#include "log.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+
+static void Require(bool holds, const char *what)
+{
+    if (!holds) {
+        fprintf(stderr, "finding: %s\n", what);
+        abort();
+    }
+}
+
+static bool IsPrintable(std::string_view text)
+{
+    return std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; });
+}
+
+static void RequireOutput(const DecodedRequest &request)
+{
+    Require(IsPrintable(FormatRequest(request, LogFormat::Text)), "text is more than one line of ASCII");
+    const auto json = nlohmann::json::parse(FormatRequest(request, LogFormat::Json), nullptr, false);
+    Require(json.is_object() && json["fields"].size() == request.fields.size(), "JSON does not hold the fields");
+}
+
+static void RequireSensitivity(Bytes bytes, const DecodedRequest &whole)
+{
+    const DecodedRequest less = DecodeRequest(bytes.first(bytes.size() - 1));
+    Require(less.fields.empty() && less.violations.size() == 1, "a missing byte goes unnoticed");
+    std::vector<uint8_t> longer(bytes.begin(), bytes.end());
+    longer.push_back(0);
+    const DecodedRequest more = DecodeRequest(longer);
+    Require(more.fields.size() == whole.fields.size(), "a further byte changes the request");
+    Require(more.violations == std::vector<std::string>{"1 bytes after the end"}, "a further byte goes unnoticed");
+}
+
+int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    const Bytes bytes(data, size);
+    const DecodedRequest request = DecodeRequest(bytes);
+    RequireOutput(request);
+    if (request.violations.empty()) {
+        Require(request.command != nullptr, "an unknown command is in order");
+        Require(size == kHeaderSize + request.length, "a request of the wrong length is in order");
+        RequireSensitivity(bytes, request);
+    }
+    return 0;
+}

@@ -1,0 +1,122 @@
+#!/usr/bin/env bash
+# Runs the tests where memory errors and undefined behaviour are failures. Each checker is first shown a program that
+# it must object to.
+#
+# What cannot be done: the unit tests, the fuzz targets and the stand-in daemon under MemorySanitizer. It takes every byte
+# for unset that code without its instrumentation has written, and they use the C++ library and GoogleTest, of which
+# Debian has no instrumented build. The tool itself uses the C library alone, whose functions MemorySanitizer knows.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+usage() {
+    cat <<TEXT
+usage: scripts/check-sanitizers.sh [--help] [CHECKER...]
+
+Builds and runs the tests under each CHECKER, or under all of them:
+
+  address    all tests with AddressSanitizer and UndefinedBehaviorSanitizer
+  memory     the tool's end-to-end tests with MemorySanitizer
+  valgrind   the core of the end-to-end tests, on the release build, with memcheck
+TEXT
+}
+
+fail() {
+    echo "check-sanitizers.sh: $*" >&2
+    exit 1
+}
+
+# end_to_end WORKERS TOOL TEST...: runs end-to-end tests with that tool.
+end_to_end() {
+    local workers=$1 tool=$2
+    shift 2
+    PLAX_TOOL=$tool pytest-3 -q -n "$workers" --dist loadgroup -p no:cacheprovider "$@"
+}
+
+check_address() {
+    scripts/test.sh sanitize
+}
+
+# A reply of gigabytes is not for MemorySanitizer, which would write two bytes of its own for each.
+memory_tests=(callback_block descriptors exchange help options requests rules run streams timeouts)
+not_for_memory="not length_above_what_comes and not length_without_any_payload and not does_not_fit_into_memory"
+
+check_memory() {
+    local build=$PWD/build/memory
+    local flags="-fsanitize=memory -fsanitize-memory-track-origins -fno-sanitize-recover=all -fno-omit-frame-pointer"
+    cmake -S . -B "$build" -G Ninja --log-level=WARNING -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=clang++ \
+        "-DCMAKE_CXX_FLAGS=$flags"
+    cmake --build "$build" --target plax-tool hangup
+    # shellcheck disable=SC2086
+    clang++ $flags tests/valgrind/canary.cpp -o "$build/canary"
+    ! "$build/canary" x 2>/dev/null || fail "MemorySanitizer does not notice an unset byte"
+    local tests=("${memory_tests[@]/#/tests/end_to_end/test_}")
+    PLAX_HANGUP_LIBRARY=$(find "$build" -name libhangup.so) \
+        end_to_end 8 "$build/sbin/plax-tool" -k "$not_for_memory" "${tests[@]/%/.py}"
+}
+
+# A run that a signal ends releases nothing. Memcheck keeps a processor busy, and with more runs than processors at once
+# the tests lose patience.
+not_for_valgrind="not ends_a_stream"
+valgrind_tests=(
+    test_callback_block.py
+    test_streams.py
+    test_run.py::test_every_command
+    test_run.py::test_argument_index
+    test_rules.py::test_fails
+    test_exchange.py::test_printed_reply_goes_to_standard_output
+    test_exchange.py::test_printed_reply_without_payload_is_an_empty_line
+    test_exchange.py::test_error_with_payload
+    test_exchange.py::test_incomplete_payload_is_reported_and_reads_as_success
+    test_exchange.py::test_closing_without_an_answer_reads_as_success
+    test_exchange.py::test_failed_payload_receive_reads_as_zeros
+    test_exchange.py::test_reply_in_pieces
+    test_requests.py::test_entity_decom
+    test_requests.py::test_exclusion_lists
+    test_requests.py::test_json
+    test_requests.py::test_later_json_replaces_the_earlier
+    test_requests.py::test_log_level
+    test_requests.py::test_longest_move_lists
+    test_requests.py::test_paths
+    test_requests.py::test_rebalance_words
+    test_requests.py::test_recovery_mode
+    test_requests.py::test_upgrade_head
+    test_requests.py::test_long_upgrade_list
+)
+
+check_valgrind() {
+    local build=$PWD/build/release logs=$PWD/build/valgrind failed=0
+    cmake --preset release >/dev/null
+    cmake --build --preset release --target plax-tool
+    rm -rf "$logs"
+    mkdir -p "$logs/canary" "$logs/runs"
+    local memcheck="valgrind -q --error-exitcode=99 --leak-check=full --show-leak-kinds=all --errors-for-leak-kinds=all"
+    memcheck+=" --track-fds=yes --suppressions=$PWD/tests/valgrind/process_exit.supp"
+    g++ tests/valgrind/canary.cpp -o "$logs/canary/canary"
+    # shellcheck disable=SC2086
+    ! $memcheck "--log-file=$logs/canary/%p.log" "$logs/canary/canary" x || fail "memcheck does not notice an error"
+    ! tests/valgrind/check_logs.py "$logs/canary" >/dev/null || fail "memcheck's logs are not read"
+    PLAX_TOOL_RUNNER="$memcheck --log-file=$logs/runs/%p.log" \
+        end_to_end "$(nproc)" "$build/sbin/plax-tool" -k "$not_for_valgrind" "${valgrind_tests[@]/#/tests/end_to_end/}" ||
+        failed=1
+    tests/valgrind/check_logs.py "$logs/runs"
+    ((!failed))
+}
+
+checkers=(address memory valgrind)
+chosen=()
+while (($#)); do
+    case $1 in
+    -h | --help) usage && exit 0 ;;
+    address | memory | valgrind) chosen+=("$1") ;;
+    *) usage >&2 && exit 2 ;;
+    esac
+    shift
+done
+((${#chosen[@]})) || chosen=("${checkers[@]}")
+
+scripts/install-packages.sh build test sanitizers
+export PYTHONDONTWRITEBYTECODE=1
+for checker in "${chosen[@]}"; do
+    echo "== $checker"
+    "check_$checker"
+done

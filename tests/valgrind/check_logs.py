@@ -1,0 +1,46 @@
+#!/usr/bin/python3
+"""Reads the logs that memcheck wrote, one a run, and fails on anything in them that is not expected.
+
+A run's exit code tells of errors too, but not when the run ended by a signal. Descriptors never change it.
+"""
+
+import re
+import sys
+from pathlib import Path
+
+# How a paragraph of a log begins, and what must stand in it.
+EXPECTED = (
+    (r"FILE DESCRIPTORS: \d+ open \(\d+ std\) at exit\.$", ""),
+    (r"Open .*", "<inherited from parent>"),
+    (r"Open AF_UNIX socket \d+: ", "OpenDaemonConnection"),
+    (r"Open file descriptor \d+: ", "StreamReply"),
+)
+
+
+def paragraphs(log):
+    """The paragraphs of a log without the process number in front of each line."""
+    text = re.sub(r"^==\d+== ?", "", log.read_text(errors="replace"), flags=re.MULTILINE)
+    return [paragraph for paragraph in re.split(r"\n\s*\n|\n(?=Open )", text.strip()) if paragraph]
+
+
+def is_expected(paragraph):
+    return any(re.match(begin, paragraph) and content in paragraph for begin, content in EXPECTED)
+
+
+def main(folder):
+    logs = sorted(Path(folder).glob("*.log"))
+    connections = 0
+    unexpected = []
+    for log in logs:
+        for paragraph in paragraphs(log):
+            connections += "OpenDaemonConnection" in paragraph
+            if not is_expected(paragraph):
+                unexpected.append(f"{log}:\n{paragraph}")
+    for paragraph in unexpected:
+        print(paragraph, end="\n\n")
+    print(f"memcheck: {len(logs)} runs, {connections} of them with a connection, {len(unexpected)} unexpected")
+    return 1 if unexpected or connections == 0 else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1]))
