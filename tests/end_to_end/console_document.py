@@ -1,0 +1,72 @@
+"""Runs the commands of a document in one shell, from top to bottom, and compares what they print.
+
+Each "console" block of the document holds command lines ("$ ", continued by "> ") and all that they print. The shell
+starts in an empty folder, with the tool and the stand-in daemon in its PATH.
+"""
+
+import os
+import re
+import signal
+import subprocess
+
+from harness import TOOL, environment
+
+STANDIN = os.environ.get("PLAXD_STANDIN", "")
+PATIENCE = 300  # seconds for a whole document
+
+
+def read_steps(text):
+    """The pairs of command and expected output, in the order of the text."""
+    steps = []
+    for block in re.findall(r"^```console\n(.*?)^```$", text, flags=re.MULTILINE | re.DOTALL):
+        for line in block.splitlines(keepends=True):
+            if line.startswith("$ "):
+                steps.append([line[2:], ""])
+            elif line.startswith("> ") and not steps[-1][1]:
+                steps[-1][0] += line[2:]
+            else:
+                steps[-1][1] += line
+    return steps
+
+
+def write_script(folder, commands):
+    """A script that runs each command with its output in a file of its own. $? lives on from one to the next."""
+    lines = ["result=0\n"]
+    for number, command in enumerate(commands):
+        folder.joinpath(f"command.{number}").write_text(f"(exit $result)\n{command}", encoding="utf-8")
+        lines.append(f'. "$STEPS/command.{number}" >"$STEPS/output.{number}" 2>&1\nresult=$?\n')
+    script = folder / "script"
+    script.write_text("".join(lines), encoding="utf-8")
+    return script
+
+
+def run_script(script, folder):
+    programs = folder / "bin"
+    programs.mkdir()
+    programs.joinpath("plax-tool").symlink_to(TOOL)
+    programs.joinpath("plaxd-standin").symlink_to(STANDIN)
+    work = folder / "work"
+    work.mkdir()
+    changes = {"STEPS": str(folder), "PATH": f"{programs}:{os.environ['PATH']}", "HOME": str(folder)}
+    shell = subprocess.Popen(["bash", script], cwd=work, env=environment(**changes), stdin=subprocess.DEVNULL,
+                             start_new_session=True)
+    try:
+        shell.wait(PATIENCE)
+    finally:
+        # What a failed step has left running ends with its session.
+        try:
+            os.killpg(shell.pid, signal.SIGKILL)
+        except ProcessLookupError:
+            pass
+
+
+def without_progress(output):
+    """The output without the count of finished nodes, which clush writes over itself when it has to wait."""
+    return re.sub(r"clush: +\d+/\d+\r| +\r", "", output)
+
+
+def run_steps(steps, folder):
+    """The pairs of command and real output."""
+    run_script(write_script(folder, [command for command, _ in steps]), folder)
+    outputs = [folder.joinpath(f"output.{number}") for number in range(len(steps))]
+    return [[command, without_progress(output.read_bytes().decode())] for (command, _), output in zip(steps, outputs)]
