@@ -9,7 +9,6 @@
 #include "senders.h"
 
 #include <ctime>
-#include <iterator>
 #include <string_view>
 
 struct CommandRow {

@@ -72,7 +72,7 @@ static QRT_ReturnStatus RunCommand(int argumentCount, char **arguments, CommandS
 }
 
 // With a buffer of its own, standard output needs neither a file status nor an allocation for its first byte, and the
-// help text leaves in one write.
+// help text leaves in one write unless the program's name is very long.
 static void BufferStandardOutput()
 {
     static char buffer[8192];
@@ -81,10 +81,10 @@ static void BufferStandardOutput()
 
 QRT_ReturnStatus RunTool(int argumentCount, char **arguments)
 {
-    BufferStandardOutput();
     static WhatIfUpgradeRequest whatIfUpgrade;
     auto *manualMove =
         static_cast<ComponentManualMoveRequest *>(PLAX_SafeCalloc(1, sizeof(ComponentManualMoveRequest)));
+    BufferStandardOutput();
     CommandSettings settings;
     settings.whatIfUpgrade = &whatIfUpgrade;
     settings.manualMove = manualMove;

@@ -13,7 +13,7 @@ void Warning(const char *format, ...) __attribute__((format(printf, 1, 2)));
 // Reports the message made from a printf-style format and its values, and ends the process.
 [[noreturn]] void Panic(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
-// Returns a new copy of a text, which the caller owns and releases with free; null for null.
+// Returns a new copy of a text, which the caller owns and releases with free.
 char *UtilSafeStrdup0(const char *text);
 
 // Returns the text of a status. It belongs to the library and holds until the next call.

@@ -1,5 +1,5 @@
-// The one currency of outcomes: every function that talks to the daemon returns a QRT_ReturnStatus, and the run's last
-// one becomes the exit status (of which a shell sees the low 8 bits).
+// The one currency of outcomes: every function that sends to or reads from the daemon returns a QRT_ReturnStatus, and
+// the run's last one becomes the exit status (of which a shell sees the low 8 bits).
 #ifndef PLAX_INCLUDE_RETURN_STATUS_H
 #define PLAX_INCLUDE_RETURN_STATUS_H
 

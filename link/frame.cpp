@@ -33,8 +33,8 @@ QRT_ReturnStatus SendCommand(int socket, CommandCode code, const void *payload, 
     return kStatusSuccess;
 }
 
-// The zero byte behind a payload ends it when it is read as text. Where the sum does not fit a size_t it wraps to 0, and
-// the largest size stands for it, which no allocator grants.
+// The zero byte behind a payload ends it when it is read as text. Where the sum does not fit a size_t it wraps to 0,
+// and the largest size stands for it, which no allocator grants.
 static size_t SizeWithTerminator(uint32_t length)
 {
     const size_t size = size_t{length} + 1;

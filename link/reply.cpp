@@ -12,7 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-// Commands that promise no status stay silent also when their request cannot be sent.
+// Silent are the commands whose answer never holds a status. The one whose answer may, speaks in both its forms.
 static bool IsSendFailureReported(ReplyClass replyClass)
 {
     return replyClass != ReplyClass::None && replyClass != ReplyClass::Streamed;

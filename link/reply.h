@@ -15,8 +15,8 @@ enum class ReplyClass : uint8_t {
     StreamedForAllObjects, // Streamed with --all, Printed without
 };
 
-// Ends the exchange after a request whose sending ended with `sendStatus`: reports its failure, or reads and shows the
-// reply as its class asks. Returns the status that the run ends with.
+// Ends the exchange after a request whose sending ended with `sendStatus`: reports its failure where
+// the class asks for it, or reads and shows the reply. Returns the status that the run ends with.
 QRT_ReturnStatus HandleReply(ReplyClass replyClass, int socket, QRT_ReturnStatus sendStatus,
                              const CommandSettings &settings);
 

@@ -29,6 +29,7 @@ void Panic(const char *format, ...)
     abort();
 }
 
+// Gives null for null, and panics as the safe allocators do when memory runs out.
 char *UtilSafeStrdup0(const char *text)
 {
     if (text == nullptr) {

@@ -1,4 +1,4 @@
-// Each sender fills one record from zero and sends it with the length that the daemon expects.
+// Each sender builds one payload and sends it with the length that the daemon expects.
 
 #include "senders.h"
 

@@ -10,13 +10,15 @@ import subprocess
 
 import pytest
 
-from harness import HOST_ORDER, RUNNER, TOOL, Outcome, ScriptedDaemon, environment, finish_tool, tool
+from harness import HOST_ORDER, RUNNER, TOOL, Outcome, ScriptedDaemon, environment, finish_tool, frame, tool
 
 SOCKET = "plaxd.uds"
 SOCKET_OPTION = "-s" + SOCKET
 
 UUID = "01234567-89ab-cdef-0123-456789abcdef"
 UUID_BYTES = b"\x01\x23\x45\x67\x89\xab\xcd\xef\x01\x23\x45\x67\x89\xab\xcd\xef"
+
+INCOMPLETE = b"Failed to receive the complete UDS message sent. Please try again"
 
 # One line of the tool a line here, tabs and trailing blanks included.
 LISTING = (
@@ -107,6 +109,13 @@ def ask(*words, steps=(), **options):
     return run, plaxd.received
 
 
+def converse(*steps, words, env=None, **options):
+    """Runs the tool against a daemon that does these steps. The options are the daemon's. Gives what `ask` gives."""
+    with ScriptedDaemon(*steps, **options) as plaxd:
+        run = tool("-s", plaxd.path, *words, env=env)
+    return run, plaxd.received
+
+
 def refuse(*words, **options):
     """Runs the tool in the folder of a daemon that must not be connected to. Gives the outcome."""
     with ScriptedDaemon(connections=0) as plaxd:
@@ -123,6 +132,14 @@ def run_as(name, *words):
 own_program_name = pytest.mark.skipif(bool(RUNNER), reason="a runner gives the tool its own program name")
 
 
+def tool_named(folder, program, *words):
+    """Runs the tool under another program name, which is a word without a slash."""
+    (folder / program).symlink_to(TOOL)
+    env = environment(PATH=f"{folder}:{os.environ['PATH']}")
+    return finish_tool(subprocess.Popen([*RUNNER, program, *words], cwd=folder, env=env, stdin=subprocess.DEVNULL,
+                                        stdout=subprocess.PIPE, stderr=subprocess.PIPE))
+
+
 def record(layout, *values):
     """A request record in the order of the host that the tool runs on. The layout names every gap."""
     return struct.pack(HOST_ORDER + layout, *values)
@@ -130,3 +147,26 @@ def record(layout, *values):
 
 def uuid_list(entries):
     return ",".join([UUID] * entries)
+
+
+# ---- The requests in which many options show. ----
+
+LIST_FIELD = 94720
+
+
+def entity_decom(uuid=bytes(16), mode=0, durability=0):
+    return frame(16, record("16sIB3s", uuid, mode, durability, bytes(3)))
+
+
+def upgrade(uuids, count, mode=0, reason=0, wipe=0):
+    head = record("16sIIB3sI", bytes(16), mode, reason, wipe, bytes(3), count)
+    return frame(17, head + os.fsencode(uuids) + b"\0")
+
+
+def manual_move(destinations="", destination_count=0, exclusions="", exclusion_count=0):
+    return frame(33, record(f"16sII{LIST_FIELD}s{LIST_FIELD}s", UUID_BYTES, destination_count, exclusion_count,
+                            os.fsencode(destinations), os.fsencode(exclusions)))
+
+
+def exclusion_list(uuids, count, mode=0):
+    return frame(34, record(f"II{LIST_FIELD}s", mode, count, os.fsencode(uuids)))

@@ -16,6 +16,7 @@ must have ended by then: nothing is accepted any more.
 import array
 import fcntl
 import os
+import resource
 import select
 import shutil
 import socket
@@ -80,6 +81,12 @@ def finish_tool(process):
 def tool(*words, **options):
     """Runs the tool to its end."""
     return finish_tool(start_tool(*words, **options))
+
+
+def limit_memory():
+    """For a tool about to start: 1 GiB of addresses, and no dump when that ends it."""
+    resource.setrlimit(resource.RLIMIT_AS, (1 << 30, 1 << 30))
+    resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
 
 
 def collect(pipe, count, patience=10):

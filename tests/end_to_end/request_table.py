@@ -3,14 +3,12 @@
 Numbers are written in the order of the host that the tool was built for; everything else is the same on all hosts.
 """
 
-import os
-import subprocess
 from dataclasses import dataclass
 
 from command_line import record
-from harness import RUNNER, TOOL, ZERO_UUID, environment, finish_tool
+from harness import ZERO_UUID, frame
 
-PRINTED, CHECKED, SILENT, STREAMED = "printed", "checked", "silent", "streamed"
+PRINTED, CHECKED, UNANSWERED, STREAMED = "printed", "checked", "unanswered", "streamed"
 
 UUID = b"0123abcd-4567-89ef-fedc-ba9876543210"
 UUID_BYTES = b"\x01\x23\xab\xcd\x45\x67\x89\xef\xfe\xdc\xba\x98\x76\x54\x32\x10"
@@ -35,6 +33,9 @@ class Row:
     least_payload: bytes
     full: tuple
     full_payload: bytes
+
+    def least_request(self):
+        return frame(self.code, self.least_payload)
 
 
 def bare(code, word, reply):
@@ -93,10 +94,10 @@ ROWS = (
     bare(27, "pause-decom-state-progress", CHECKED),
     bare(28, "resume-decom-state-progress", CHECKED),
     bare(29, "start-decom-state-heartbeat", CHECKED),
-    bare(30, "pause-failed-delta-entry-processing", SILENT),
-    Row(31, "block-cdb-cb", SILENT, ("block-cdb-cb",), b"0:0:" + ZERO_UUID + b"\0" * 984,
+    bare(30, "pause-failed-delta-entry-processing", UNANSWERED),
+    Row(31, "block-cdb-cb", UNANSWERED, ("block-cdb-cb",), b"0:0:" + ZERO_UUID + b"\0" * 984,
         (*EVERY, "block-cdb-cb", "delete", "node"), b"3:4:" + UUID + b"\0" * 984),
-    bare(32, "refresh-config-opts", SILENT),
+    bare(32, "refresh-config-opts", UNANSWERED),
     Row(33, "component-manual-move", CHECKED, ("-u", ONE, "-n", TWO, "component-manual-move"),
         b"\x11" * 16 + record("II", 1, 0) + TWO + b"\0" * 94684 + b"\0" * 94720,
         (*MOST, *EXCLUSIONS, "component-manual-move", "more"),
@@ -110,9 +111,5 @@ def name(row):
     return f"{row.word}-{row.reply}"
 
 
-def tool_named(folder, program, *words):
-    """Runs the tool under another program name, which is a word without a slash."""
-    (folder / program).symlink_to(TOOL)
-    env = environment(PATH=f"{folder}:{os.environ['PATH']}")
-    return finish_tool(subprocess.Popen([*RUNNER, program, *words], cwd=folder, env=env, stdin=subprocess.DEVNULL,
-                                        stdout=subprocess.PIPE, stderr=subprocess.PIPE))
+def rows_of(*replies):
+    return [row for row in ROWS if row.reply in replies]

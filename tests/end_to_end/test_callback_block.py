@@ -4,8 +4,9 @@ import itertools
 
 import pytest
 
+from command_line import tool_named
 from harness import ZERO_UUID, Outcome, ScriptedDaemon, frame, tool
-from request_table import UUID, tool_named
+from request_table import UUID
 
 NO_OUTPUT = Outcome(b"", b"", 0)
 
@@ -66,6 +67,7 @@ def test_words_that_match_nothing(word):
 def test_uuid_is_sent_with_the_words():
     assert blocked(("-u", UUID, *callback("add", "disk")), b"2:3", UUID)
     assert blocked(("-u", UUID.upper(), *callback("add", "disk")), b"2:3", UUID)
+    assert blocked(("-u", UUID, *callback("nonsense")), b"0:0", UUID)
     assert blocked(callback("add", "-u", UUID, "disk"), b"2:3", UUID)
     assert blocked(("-u", UUID[:18], *callback("add")), b"2:0", UUID[:18] + b"-0000-000000000000")
 

@@ -1,19 +1,22 @@
 """Standard descriptors that are closed, full or broken, and a daemon that hangs up while it is being spoken to."""
 
+import dataclasses
 import itertools
 import os
-import resource
 import signal
 
 import pytest
 
-from commands import CHECKED, FRAMED, PRINTED, STREAMED, UNANSWERED, name
-from harness import RUNNER, TOOL, Outcome, ScriptedDaemon, await_unread, close, read, reply, send, tool
+from binaries import is_sanitized
+from harness import RUNNER, TOOL, Outcome, ScriptedDaemon, await_unread, close, limit_memory, read, reply, send, tool
+from request_table import CHECKED, PRINTED, ROWS, STREAMED, UNANSWERED, Row, name, rows_of
 
 HANGUP_LIBRARY = os.environ.get("PLAX_HANGUP_LIBRARY", "")
 ERROR = b"Error received: Status 0x00000005: busy\n"
 INFO_REQUEST = b"\0\0\0\x0c\0\0\0\0"
 STATS_REQUEST = b"\0\0\0\1\0\0\0\0"
+
+STATS, CRAWLER_STATES = rows_of(STREAMED)
 
 SUBSETS = [subset for size in range(4) for subset in itertools.combinations((0, 1, 2), size)]
 each_subset = pytest.mark.parametrize("closed", SUBSETS, ids=str)
@@ -89,17 +92,17 @@ def test_absent_daemon_with_closed_descriptors(closed, tmp_path):
 # ---- A full disk ----
 
 @pytest.mark.parametrize("payload", [b"", b"abc", b"x" * 100000], ids=["empty", "short", "long"])
-@pytest.mark.parametrize("command", PRINTED, ids=name)
+@pytest.mark.parametrize("command", rows_of(PRINTED), ids=name)
 def test_printed_reply_to_a_full_disk(command, payload):
     with ScriptedDaemon(reply(0, payload)) as plaxd, open("/dev/full", "wb") as full:
-        run = tool("-s", plaxd.path, *command.words, stdout=full)
+        run = tool("-s", plaxd.path, *command.least, stdout=full)
     assert run == Outcome(None, b"", 28)
 
 
-@pytest.mark.parametrize("command", STREAMED, ids=name)
+@pytest.mark.parametrize("command", rows_of(STREAMED), ids=name)
 def test_stream_to_a_full_disk_is_not_noticed(command):
     with ScriptedDaemon(send(b"x" * 100000)) as plaxd, open("/dev/full", "wb") as full:
-        run = tool("-s", plaxd.path, *command.words, stdout=full)
+        run = tool("-s", plaxd.path, *command.least, stdout=full)
     assert run == Outcome(None, b"", 0)
 
 
@@ -120,12 +123,12 @@ def make_broken_pipe():
 
 
 @either_disposition
-@pytest.mark.parametrize("command", PRINTED, ids=name)
+@pytest.mark.parametrize("command", rows_of(PRINTED), ids=name)
 def test_printed_reply_to_a_broken_pipe(command, disposition, broken_pipe):
     with ScriptedDaemon(reply(0, b"abc")) as plaxd:
-        run = tool("-s", plaxd.path, *command.words, stdout=broken_pipe, **with_sigpipe(disposition))
+        run = tool("-s", plaxd.path, *command.least, stdout=broken_pipe, **with_sigpipe(disposition))
     assert run == Outcome(None, b"", 32)
-    assert command.was_sent(plaxd.received)
+    assert plaxd.received == command.least_request()
 
 
 @either_disposition
@@ -137,27 +140,27 @@ def test_empty_printed_reply_to_a_broken_pipe_ends_as_it_would(disposition, brok
 
 
 @either_disposition
-@pytest.mark.parametrize("command", FRAMED, ids=name)
+@pytest.mark.parametrize("command", rows_of(PRINTED, CHECKED), ids=name)
 def test_error_message_to_a_broken_pipe(command, disposition, broken_pipe):
     with ScriptedDaemon(reply(5, b"busy")) as plaxd:
-        run = tool("-s", plaxd.path, *command.words, stderr=broken_pipe, **with_sigpipe(disposition))
+        run = tool("-s", plaxd.path, *command.least, stderr=broken_pipe, **with_sigpipe(disposition))
     assert run == Outcome(b"", None, 5)
 
 
 @either_disposition
 def test_checked_and_unanswered_commands_do_not_mind_a_broken_pipe(disposition, broken_pipe):
-    for command, steps in ((CHECKED[0], (reply(0, b"abc"),)), (UNANSWERED[0], ())):
+    for command, steps in ((rows_of(CHECKED)[0], (reply(0, b"abc"),)), (rows_of(UNANSWERED)[0], ())):
         with ScriptedDaemon(*steps) as plaxd:
-            run = tool("-s", plaxd.path, *command.words, stdout=broken_pipe, **with_sigpipe(disposition))
+            run = tool("-s", plaxd.path, *command.least, stdout=broken_pipe, **with_sigpipe(disposition))
         assert run == Outcome(None, b"", 0)
 
 
-@pytest.mark.parametrize("command", STREAMED, ids=name)
+@pytest.mark.parametrize("command", rows_of(STREAMED), ids=name)
 @pytest.mark.parametrize("disposition, code", [(signal.SIG_DFL, -signal.SIGPIPE), (signal.SIG_IGN, 0)],
                          ids=["default", "ignored"])
 def test_stream_to_a_broken_pipe(command, disposition, code, broken_pipe):
     with ScriptedDaemon(send(b"abc")) as plaxd:
-        run = tool("-s", plaxd.path, *command.words, stdout=broken_pipe, **with_sigpipe(disposition))
+        run = tool("-s", plaxd.path, *command.least, stdout=broken_pipe, **with_sigpipe(disposition))
     assert run == Outcome(None, b"", code)
 
 
@@ -168,6 +171,16 @@ def test_stream_to_a_file_does_not_mind_a_broken_pipe(broken_pipe, tmp_path):
     assert (run, output.read_bytes()) == (Outcome(None, b"", 0), b"abc")
 
 
+# Where nothing is sent, the run ends as every filter does.
+@pytest.mark.parametrize("words, stream, outcome", [
+    (("nonsense",), "stdout", Outcome(None, b"Unrecognized command: nonsense\n", -signal.SIGPIPE)),
+    (("-s", "absent", "stats"), "stderr", Outcome(b"", None, -signal.SIGPIPE)),
+    (("-h",), "stdout", Outcome(None, b"", -signal.SIGPIPE)),
+], ids=["usage-error", "absent-daemon", "help"])
+def test_run_without_a_request_ends_by_the_broken_pipe(words, stream, outcome, broken_pipe, tmp_path):
+    assert tool(*words, cwd=tmp_path, **{stream: broken_pipe}, **with_sigpipe(signal.SIG_DFL)) == outcome
+
+
 # ---- A daemon that hangs up before the request is out ----
 
 BROKEN_SENDING = Outcome(b"", b"Sending command failed: Broken pipe\n", 32)
@@ -175,11 +188,13 @@ BROKEN_SENDING_UNSAID = Outcome(b"", b"", 32)
 
 # The message is for the commands whose reply is a frame, and for the crawler states of all objects.
 SENDING = [
-    *[(command, BROKEN_SENDING) for command in FRAMED],
-    *[(command, BROKEN_SENDING_UNSAID) for command in UNANSWERED],
-    (STREAMED[0], BROKEN_SENDING_UNSAID),
-    (STREAMED[1], BROKEN_SENDING),
+    *[(command, BROKEN_SENDING) for command in rows_of(PRINTED, CHECKED)],
+    *[(command, BROKEN_SENDING_UNSAID) for command in rows_of(UNANSWERED)],
+    (STATS, BROKEN_SENDING_UNSAID),
+    (CRAWLER_STATES, BROKEN_SENDING),
 ]
+
+needs_preloading = pytest.mark.skipif(bool(RUNNER), reason="the library is loaded into the runner")
 
 
 def speak_to_the_deaf(command, *steps, hangup_before_send, disposition):
@@ -187,58 +202,47 @@ def speak_to_the_deaf(command, *steps, hangup_before_send, disposition):
     held_back = {"LD_PRELOAD": HANGUP_LIBRARY, "PLAX_HANGUP_BEFORE_SEND": str(hangup_before_send),
                  "ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"}
     with ScriptedDaemon(*steps, close(), read_request=False) as plaxd:
-        run = tool("-s", plaxd.path, *command.words, env=held_back, **with_sigpipe(disposition))
+        run = tool("-s", plaxd.path, *command.least, env=held_back, **with_sigpipe(disposition))
     return run, plaxd.received
 
 
-@pytest.mark.skipif(bool(RUNNER), reason="the library is loaded into the runner")
+@needs_preloading
 @either_disposition
-@pytest.mark.parametrize("command, outcome", SENDING, ids=lambda value: name(value) if hasattr(value, "words") else "")
+@pytest.mark.parametrize("command, outcome", SENDING, ids=lambda value: name(value) if isinstance(value, Row) else "")
 def test_header_cannot_be_sent(command, outcome, disposition):
     assert speak_to_the_deaf(command, hangup_before_send=1, disposition=disposition) == (outcome, b"")
 
 
-@pytest.mark.skipif(bool(RUNNER), reason="the library is loaded into the runner")
+@needs_preloading
 @either_disposition
-@pytest.mark.parametrize("command, outcome", [row for row in SENDING if row[0].payload_length > 0],
-                         ids=lambda value: name(value) if hasattr(value, "words") else "")
+@pytest.mark.parametrize("command, outcome", [case for case in SENDING if case[0].least_payload],
+                         ids=lambda value: name(value) if isinstance(value, Row) else "")
 def test_payload_cannot_be_sent(command, outcome, disposition):
     run = speak_to_the_deaf(command, read(8), hangup_before_send=2, disposition=disposition)
-    assert run == (outcome, command.header())
+    assert run == (outcome, command.least_request()[:8])
 
 
 def test_large_request_that_is_not_read():
     """What was taken of the payload counts as sent: the reset shows when the reply is read."""
-    command = next(command for command in CHECKED if command.code == 33)
+    command = next(row for row in ROWS if row.code == 33)
     with ScriptedDaemon(await_unread(9), close(), read_request=False) as plaxd:
-        run = tool("-s", plaxd.path, *command.words)
+        run = tool("-s", plaxd.path, *command.least)
     assert run == Outcome(b"", b"Error received: Connection reset by peer: (null)\n", 104)
 
 
+@needs_preloading
 def test_output_file_is_left_alone_when_sending_fails(tmp_path):
     output = tmp_path / "out"
     output.write_bytes(b"as it was")
-    if not RUNNER:
-        crawler_states = STREAMED[1]
-        words = type(crawler_states)(26, (*crawler_states.words, "-o", str(output)), 41)
-        run, _ = speak_to_the_deaf(words, hangup_before_send=1, disposition=signal.SIG_DFL)
-        assert run == BROKEN_SENDING
-    assert output.read_bytes() == b"as it was"
+    crawler_states = dataclasses.replace(CRAWLER_STATES, least=(*CRAWLER_STATES.least, "-o", str(output)))
+    run, _ = speak_to_the_deaf(crawler_states, hangup_before_send=1, disposition=signal.SIG_DFL)
+    assert (run, output.read_bytes()) == (BROKEN_SENDING, b"as it was")
 
 
 # ---- No memory for the reply ----
 
-def is_sanitized():
-    with open(TOOL, "rb") as binary:
-        return b"__asan_init" in binary.read()
-
-
-@pytest.mark.skipif(bool(RUNNER) or is_sanitized(), reason="takes more address space than the test leaves")
+@pytest.mark.skipif(bool(RUNNER) or is_sanitized(TOOL), reason="takes more address space than the test leaves")
 def test_reply_that_does_not_fit_into_memory():
-    def limit_memory():
-        resource.setrlimit(resource.RLIMIT_AS, (1 << 30, 1 << 30))
-        resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
-
     with ScriptedDaemon(send(b"\0\0\0\0\xff\xff\xff\xff"), may_break=True) as plaxd:
         run = tool("-s", plaxd.path, "info-proactive-rebalance", preexec_fn=limit_memory)
     assert run == Outcome(b"", b"PLAX_SafeMalloc:2888: Failed to allocate new memory\n", -signal.SIGABRT)

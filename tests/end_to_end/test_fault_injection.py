@@ -1,9 +1,10 @@
 """Every call of the C library that a run makes fails once, with every errno that it can fail with.
 
-A preloaded library makes the n-th call of a function fail, for n = 1, 2, 3... until the run makes no n-th call, and records
-all calls. So each run has to match in full: standard output, standard error, the exit code, what the daemon received,
-and what was still called after the failure and what no longer was. The runs are one for each command and reply class,
-and those that end in other ways: error replies, usage errors, the help text, closed standard descriptors, no daemon.
+A preloaded library makes the n-th call of a function fail, for n = 1, 2, 3... until the run makes no n-th call, and
+records all calls. So each run has to match in full: standard output, standard error, the exit code, what the daemon
+received, and what was still called after the failure and what no longer was. The runs are one for each command and
+reply class, and those that end in other ways: error replies, usage errors, the help text, closed standard descriptors,
+no daemon.
 
 What cannot be reached from outside is the C library's own work below these calls; of it, only the allocations and the
 flush at exit are made to fail. Functions that only compute, such as strtoul, are left alone: HARMLESS names them, and
@@ -19,11 +20,12 @@ from itertools import count
 import pytest
 
 import request_table
-from command_line import help_text
+from binaries import PLATFORM_LIBRARY, imports
+from command_line import INCOMPLETE, help_text
 from harness import TOOL, ScriptedDaemon, frame, tool
 
 LIBRARY = os.environ.get("PLAX_FAULT_INJECTION", "")
-pytestmark = pytest.mark.skipif(not LIBRARY, reason="only where a library can be preloaded: PLAX_FAULT_INJECTION names it")
+pytestmark = pytest.mark.skipif(not LIBRARY, reason="PLAX_FAULT_INJECTION names no library to preload")
 
 # Number and text of each errno.
 ERRORS = {
@@ -88,17 +90,17 @@ ERRORS_OF = {
     "libc-malloc": ["ENOMEM"],
     "socket": "EACCES EAFNOSUPPORT EINVAL EMFILE ENFILE ENOBUFS ENOMEM EPROTONOSUPPORT ESOCKTNOSUPPORT".split(),
     "setsockopt": "EBADF EFAULT EINVAL ENOPROTOOPT ENOTSOCK".split(),
-    "connect": ("EACCES EPERM EADDRINUSE EADDRNOTAVAIL EAFNOSUPPORT EAGAIN EALREADY EBADF ECONNREFUSED EFAULT EINPROGRESS EINTR "
-                "EINVAL EISCONN ENETUNREACH ENOENT ENOTSOCK EPROTOTYPE ETIMEDOUT").split(),
+    "connect": ("EACCES EPERM EADDRINUSE EADDRNOTAVAIL EAFNOSUPPORT EAGAIN EALREADY EBADF ECONNREFUSED EFAULT "
+                "EINPROGRESS EINTR EINVAL EISCONN ENETUNREACH ENOENT ENOTSOCK EPROTOTYPE ETIMEDOUT").split(),
     "fcntl": "EACCES EAGAIN EBADF EBUSY EDEADLK EFAULT EINTR EINVAL EMFILE ENOLCK ENOTDIR EPERM".split(),
     "close": "EBADF EINTR EIO ENOSPC EDQUOT".split(),
     "sigaction": "EFAULT EINVAL".split(),
-    "send": ("EACCES EAGAIN EALREADY EBADF ECONNRESET EDESTADDRREQ EFAULT EINTR EINVAL EISCONN EMSGSIZE ENOBUFS ENOMEM ENOTCONN "
-             "ENOTSOCK EOPNOTSUPP EPIPE").split(),
+    "send": ("EACCES EAGAIN EALREADY EBADF ECONNRESET EDESTADDRREQ EFAULT EINTR EINVAL EISCONN EMSGSIZE ENOBUFS ENOMEM "
+             "ENOTCONN ENOTSOCK EOPNOTSUPP EPIPE").split(),
     "recv": "EAGAIN EBADF ECONNREFUSED ECONNRESET EFAULT EINTR EINVAL ENOMEM ENOTCONN ENOTSOCK".split(),
     "write": WRITE_ERRORS,
-    "open": ("EACCES EAGAIN EBUSY EDQUOT EEXIST EFAULT EFBIG EINTR EINVAL EISDIR ELOOP EMFILE ENAMETOOLONG ENFILE ENODEV ENOENT "
-             "ENOMEM ENOSPC ENOTDIR ENXIO EOPNOTSUPP EOVERFLOW EPERM EROFS ETXTBSY").split(),
+    "open": ("EACCES EAGAIN EBUSY EDQUOT EEXIST EFAULT EFBIG EINTR EINVAL EISDIR ELOOP EMFILE ENAMETOOLONG ENFILE "
+             "ENODEV ENOENT ENOMEM ENOSPC ENOTDIR ENXIO EOPNOTSUPP EOVERFLOW EPERM EROFS ETXTBSY").split(),
     "setvbuf": ["EBADF"],
     "madvise": "EACCES EAGAIN EBADF EBUSY EFAULT EHWPOISON EINVAL EIO ENOMEM EPERM".split(),
     "printf": WRITE_ERRORS,
@@ -108,19 +110,18 @@ ERRORS_OF = {
     "exit-flush": WRITE_ERRORS,
 }
 
-# Symbols of the C library that the tool and the platform library may use without a failure to inject: they compute only,
-# or give back, or end the run.
+# Symbols of the C library that the tool and the platform library may use without a failure to inject: they compute
+# only, or give back, or end the run.
 HARMLESS = set("""
-    __errno_location __isoc99_sscanf __libc_start_main __memcpy_chk __memset_chk __snprintf_chk __stack_chk_fail __strlen_chk
-    abort free getopt_long htonl memcmp memcpy memmove memset ntohl optarg optind snprintf sscanf stderr stdout strcmp strerror
-    strlen strnlen strtoul""".split())
+    __errno_location __isoc99_sscanf __libc_start_main __memcpy_chk __memset_chk __snprintf_chk __stack_chk_fail
+    __strlen_chk abort free getopt_long htonl memcmp memcpy memmove memset ntohl optarg optind snprintf sscanf stderr
+    stdout strcmp strerror strlen strnlen strtoul""".split())
 # The names behind which the library finds the functions of ERRORS_OF.
 INJECTED = set("""
-    __printf_chk __vfprintf_chk calloc close connect fcntl fcntl64 fputc madvise malloc open open64 perror printf putc putchar
-    recv send setsockopt setvbuf sigaction socket vfprintf write""".split())
+    __printf_chk __vfprintf_chk calloc close connect fcntl fcntl64 fputc madvise malloc open open64 perror printf putc
+    putchar recv send setsockopt setvbuf sigaction socket vfprintf write""".split())
 PLATFORM = {"Panic", "QRT_ReturnStatusToString", "UtilSafeStrdup0", "Warning"}
 
-INCOMPLETE = b"Failed to receive the complete UDS message sent. Please try again"
 PANIC = {
     "malloc": b"PLAX_SafeMalloc:2888: Failed to allocate new memory\n",
     "calloc": b"PLAX_SafeCalloc:2898: Failed to allocate new memory\n",
@@ -227,7 +228,7 @@ def closing(descriptors):
 # ---- What a run without failures calls. ----
 
 def up_to_sending(seconds=20, lengths=()):
-    return ["setvbuf 1", "calloc", "socket 1 1 0", f"setsockopt 1 20 {seconds} 0", "connect 110", "sigaction 13",
+    return ["calloc", "setvbuf 1", "socket 1 1 0", f"setsockopt 1 20 {seconds} 0", "connect 110", "sigaction 13",
             *(f"send {length} 0" for length in lengths)]
 
 
@@ -240,11 +241,10 @@ TIMEOUTS = {15: 1800, 16: 1800, 17: 7200}
 ANSWERS = {
     request_table.PRINTED: (frame(0, b"abc"), b"abc\n", [*receiving(3), "write 3", *PRINTING]),
     request_table.CHECKED: (frame(0, b"ok"), b"", [*receiving(2), "free"]),
-    request_table.SILENT: (b"", b"", ["free"]),
+    request_table.UNANSWERED: (b"", b"", ["free"]),
     request_table.STREAMED: (b"abc\ndef\n", b"abc\ndef\n",
                              ["sigaction 13", "recv 1023 0", "recv 1023 64", "write 8", "free"]),
 }
-
 
 
 def of_row(row):
@@ -275,7 +275,8 @@ def stream(name, reply, calls, chunks, words=("stats",), **more):
 
 
 def usage(name, words, stderr=b"", code=1):
-    calls = ["setvbuf 1", "calloc", *(["vfprintf 2"] if stderr else []), "printf", "free", f"exit-flush {len(help_text())}"]
+    calls = ["calloc", "setvbuf 1", *(["vfprintf 2"] if stderr else []), "printf", "free",
+             f"exit-flush {len(help_text())}"]
     return Scenario(name, words, calls, stdout=help_text(), stderr=stderr, code=code, connections=0)
 
 
@@ -314,9 +315,9 @@ COUNTS = {
     "pause-decom-state-progress-checked": (75, 18),
     "resume-decom-state-progress-checked": (75, 18),
     "start-decom-state-heartbeat-checked": (75, 18),
-    "pause-failed-delta-entry-processing-silent": (54, 8),
-    "block-cdb-cb-silent": (71, 13),
-    "refresh-config-opts-silent": (54, 8),
+    "pause-failed-delta-entry-processing-unanswered": (54, 8),
+    "block-cdb-cb-unanswered": (71, 13),
+    "refresh-config-opts-unanswered": (54, 8),
     "component-manual-move-checked": (92, 23),
     "set-global-exclusion-list-checked": (93, 23),
     "long-stream": (740, 0),
@@ -344,7 +345,7 @@ ERROR_STATUS = 0x01020305
 BUSY = b"Error received: Status 0x01020305: busy\n"
 LARGE = b"fedcba9876543210" * 8192
 LONG = b"0123456789abcdef" * 4125  # 66000 bytes: more than the tool gathers before it writes
-MOVED = ["setvbuf 1", "calloc", "socket 1 1 0", "fcntl {0} 0 3", "close {0}", *up_to_sending(lengths=[8])[3:]]
+MOVED = ["calloc", "setvbuf 1", "socket 1 1 0", "fcntl {0} 0 3", "close {0}", *up_to_sending(lengths=[8])[3:]]
 
 
 def moved(descriptor):
@@ -365,12 +366,13 @@ def scenarios():
                    [*receiving(0), "vfprintf 2", "free", "free"], checked,
                    stderr=b"Error received: Status 0x01020305: (null)\n", code=5)
     yield exchange("printed-incomplete", "fitness-stats-get", 6, struct.pack(">II", 0, 10) + b"abcd",
-                   [*receiving(10), "free", "vfprintf 2", "write 0", *PRINTING], printed, stdout=b"\n", stderr=INCOMPLETE)
+                   [*receiving(10), "free", "vfprintf 2", "write 0", *PRINTING], printed, stdout=b"\n",
+                   stderr=INCOMPLETE)
     yield exchange("checked-incomplete", "what-if-cancel", 18, struct.pack(">II", ERROR_STATUS, 10) + b"abcd",
                    [*receiving(10), "free", "vfprintf 2", "free"], checked, stderr=INCOMPLETE)
     # The pages of a large payload are provided at once (advice 23). They come one by one where that is refused.
     yield exchange("printed-large", "fitness-stats-get", 6, frame(0, LARGE),
-                   ["recv 8 256", "malloc", "madvise 23", "recv 131072 256", "write 131072", *PRINTING], printed,
+                   ["recv 8 256", "malloc", "madvise 23 0", "recv 131072 256", "write 131072", *PRINTING], printed,
                    stdout=LARGE + b"\n")
     yield stream("stream-empty", b"", ["recv 1023 0"], ())
     yield stream("stream-of-two-chunks", LONG[:1500], ["recv 1023 0", *[MSG_DONTWAIT] * 2, "write 1500"], (1500,))
@@ -383,7 +385,8 @@ def scenarios():
     yield usage("unknown-command", ("nonsense",), b"Unrecognized command: nonsense\n")
     yield usage("option-error", ("-m8", "stats"), b"Failed to parse recoveryMode: 8\n")
     yield usage("rule-error", ("crawler",), b"UUID must be provided (specify with --uuid)\n")
-    yield Scenario("no-daemon", ("-s", "/nonexistent/plaxd.uds", "fix-concats"), [*up_to_sending()[:5], "perror", "free"],
+    yield Scenario("no-daemon", ("-s", "/nonexistent/plaxd.uds", "fix-concats"),
+                   [*up_to_sending()[:5], "perror", "free"],
                    stderr=b"connect error: No such file or directory\n", code=1, connections=0)
     yield exchange("standard-input-closed", "fitness-stats-get", 6, frame(0, b"abc"), [], printed, stdout=b"abc\n",
                    closed=(0,), calls=[*moved(0), *receiving(3), "write 3", *PRINTING])
@@ -393,9 +396,9 @@ def scenarios():
                    closed=(2,), calls=[*moved(2), *receiving(0), "free"])
     yield exchange("payload-not-received", "fitness-stats-get", 6, frame(0, b"abc"), [], printed, stdout=b"\0\0\0\n",
                    given=("recv:2:error:104",), functions=("calloc", "malloc", "write", "putc", "exit-flush"),
-                   calls=[*up_to_sending(lengths=[8]), *receiving(3)[:-1], "recv 3 256 = -1 104", "free", "calloc", "write 3",
-                          *PRINTING])
-    yield Scenario("no-memory", ("stats",), ["setvbuf 1", "calloc = -1 12", "vfprintf 2", "putc 2", "abort"],
+                   calls=[*up_to_sending(lengths=[8]), *receiving(3)[:-1], "recv 3 256 = -1 104", "free", "calloc",
+                          "write 3", *PRINTING])
+    yield Scenario("no-memory", ("stats",), ["calloc = -1 12", "vfprintf 2", "putc 2", "abort"],
                    stderr=PANIC["calloc"], code=-6, connections=0, given=("calloc:1:error:12",),
                    functions=("vfprintf", "putc", "libc-malloc"))
 
@@ -403,16 +406,17 @@ def scenarios():
 SCENARIOS = list(scenarios())
 
 
-# ---- What a failure makes of a run. Each gets the calls before it, the line that records it, and the calls after it. ----
+# ---- What a failure makes of a run: each gets the calls before it, the line that records it, and the calls after. ----
 
 def goes_on(scenario, _failure, before, failed, rest):
     return scenario.outcome(calls=[*before, failed, *rest])
 
 
 def unbuffered(scenario, failure, before, failed, rest):
-    """Without the tool's buffer, standard output has the C library's, which has been written by then when it was full."""
-    rest = [f"exit-flush {len(help_text()) - 4096}" if call == f"exit-flush {len(help_text())}" else call for call in rest]
-    return goes_on(scenario, failure, before, failed, rest)
+    """Without the tool's buffer, standard output has the C library's, which has been written by then when it was full.
+    """
+    full, left = f"exit-flush {len(help_text())}", f"exit-flush {len(help_text()) - 4096}"
+    return goes_on(scenario, failure, before, failed, [left if call == full else call for call in rest])
 
 
 def sent(scenario, before):
@@ -420,7 +424,8 @@ def sent(scenario, before):
 
 
 def no_memory(scenario, failure, before, failed, _rest):
-    return Run(b"", PANIC[failure.function], -6, sent(scenario, before), [*before, failed, "vfprintf 2", "putc 2", "abort"])
+    calls = [*before, failed, "vfprintf 2", "putc 2", "abort"]
+    return Run(b"", PANIC[failure.function], -6, sent(scenario, before), calls)
 
 
 def no_connection(what):
@@ -431,7 +436,7 @@ def no_connection(what):
 
 
 def sending_fails(scenario, failure, before, failed, rest):
-    is_silent = scenario.reply_class == request_table.SILENT or scenario.words[-1] == "stats"
+    is_silent = scenario.reply_class == request_table.UNANSWERED or scenario.words[-1] == "stats"
     release = ["free"] if scenario.words[-1] == "set-global-exclusion-list" else []
     stderr = b"" if is_silent else b"Sending command failed: " + failure.text + b"\n"
     calls = [*before, failed, *release, *([] if is_silent else ["vfprintf 2"]), "free"]
@@ -441,7 +446,8 @@ def sending_fails(scenario, failure, before, failed, rest):
 def answered(scenario, status, payload, before):
     """The outcome of a framed reply that reads as this status and payload (None: without one)."""
     if status != 0:
-        stderr = b"Error received: Status 0x%08x: %s\n" % (status, b"(null)" if payload is None else payload.split(b"\0")[0])
+        text = b"(null)" if payload is None else payload.split(b"\0")[0]
+        stderr = b"Error received: Status 0x%08x: %s\n" % (status, text)
         return Run(b"", stderr, status & 0xff, b"".join(scenario.wire), [*before, "vfprintf 2", "free", "free"])
     if scenario.reply_class == request_table.CHECKED:
         return Run(b"", b"", 0, b"".join(scenario.wire), [*before, "free"])
@@ -539,7 +545,6 @@ AFTER = {
     "perror": message_fails,
     "exit-flush": flush_fails,
 }
-BEFORE_CONNECTED = ("setvbuf", "socket", "fcntl", "setsockopt", "connect")
 
 
 def calls_of(scenario, function):
@@ -595,6 +600,24 @@ def test_every_call_fails(scenario):
     injected = sum(inject_into_tool(scenario, function) for function in scenario.functions if function != "libc-malloc")
     injected += inject_into_c_library(scenario)
     assert injected == scenario.failures
+
+
+def test_second_json_leaves_the_first_copy_to_the_end_of_the_process():
+    once = next(scenario for scenario in SCENARIOS if scenario.name == "fitness-config-set-checked")
+    calls = list(once.calls)
+    calls.insert(calls.index("malloc"), "malloc")
+    twice = replace(once, words=("-j", "{}", *once.words), calls=calls)
+    assert run(twice, "") == twice.outcome()
+
+
+# The zero byte behind a payload counts: its pages are provided from 128 KiB to 4 MiB.
+@pytest.mark.parametrize("length, madvise", [(131070, []), (131071, ["madvise 23 0"]), (4194303, ["madvise 23 0"]),
+                                             (4194304, [])])
+def test_pages_are_provided_up_to_a_limit(length, madvise):
+    announced = exchange("announced", "fitness-stats-get", 6, struct.pack(">II", 0, length),
+                         ["recv 8 256", "malloc", *madvise, f"recv {length} 256", "free", "vfprintf 2", "write 0",
+                          *PRINTING], request_table.PRINTED, stdout=b"\n", stderr=INCOMPLETE)
+    assert run(announced, "") == announced.outcome()
 
 
 # ---- Calls that do a part of what they are asked to. ----
@@ -667,17 +690,15 @@ def test_total(total):
     assert (sum(scenario.failures for scenario in SCENARIOS), sum(scenario.shorts for scenario in SCENARIOS)) == total
 
 
-def imports(path):
-    listing = subprocess.run(["nm", "-D", "--undefined-only", path], capture_output=True, check=True, text=True).stdout
-    return {line.split()[-1].split("@")[0] for line in listing.splitlines() if " U " in line}
-
-
 def test_every_function_in_use_is_known():
-    library = os.path.join(os.path.dirname(TOOL), "../lib/plax-tool/libplax-platform.so")
-    used = imports(TOOL) | imports(library)
+    used = imports(TOOL) | imports(PLATFORM_LIBRARY)
     assert used - HARMLESS - INJECTED - PLATFORM == set()
     assert INJECTED <= {line.split()[-1] for line in subprocess.run(
         ["nm", "-D", "--defined-only", LIBRARY], capture_output=True, check=True, text=True).stdout.splitlines()}
+
+
+def test_tool_shows_its_messages_through_the_platform_library():
+    assert imports(TOOL) & {"stderr", "vfprintf", "__vfprintf_chk", "fputc"} == set()
 
 
 def test_every_errno_is_used_and_every_function_reached():

@@ -1,9 +1,8 @@
-"""How the release build protects itself, read from the files that it leaves, and that it leaves the same ones everywhere.
+"""How the release build protects itself, read from the files that it leaves; and that these are the same everywhere.
 
 A program that is built without any protection must fail every check, so that none of them passes by mistake.
 """
 
-import functools
 import os
 import platform
 import re
@@ -12,9 +11,9 @@ import subprocess
 
 import pytest
 
+from binaries import PLATFORM_LIBRARY, imports, readelf
 from harness import TOOL
 
-PLATFORM_LIBRARY = os.path.join(os.path.dirname(TOOL), "../lib/plax-tool/libplax-platform.so")
 FILES = [TOOL, PLATFORM_LIBRARY]
 SOURCE = os.path.abspath(os.path.join(os.path.dirname(__file__), "../.."))
 CACHE = os.path.join(os.path.dirname(TOOL), "../CMakeCache.txt")
@@ -34,12 +33,6 @@ def is_release():
 release_only = pytest.mark.skipif(not is_release(), reason="looks at release builds")
 
 
-@functools.cache
-def readelf(option, path):
-    return subprocess.run(["readelf", "-W", option, path], capture_output=True, check=True, text=True,
-                          env={**os.environ, "LC_ALL": "C"}).stdout
-
-
 def dynamic(tag, path):
     """The values of a tag of the dynamic section."""
     return [value.strip() for found, value in re.findall(r"\((\w+)\)(.*)", readelf("-d", path)) if found == tag]
@@ -48,10 +41,6 @@ def dynamic(tag, path):
 def segments(path):
     """Name and flags of each segment."""
     return re.findall(r"^  (\w+) +0x\S+ 0x\S+ 0x\S+ 0x\S+ 0x\S+ ([R ][W ][E ]) ", readelf("-l", path), re.MULTILINE)
-
-
-def imports(path):
-    return set(re.findall(r" UND (\w+)", readelf("--dyn-syms", path)))
 
 
 def is_position_independent(path):
@@ -90,27 +79,23 @@ def has_landings(path):
     machine = platform.machine()
     if machine not in LANDINGS:
         return True
-    functions = [address for address in relocated(path, RELATIVE[machine]) if is_code(path, address)]
-    return bool(functions) and all(any(begins_with(path, address, landing) for landing in LANDINGS[machine])
-                                   for address in functions)
+    functions = [offset for address in relocated(path, RELATIVE[machine]) for offset in offsets_in_code(path, address)]
+    landings = LANDINGS[machine]
+    return bool(functions) and all(any(begins_with(path, offset, code) for code in landings) for offset in functions)
 
 
 def relocated(path, kind):
     return [int(address, 16) for address in re.findall(kind + r" +([0-9a-f]+)$", readelf("-r", path), re.MULTILINE)]
 
 
-def loaded(path):
-    """Offset, address and size of each loaded segment, and whether it holds code."""
-    return [(int(offset, 16), int(address, 16), int(size, 16), "E" in flags) for offset, address, size, flags in re.findall(
-        r"^  LOAD +(0x\S+) (0x\S+) 0x\S+ (0x\S+) 0x\S+ ([R ][W ][E ]) ", readelf("-l", path), re.MULTILINE)]
+def offsets_in_code(path, address):
+    """Where the file has what is at the address, if that is code. A segment that holds code may hold constants too."""
+    sections = re.findall(r" PROGBITS +([0-9a-f]+) ([0-9a-f]+) ([0-9a-f]+) \S+ +AX ", readelf("-S", path))
+    return [int(offset, 16) + address - int(begin, 16) for begin, offset, size in sections
+            if int(begin, 16) <= address < int(begin, 16) + int(size, 16)]
 
 
-def is_code(path, address):
-    return any(begin <= address < begin + size for _, begin, size, executable in loaded(path) if executable)
-
-
-def begins_with(path, address, code):
-    offset = next(offset + address - begin for offset, begin, size, _ in loaded(path) if begin <= address < begin + size)
+def begins_with(path, offset, code):
     with open(path, "rb") as file:
         file.seek(offset)
         return file.read(len(code)) == code
@@ -145,15 +130,28 @@ def test_needed_libraries():
     assert dynamic("NEEDED", PLATFORM_LIBRARY) == ["Shared library: [libc.so.6]"]
 
 
+@release_only
+def test_nothing_runs_before_main():
+    """One function is the compiler's own start-up code: the tool has none, and the library not even that."""
+    assert dynamic("INIT_ARRAYSZ", TOOL) == ["8 (bytes)"]
+    assert dynamic("INIT_ARRAYSZ", PLATFORM_LIBRARY) == []
+
+
 SOFT_PROGRAM = """
 #include <stdio.h>
 void First(void) { puts("first"); }
 void Second(void) { puts("second"); }
 void (*volatile table[])(void) = { First, Second };
-int main(int count, char **words) { char text[99]; sprintf(text, "%s", words[0]); printf("%s%d", text, count); table[count](); }
+int main(int count, char **words)
+{
+    char text[99];
+    sprintf(text, "%s", words[0]);
+    printf("%s%d", text, count);
+    table[count]();
+}
 """
-SOFT_OPTIONS = ["-no-pie", "-fno-pie", "-fno-stack-protector", "-U_FORTIFY_SOURCE", "-fcf-protection=none", "-Wl,-z,norelro",
-                "-Wl,-z,lazy", "-Wl,-z,execstack", "-Wl,-rpath,/nowhere"]
+SOFT_OPTIONS = ["-no-pie", "-fno-pie", "-fno-stack-protector", "-U_FORTIFY_SOURCE", "-fcf-protection=none",
+                "-Wl,-z,norelro", "-Wl,-z,lazy", "-Wl,-z,execstack", "-Wl,-rpath,/nowhere"]
 
 
 def build_soft_program(folder, *options):
@@ -179,9 +177,10 @@ def build_release(folder):
     """Copies the sources into the folder and builds the tool from them. Gives the bytes of what would be installed."""
     source, build = folder / "source", folder / "build"
     shutil.copytree(SOURCE, source, ignore=shutil.ignore_patterns(".git", "build"))
-    subprocess.run(["cmake", "-S", source, "-B", build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Release", "-DBUILD_TESTING=OFF",
-                    "-DPLAX_BUILD_STANDIN=OFF"], check=True, stdout=subprocess.DEVNULL)
-    subprocess.run(["cmake", "--build", build, "--target", "plax-tool", "-j", "2"], check=True, stdout=subprocess.DEVNULL)
+    for words in (["-S", source, "-B", build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Release", "-DBUILD_TESTING=OFF",
+                   "-DPLAX_BUILD_STANDIN=OFF"],
+                  ["--build", build, "--target", "plax-tool", "-j", "2"]):
+        subprocess.run(["cmake", *words], check=True, stdout=subprocess.DEVNULL)
     return [(build / name).read_bytes() for name in ("sbin/plax-tool", "lib/plax-tool/libplax-platform.so")]
 
 

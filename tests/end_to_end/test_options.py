@@ -9,32 +9,10 @@ from typing import NamedTuple
 
 import pytest
 
-from command_line import (SOCKET, SOCKET_OPTION, UUID, UUID_BYTES, ask, record, refuse, succeeds, usage_error,
-                          uuid_list)
+from command_line import (SOCKET, SOCKET_OPTION, UUID, UUID_BYTES, ask, entity_decom, exclusion_list, manual_move,
+                          refuse, succeeds, upgrade, usage_error, uuid_list)
 from harness import (LONG_BITS, RUNNER, TOOL, ZERO_UUID, Outcome, ScriptedDaemon, environment, finish_tool, frame,
                      pause, reply, send, tool)
-
-LIST_FIELD = 94720
-
-
-# ---- The requests in which options show. ----
-
-def entity_decom(mode=0, durability=0):
-    return frame(16, record("16sIB3s", bytes(16), mode, durability, bytes(3)))
-
-
-def upgrade(uuids, count, reason=0, wipe=0):
-    return frame(17, record("16sIIB3sI", bytes(16), 0, reason, wipe, bytes(3), count) + os.fsencode(uuids) + b"\0")
-
-
-def manual_move(destinations="", destination_count=0, exclusions="", exclusion_count=0):
-    return frame(33, record(f"16sII{LIST_FIELD}s{LIST_FIELD}s", UUID_BYTES, destination_count, exclusion_count,
-                            os.fsencode(destinations), os.fsencode(exclusions)))
-
-
-def exclusion_list(uuids, count, mode=0):
-    return frame(34, record(f"II{LIST_FIELD}s", mode, count, os.fsencode(uuids)))
-
 
 def recovery_mode(digit):
     return frame(22, ZERO_UUID + digit + bytes(4))
@@ -116,7 +94,7 @@ def test_every_form(case, form, place):
 
 
 def test_flags_share_a_word():
-    request = frame(16, record("16sIB3s", UUID_BYTES, 2, 1, bytes(3)))
+    request = entity_decom(UUID_BYTES, 2, 1)
     assert ask(SOCKET_OPTION, "what-if-entity-decom", "-aed2", "-wu" + UUID) == (succeeds(b"\n"), request)
     assert ask(SOCKET_OPTION, "what-if-entity-decom", "-aweu", UUID, "-d2") == (succeeds(b"\n"), request)
 
@@ -218,7 +196,7 @@ def test_decom_mode(text, kept):
     if kept is None:
         assert refuse(*words) == usage_error(f"Failed to parse decomMode: {text}\n")
     else:
-        assert ask(*words) == (succeeds(b"\n"), entity_decom(kept))
+        assert ask(*words) == (succeeds(b"\n"), entity_decom(mode=kept))
 
 
 @each_number
@@ -319,15 +297,6 @@ def test_uuid_too_short(text, count):
         f"Failed to parse UUID: {text}, length={count}\n")
 
 
-@pytest.mark.parametrize("second, sent", [
-    ("fedcba98-7654-3210-fedc-ba9876543210", b"fedcba98-7654-3210-fedc-ba9876543210"),
-    ("fedcba98-7654-3210", b"fedcba98-7654-3210-0123-456789abcdef"),
-    ("fedcba98-7654-3210-f", b"fedcba98-7654-3210-0f23-456789abcdef"),
-])
-def test_second_uuid_keeps_the_tail_of_the_first(second, sent):
-    assert ask(SOCKET_OPTION, "info-rebalance", "-u", UUID, "-u", second) == (succeeds(b"\n"), frame(14, sent))
-
-
 # ---- UUID lists. ----
 
 WRONG_LENGTHS = [1, 35, 37, 38, 72, 74, 1000, 94718, 94720, 100000, 131071]
@@ -393,14 +362,6 @@ def test_uuid_list_above_the_limit(entries):
     assert run == Outcome(b"", b"UUID list is longer than max limit\n", -signal.SIGABRT)
 
 
-def test_last_list_counts():
-    assert ask(SOCKET_OPTION, "what-if-upgrade", "-l", uuid_list(3), "-l", UUID) == (succeeds(b"\n"), upgrade(UUID, 1))
-    assert ask(SOCKET_OPTION, "set-global-exclusion-list", "-x", uuid_list(3), "-x", UUID) == (
-        succeeds(), exclusion_list(UUID, 1))
-    assert ask(SOCKET_OPTION, "set-global-exclusion-list", "-x", uuid_list(3), "-x", "") == (
-        succeeds(), exclusion_list("", 0))
-
-
 # ---- Texts and names. ----
 
 @pytest.mark.parametrize("length", [0, 1, 4095, 4096])
@@ -413,14 +374,6 @@ def test_file_path(length):
 def test_file_path_too_long(length):
     assert refuse(SOCKET_OPTION, "stats", "-f", "p" * length) == usage_error(
         "File path is longer than the max path length")
-
-
-def test_second_shorter_file_path_keeps_the_tail():
-    assert ask(SOCKET_OPTION, "replace-plaxdb", "-f", "/a/long/path", "-f", "/b") == (
-        succeeds(), frame(21, b"/b/long/path\0"))
-    assert ask(SOCKET_OPTION, "replace-plaxdb", "-f", "/b", "-f", "/a/long/path") == (
-        succeeds(), frame(21, b"/a/long/path\0"))
-    assert ask(SOCKET_OPTION, "replace-plaxdb", "-f", "/b", "-f", "") == (succeeds(), frame(21, b"/b\0"))
 
 
 WORK_ITEMS = [
@@ -492,8 +445,7 @@ def test_socket_path_not_given():
 def test_last_of_each_option_counts():
     run, received = ask("-s", "missing", "-s", SOCKET, "what-if-upgrade", "-d1", "-d2", "-r3", "-r1", "-w", "-w",
                         "-l", UUID)
-    assert (run, received) == (succeeds(b"\n"),
-                               frame(17, record("16sIIB3sI", bytes(16), 2, 1, 1, bytes(3), 1) + UUID.encode() + b"\0"))
+    assert (run, received) == (succeeds(b"\n"), upgrade(UUID, 1, mode=2, reason=1, wipe=1))
     assert ask(SOCKET_OPTION, "enable-plax-recovery-mode", "-m1", "-m2") == (succeeds(), recovery_mode(b"2"))
 
 

@@ -1,76 +1,15 @@
 """The run from the command word to the exit status."""
 
 import os
-import struct
 import subprocess
 
 import pytest
 
 from command_line import SOCKET, SOCKET_OPTION, UUID, ask, help_text, refuse, succeeds, usage_error, uuid_list
 from harness import TOOL, Outcome, ScriptedDaemon, frame, reply, send, tool
+from request_table import ROWS
 
-# How the daemon answers a command, and what the tool then prints.
-STREAMED = [send(b"abc")], b"abc"
-PRINTED = [reply(0, b"abc")], b"abc\n"
-CHECKED = [reply(0, b"abc")], b""
-UNANSWERED = [], b""
-
-# Every command's code, word, the least options that its rule asks for, and its answer.
-COMMANDS = [
-    (1, "stats", [], STREAMED),
-    (2, "crawler", ["-u", UUID], CHECKED),
-    (3, "fitness-config-get", [], PRINTED),
-    (4, "fitness-config-set", ["-j", "{}"], CHECKED),
-    (5, "fitness-config-reset", [], CHECKED),
-    (6, "fitness-stats-get", [], PRINTED),
-    (7, "log-level", [], CHECKED),
-    (8, "fix-object-immediate", [], CHECKED),
-    (9, "get-object-last-operation", [], PRINTED),
-    (10, "start-proactive-rebalance", [], CHECKED),
-    (11, "stop-proactive-rebalance", [], CHECKED),
-    (12, "info-proactive-rebalance", [], PRINTED),
-    (13, "fix-concats", [], CHECKED),
-    (14, "info-rebalance", ["-u", UUID], PRINTED),
-    (15, "resources-to-fix-unhealthy-objects", [], PRINTED),
-    (16, "what-if-entity-decom", ["-u", UUID], PRINTED),
-    (17, "what-if-upgrade", ["-l", UUID], PRINTED),
-    (18, "what-if-cancel", [], CHECKED),
-    (19, "force-reconfigure-the-object", [], CHECKED),
-    (20, "update-plaxdb", [], CHECKED),
-    (21, "replace-plaxdb", [], CHECKED),
-    (22, "enable-plax-recovery-mode", ["-m", "1"], CHECKED),
-    (23, "get-obj-decom-state", ["-u", UUID], PRINTED),
-    (24, "enable-workitem", ["-i", "MOVE"], CHECKED),
-    (25, "disable-workitem", ["-i", "MOVE"], CHECKED),
-    (26, "get-obj-crawler-state", ["-u", UUID], PRINTED),
-    (26, "get-obj-crawler-state", ["-a"], STREAMED),
-    (27, "pause-decom-state-progress", [], CHECKED),
-    (28, "resume-decom-state-progress", [], CHECKED),
-    (29, "start-decom-state-heartbeat", [], CHECKED),
-    (30, "pause-failed-delta-entry-processing", [], UNANSWERED),
-    (31, "block-cdb-cb", [], UNANSWERED),
-    (32, "refresh-config-opts", [], UNANSWERED),
-    (33, "component-manual-move", ["-u", UUID, "-n", UUID], CHECKED),
-    (34, "set-global-exclusion-list", ["-x", UUID], CHECKED),
-]
 NO_SUCH_SOCKET = Outcome(b"", b"connect error: No such file or directory\n", 1)
-
-
-def ids(rows):
-    return [" ".join([row[1], *row[2][:1]]) for row in rows]
-
-
-@pytest.mark.parametrize("code, word, options, answer", COMMANDS, ids=ids(COMMANDS))
-def test_every_command(code, word, options, answer):
-    steps, printed = answer
-    run, received = ask(SOCKET_OPTION, *options, word, steps=steps)
-    assert run == succeeds(printed)
-    assert struct.unpack(">II", received[:8]) == (code, len(received) - 8)
-
-
-def test_every_code_is_tried():
-    assert sorted({code for code, *_ in COMMANDS}) == list(range(1, 35))
-    assert len({word for _, word, *_ in COMMANDS}) == 34
 
 
 @pytest.mark.parametrize("word", [
@@ -83,7 +22,7 @@ def test_unknown_command(word):
     assert refuse(word, SOCKET_OPTION) == usage_error("Unrecognized command: " + word + "\n")
 
 
-@pytest.mark.parametrize("word", [row[1] for row in COMMANDS])
+@pytest.mark.parametrize("word", sorted({row.word for row in ROWS}))
 def test_command_words_are_exact(word):
     for near in (word.upper(), word.capitalize(), word + "x", word[:-1]):
         assert refuse(SOCKET_OPTION, near) == usage_error("Unrecognized command: " + near + "\n")
@@ -136,35 +75,8 @@ def test_argument_index(words, level):
     assert ask(*words) == (succeeds(), frame(7, level))
 
 
-@pytest.mark.parametrize("status, code, text", [
-    (1, 1, b"Status 0x00000001"),
-    (0xff, 255, b"Status 0x000000ff"),
-    (0x100, 0, b"Status 0x00000100"),
-    (0x12345678, 0x78, b"Status 0x12345678"),
-    (0xffffffff, 255, b"Status 0xffffffff"),
-    (0xbad0001, 1, b"Failure"),
-    (0x2bad000b, 11, b"Resource temporarily unavailable"),
-])
-@pytest.mark.parametrize("word, request_code", [("what-if-cancel", 18), ("info-proactive-rebalance", 12)])
-def test_status_of_the_daemon_is_the_exit_status(word, request_code, status, code, text):
-    run, received = ask(SOCKET_OPTION, word, steps=[reply(status, b"busy")])
-    assert run == Outcome(b"", b"Error received: " + text + b": busy\n", code)
-    assert received == frame(request_code)
-
-
 def test_system_error_is_the_exit_status():
     assert ask(SOCKET_OPTION, "-o", "missing/file", "stats") == (Outcome(b"", b"", 2), frame(1))  # 0x2bad0002
-
-
-# A connection that cannot be made is no usage error: no help text follows.
-@pytest.mark.parametrize("path, message", [
-    ("missing", b"connect error: No such file or directory\n"),
-    (".", b"connect error: Connection refused\n"),
-    ("", b"connect error: Connection refused\n"),  # the system's abstract name of 108 zero bytes
-    (SOCKET + "/x", b"connect error: Not a directory\n"),
-])
-def test_no_connection(path, message):
-    assert refuse("-s", path, "stats") == Outcome(b"", message, 1)
 
 
 # Options, then the command word, then the rule, then the connection: the first that fails is the one reported.

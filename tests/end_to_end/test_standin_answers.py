@@ -4,13 +4,13 @@ import json
 import os
 import time
 
-from commands import ALL
+from command_line import INCOMPLETE
 from harness import Outcome, finish_tool, frame, start_tool, tool
+from request_table import ROWS
 from standin_process import EXAMPLES, PROJECT, Standin, entry, framed, run_standin
 from jsonschema import Draft202012Validator
 import pytest
 
-INCOMPLETE = b"Failed to receive the complete UDS message sent. Please try again"
 RESET = b"Error received: Connection reset by peer: (null)\n"
 TIMED_OUT = b"Error received: Resource temporarily unavailable: (null)\n"
 
@@ -225,7 +225,7 @@ def test_examples_answer_everything(example, codes):
     assert fits_schema(content)
     assert len(content["answers"]) == 35
     with Standin("--strict", "--answers", path) as plaxd:
-        runs = [(command.words[0], tool("-s", plaxd.path, *command.words).code) for command in ALL]
+        runs = [(row.word, tool("-s", plaxd.path, *row.least).code) for row in ROWS]
     assert (plaxd.code, plaxd.summary["requests"]) == (0, 35)
     assert {word: code for word, code in runs if code} == codes
 

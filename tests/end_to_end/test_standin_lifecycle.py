@@ -74,6 +74,25 @@ def test_live_daemon_with_a_full_queue_is_left_alone(path):
                 1, b"", f"plaxd-standin: {path}: a daemon answers there already\n".encode())
 
 
+def test_relay_to_itself_is_refused(path):
+    assert run_standin("relay", "--socket", path, "--to", path) == (
+        1, b"", f"plaxd-standin: {path}: a relay to itself\n".encode())
+
+
+def test_relay_ends_while_it_waits_for_a_daemon_with_a_full_queue(tmp_path, path):
+    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as listener:
+        listener.bind(path)
+        listener.listen(0)
+        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as client:
+            client.connect(path)
+            with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as waiting:
+                with Standin("--to", path, command="relay") as relay:
+                    waiting.connect(relay.path)
+                    waiting.sendall(frame(13))
+    assert [(line["outcome"], line["end"]) for line in relay.entries] == [
+        ("unreachable", "no daemon: Resource temporarily unavailable")]
+
+
 @pytest.mark.parametrize("make", [lambda path: open(path, "wb").close(), os.mkdir,
                                   lambda path: os.symlink("nowhere", path)])
 def test_what_is_no_socket_is_left_alone(make, path):

@@ -13,6 +13,7 @@ import threading
 
 import pytest
 
+from command_line import converse
 from harness import Outcome, ScriptedDaemon, await_taken, await_unread, close, collect, eventually, finish_tool, \
     pause, send, send_bytewise, start_tool, tool, wait_for
 
@@ -22,8 +23,7 @@ PLENTY = 1 << 26  # bytes
 
 def stream(*steps, words=("stats",), **options):
     """Runs the tool against a daemon that does these steps."""
-    with ScriptedDaemon(*steps, **options) as plaxd:
-        return tool("-s", plaxd.path, *words)
+    return converse(*steps, words=words, **options)[0]
 
 
 def text(length, seed=1):

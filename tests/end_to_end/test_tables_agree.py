@@ -14,7 +14,8 @@ import pytest
 from harness import Outcome, ScriptedDaemon, frame, tool
 from shells import COMPLETIONS, bash, fish, words, zsh
 
-MANUAL_PAGE = Path(__file__).parents[2] / "man" / "plax-tool.8"
+SOURCE = Path(__file__).parents[2]
+MANUAL_PAGE = SOURCE / "man" / "plax-tool.8"
 
 # They work, and are left out of whatever advertises: they are for those who know them.
 UNLISTED = ["fitness-config-get", "fitness-config-set", "fitness-config-reset", "get-object-last-operation",
@@ -225,3 +226,14 @@ def test_completion_offers_callback_words_that_count(shell, word, numbers):
     with ScriptedDaemon() as plaxd:
         assert tool("-s", plaxd.path, "block-cdb-cb", word) == Outcome(b"", b"", 0)
     assert plaxd.received == frame(31, (numbers + b":00000000-0000-0000-0000-000000000000").ljust(1024, b"\0"))
+
+
+# ---- Comments ----
+
+def test_comments_name_tests_that_exist():
+    code = "".join(path.read_text() for room in ("cli", "include", "link", "requests", "platform")
+                   for path in (SOURCE / room).rglob("*") if path.suffix in (".cpp", ".h"))
+    tests = "".join(path.read_text() for path in Path(__file__).parent.glob("test_*.py"))
+    named = set(re.findall(r"\(test[\s/]+(\w+)\)", code))
+    assert named
+    assert named - set(re.findall(r"^def test_(\w+)\(", tests, re.MULTILINE)) == set()

@@ -10,7 +10,7 @@ from dataclasses import dataclass
 
 import pytest
 
-from commands import UUID
+from command_line import INCOMPLETE, UUID
 from harness import Outcome, ScriptedDaemon, pause, send, stay_silent, tool
 
 pytestmark = pytest.mark.xdist_group("timeouts")
@@ -18,7 +18,6 @@ pytestmark = pytest.mark.xdist_group("timeouts")
 SECONDS = 20.0
 SLACK = 5.0  # for a busy machine
 MUTE = Outcome(b"", b"Error received: Resource temporarily unavailable: (null)\n", 11)
-INCOMPLETE = b"Failed to receive the complete UDS message sent. Please try again"
 
 
 @dataclass

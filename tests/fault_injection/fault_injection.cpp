@@ -32,6 +32,7 @@
 #include <csignal>
 #include <cstdarg>
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -485,7 +486,9 @@ int InjectSetvbuf(FILE *stream, char *buffer, int mode, size_t size)
 
 int InjectMadvise(void *memory, size_t length, int advice)
 {
-    const Fault *fault = Enter(Function::Madvise, " %d", advice);
+    static constexpr uintptr_t kPageSize = 4096;
+    const auto offset = static_cast<unsigned>(reinterpret_cast<uintptr_t>(memory) % kPageSize);
+    const Fault *fault = Enter(Function::Madvise, " %d %u", advice, offset);
     return IsFailure(fault) ? -1 : Next<decltype(InjectMadvise)>("madvise")(memory, length, advice);
 }
 

@@ -22,6 +22,7 @@ static constexpr int kSender = 101;
 static const char kData[] = "0123456789";
 static constexpr size_t kDataLength = sizeof kData - 1;
 static char received[kDataLength];
+alignas(4096) static char page[8];
 
 static long TellPointer(void *memory)
 {
@@ -80,7 +81,7 @@ static const Call kCalls[] = {
     {"vfprintf", [] { return CallVfprintf("%d values", 3); }},
     {"putc", []() -> long { return putc('x', stdout); }},
     {"setvbuf", []() -> long { return setvbuf(stdout, nullptr, _IOFBF, 100); }},
-    {"madvise", []() -> long { return madvise(nullptr, 0, MADV_NORMAL); }},
+    {"madvise", []() -> long { return madvise(page + 7, 0, MADV_NORMAL); }},
     {"perror", CallPerror},
 };
 

@@ -14,8 +14,8 @@ def probe(*calls, plan="", **environment):
     """Runs the probe. Gives its exit code, its standard output, what it told of its calls, and the record of them."""
     with open(os.memfd_create("record"), "r+b") as record:
         run = subprocess.run([PROBE, *calls], capture_output=True, pass_fds=[record.fileno()], timeout=30, check=False,
-                             env={"LD_PRELOAD": LIBRARY, "PLAX_FAULT_LOG": str(record.fileno()), "PLAX_FAULT_PLAN": plan,
-                                  **environment})
+                             env={"LD_PRELOAD": LIBRARY, "PLAX_FAULT_LOG": str(record.fileno()),
+                                  "PLAX_FAULT_PLAN": plan, **environment})
         record.seek(0)
         return run.returncode, run.stdout, run.stderr.decode(), record.read().decode()
 
@@ -38,7 +38,7 @@ CALLS = [
     ("vfprintf", "8 0", "vfprintf 1{}\n", "-1 5"),
     ("putc", "120 0", "putc 1{}\n", "-1 5"),
     ("setvbuf", "0 0", "setvbuf 1{}\n", "-1 5"),
-    ("madvise", "0 0", "madvise 0{}\n", "-1 5"),
+    ("madvise", "-1 22", "madvise 0 7{}\n", "-1 5"),
 ]
 OUTPUT = {"write": b"0123456789", "printf": b"3 words", "vfprintf": b"3 values", "putc": b"x"}
 PENDING = {"printf": "exit-flush 7\n", "vfprintf": "exit-flush 8\n", "putc": "exit-flush 1\n"}
@@ -115,8 +115,10 @@ def test_awaits_the_last_word():
     assert probe("send", "close", "recv", PLAX_FAULT_AWAIT="1")[2] == "send 10 0\nclose 0 0\nrecv 10 0\n"
 
 
-@pytest.mark.parametrize("plan", ["send", "send:1", "send:1:error", "send:1:error:x", "send:1:wrong:5", "nothing:1:error:5",
-                                  "send:1:error:5;", "send:1:error:5,recv", ",".join(["send:1:error:5"] * 9)])
+@pytest.mark.parametrize("plan", [
+    "send", "send:1", "send:1:error", "send:1:error:x", "send:1:wrong:5", "nothing:1:error:5", "send:1:error:5;",
+    "send:1:error:5,recv", ",".join(["send:1:error:5"] * 9),
+])
 def test_unreadable_plan(plan):
     code, stdout, told, record = probe("send", plan=plan)
     assert (code, stdout, record) == (99, b"", "")

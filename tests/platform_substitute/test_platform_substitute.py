@@ -4,7 +4,6 @@ Each of the library's four functions shows that it was used.
 """
 
 import os
-import resource
 import subprocess
 import sys
 
@@ -16,7 +15,9 @@ SOURCE_DIR, CMAKE, SUBSTITUTE, BUILD_OPTIONS = (
 os.environ["PLAX_TOOL"] = "set by the build below"
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "end_to_end"))
 import harness  # noqa: E402 - it asks for the tool's place when it is imported
-from harness import Outcome, ScriptedDaemon, frame, reply, send, tool  # noqa: E402
+from binaries import is_sanitized  # noqa: E402
+from command_line import INCOMPLETE  # noqa: E402
+from harness import Outcome, ScriptedDaemon, frame, limit_memory, reply, send, tool  # noqa: E402
 
 
 def run_cmake(*words):
@@ -33,11 +34,6 @@ def build_with_the_substitute(tmp_path_factory):
     return harness.TOOL
 
 
-def is_sanitized():
-    with open(SUBSTITUTE, "rb") as library:
-        return b"__asan_" in library.read()
-
-
 def test_usage_errors_are_shown_by_the_substitute():
     run = tool("no-such-command", stdout=subprocess.DEVNULL)
     assert run == Outcome(None, b"<warning> Unrecognized command: no-such-command\n", 1)
@@ -52,8 +48,13 @@ def test_errors_of_the_daemon_are_shown_with_the_substitutes_texts():
 def test_incomplete_answers_are_shown_by_the_substitute():
     with ScriptedDaemon(send(b"\0\0\0\0\0\0\0\5ab")) as plaxd:
         run = tool("-s", plaxd.path, "what-if-cancel")
-    warning = b"<warning> Failed to receive the complete UDS message sent. Please try again"
-    assert run == Outcome(b"", warning, 0)
+    assert run == Outcome(b"", b"<warning> " + INCOMPLETE, 0)
+
+
+def test_an_answer_does_not_pass_through_the_substitute():
+    with ScriptedDaemon(reply(0, b"abc")) as plaxd:
+        run = tool("-s", plaxd.path, "fitness-stats-get")
+    assert run == Outcome(b"abc\n", b"", 0)
 
 
 def test_json_is_copied_by_the_substitute():
@@ -63,11 +64,8 @@ def test_json_is_copied_by_the_substitute():
     assert plaxd.received == frame(4, b"#}\0")
 
 
-@pytest.mark.skipif(is_sanitized(), reason="takes more address space than the test leaves")
+@pytest.mark.skipif(is_sanitized(SUBSTITUTE), reason="takes more address space than the test leaves")
 def test_missing_memory_ends_in_the_substitute():
-    def limit_memory():
-        resource.setrlimit(resource.RLIMIT_AS, (1 << 30, 1 << 30))
-
     with ScriptedDaemon(send(b"\0\0\0\0\xff\xff\xff\xff"), may_break=True) as plaxd:
         run = tool("-s", plaxd.path, "info-proactive-rebalance", preexec_fn=limit_memory)
     assert run == Outcome(b"", b"<panic> PLAX_SafeMalloc:2888: Failed to allocate new memory", 99)

@@ -77,6 +77,23 @@ TEST_F(AnswerFile, NoErrorIsLeftOut)
     }
 }
 
+TEST_F(AnswerFile, NullIsNoAnswers)
+{
+    EXPECT_THROW(Read("null"), std::runtime_error);
+}
+
+TEST_F(AnswerFile, NumberTooLargeHasItsPlace)
+{
+    try {
+        Read(R"({"answers": {"stats": [{}, {"pieces": [{"text": "a", "pauseMs": 1e999}]}]}})");
+        FAIL() << "the number went unnoticed";
+    } catch (const std::runtime_error &error) {
+        const std::string_view text = error.what();
+        EXPECT_EQ(text.substr(text.find(": ")),
+                  ": /answers/stats/1/pieces/0/pauseMs: is a number too large to be read");
+    }
+}
+
 static DecodedRequest RequestFor(uint32_t code, bool allObjects)
 {
     DecodedRequest request;

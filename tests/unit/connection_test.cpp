@@ -3,13 +3,13 @@
 #include "command_settings.h"
 #include "connection.h"
 #include "driver.h"
+#include "ended.h"
 #include "system_calls.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -51,14 +51,6 @@ protected:
     }
 };
 
-struct Ended {
-    QRT_ReturnStatus status;
-    std::string standardOutput;
-    std::string standardError;
-
-    bool operator==(const Ended &) const = default;
-};
-
 Ended RunWords(std::vector<std::string> words)
 {
     words.insert(words.begin(), "plax-tool");
@@ -69,11 +61,7 @@ Ended RunWords(std::vector<std::string> words)
     }
     arguments.push_back(nullptr);
     optind = 0; // begin anew
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    const QRT_ReturnStatus status = RunTool(static_cast<int>(words.size()), arguments.data());
-    fflush(stdout);
-    return {status, testing::internal::GetCapturedStdout(), testing::internal::GetCapturedStderr()};
+    return Capture([&] { return RunTool(static_cast<int>(words.size()), arguments.data()); });
 }
 
 const Ended kRefused{0xbad0001, "", "connect error: Connection refused\n"};
@@ -194,11 +182,15 @@ TEST_F(ConnectionTest, SocketThatCannotBeMadeEndsTheRun)
     EXPECT_EQ(attempts.size(), 0U);
 }
 
-TEST_F(ConnectionTest, UsageErrorNeverConnects)
+TEST_F(ConnectionTest, EveryUsageErrorIsTheToolsOwnFailure)
 {
-    const Ended ended = RunWords({"no-such-command"});
-    EXPECT_EQ(ended.status, 0xbad0001U);
-    EXPECT_EQ(ended.standardError, "Unrecognized command: no-such-command\n");
+    const std::vector<std::string> usageErrors[] = {{},     {"-m8", "stats"},    {"-Z"},
+                                                    {"-a"}, {"no-such-command"}, {"crawler"}};
+    for (const std::vector<std::string> &words : usageErrors) {
+        SCOPED_TRACE(testing::PrintToString(words));
+        EXPECT_EQ(RunWords(words).status, 0xbad0001U);
+    }
+    EXPECT_EQ(RunWords({"-h"}).status, 0U);
     EXPECT_EQ(attempts.size(), 0U);
 }
 

@@ -1,6 +1,7 @@
 // The status that each reply class ends with, in all its 32 bits: an exit code shows only the low 8.
 
 #include "broken_pipe.h"
+#include "ended.h"
 #include "reply.h"
 #include "socket_pair.h"
 
@@ -14,22 +15,10 @@ using namespace std::string_view_literals;
 
 namespace {
 
-struct Ended {
-    QRT_ReturnStatus status;
-    std::string standardOutput;
-    std::string standardError;
-
-    bool operator==(const Ended &) const = default;
-};
-
 Ended Handle(ReplyClass replyClass, const SocketPair &sockets, const CommandSettings &settings = {},
              QRT_ReturnStatus sendStatus = 0)
 {
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    const QRT_ReturnStatus status = HandleReply(replyClass, sockets.tool, sendStatus, settings);
-    fflush(stdout);
-    return {status, testing::internal::GetCapturedStdout(), testing::internal::GetCapturedStderr()};
+    return Capture([&] { return HandleReply(replyClass, sockets.tool, sendStatus, settings); });
 }
 
 TEST(Reply, StatusOfTheDaemonIsReturnedWhole)

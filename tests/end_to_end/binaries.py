@@ -1,0 +1,27 @@
+"""What the tests read from the files of a build."""
+
+import functools
+import os
+import re
+import subprocess
+
+from harness import TOOL
+
+PLATFORM_LIBRARY = os.path.join(os.path.dirname(TOOL), "../lib/plax-tool/libplax-platform.so")
+
+
+@functools.cache
+def readelf(option, path):
+    return subprocess.run(["readelf", "-W", option, path], capture_output=True, check=True, text=True,
+                          env={**os.environ, "LC_ALL": "C"}).stdout
+
+
+def imports(path):
+    """The symbols that the file cannot do without and does not have itself."""
+    return set(re.findall(r" GLOBAL +DEFAULT +UND (\w+)", readelf("--dyn-syms", path)))
+
+
+def is_sanitized(path):
+    """Whether a sanitizer takes more address space than a test could leave."""
+    with open(path, "rb") as binary:
+        return b"__asan_init" in binary.read()
