@@ -60,17 +60,17 @@ not_for_valgrind="not ends_a_stream"
 valgrind_tests=(
     test_callback_block.py
     test_streams.py
-    test_run.py::test_every_command
     test_run.py::test_argument_index
     test_rules.py::test_fails
-    test_exchange.py::test_printed_reply_goes_to_standard_output
-    test_exchange.py::test_printed_reply_without_payload_is_an_empty_line
-    test_exchange.py::test_error_with_payload
     test_exchange.py::test_incomplete_payload_is_reported_and_reads_as_success
     test_exchange.py::test_closing_without_an_answer_reads_as_success
     test_exchange.py::test_failed_payload_receive_reads_as_zeros
     test_exchange.py::test_reply_in_pieces
     test_requests.py::test_entity_decom
+    test_requests.py::test_framed_answer
+    test_requests.py::test_streamed_answer
+    test_requests.py::test_no_answer_is_read
+    test_requests.py::test_second_shorter_file_path_keeps_the_tail
     test_requests.py::test_exclusion_lists
     test_requests.py::test_json
     test_requests.py::test_later_json_replaces_the_earlier
