@@ -62,7 +62,7 @@ static_assert(sizeof(RecoveryModeRequest) == 41);
 
 struct CrawlerStateRequest {
     char text[38]; // UUID and --all flag, terminated
-    // The daemon takes this request in the length of RecoveryModeRequest, so three more bytes travel, always zero.
+    // The request has always gone out in the length of RecoveryModeRequest: three more bytes travel, always zero.
     uint8_t beyond[3];
 };
 static_assert(offsetof(CrawlerStateRequest, text) == 0 && offsetof(CrawlerStateRequest, beyond) == 38);

@@ -104,8 +104,11 @@ static Json Parse(Reader *reader, const std::string &text)
         // The library's own name for the error stands in brackets before the text, which has line and column.
         const std::string_view what = error.what();
         reader->errors.emplace_back(what.substr(what.find("] ") + 2));
-        return nullptr;
+    } catch (const Json::out_of_range &) {
+        WatchEvent(&watch, Json::parse_event_t::value, nullptr);
+        Report(reader, PlaceOf(watch.levels), "is a number too large to be read");
     }
+    return Json::value_t::discarded;
 }
 
 // ---- Values ----
@@ -406,7 +409,7 @@ AnswerBook ReadAnswerFile(const std::string &path)
     }
     AnswerBook book = BuiltInAnswers();
     const Json top = Parse(&reader, text);
-    if (!top.is_null()) {
+    if (!top.is_discarded()) {
         ReadTop(&reader, top, &book);
     }
     if (!reader.errors.empty()) {

@@ -98,7 +98,8 @@ static void HandleConnection(Server *server, Descriptor socket, uint64_t number)
 static void StartThread(Server *server, Descriptor socket)
 {
     const std::lock_guard lock(server->running.mutex);
-    std::thread(HandleConnection, server, std::move(socket), ++server->accepted).detach();
+    std::thread(HandleConnection, server, std::move(socket), server->accepted + 1).detach();
+    ++server->accepted; // not before the thread is there: each number belongs to a connection
     ++server->running.count;
 }
 

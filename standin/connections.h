@@ -13,7 +13,7 @@
 
 struct Connection {
     Descriptor socket;
-    uint64_t number; // counted from 1
+    uint64_t number; // counted from 1 in the order of arrival, without gaps
     std::chrono::system_clock::time_point since;
     std::stop_token stop;       // asked to stop when the program ends: no waiting after that
     std::atomic<bool> *stopped; // set when it was this program that shut the connection down

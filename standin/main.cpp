@@ -78,6 +78,9 @@ static int Serve(const Settings &settings)
 
 static int Relay(const Settings &settings)
 {
+    if (settings.daemonPath == settings.socketPath) {
+        throw std::runtime_error(settings.socketPath + ": a relay to itself");
+    }
     return RunDaemon(settings,
                      [&](Connection &connection, Log *log) { RelayConnection(connection, settings.daemonPath, log); });
 }

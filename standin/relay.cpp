@@ -9,11 +9,16 @@
 
 #include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <condition_variable>
+#include <mutex>
 #include <stdexcept>
 #include <vector>
+
+static constexpr const char *kEndOfTheRelay = "ended by the relay's end";
 
 namespace {
 
@@ -30,6 +35,32 @@ struct Flow {
     std::string pending; // looked at, but not yet sent on
     size_t unread = 0;   // bytes that still lie in the queue of `from`, `pending` included
     bool ended = false;
+};
+
+// Clients reach the daemon in the order in which they came, though each is served by a thread of its own: a script's
+// next command must not overtake the one before. Constructed, it is the connection's turn; destroyed, the next one's.
+class Turn {
+public:
+    explicit Turn(uint64_t number)
+    {
+        std::unique_lock lock(mutex);
+        changed.wait(lock, [=] { return next == number; });
+    }
+
+    ~Turn()
+    {
+        const std::lock_guard lock(mutex);
+        ++next;
+        changed.notify_all();
+    }
+
+    Turn(const Turn &) = delete;
+    Turn &operator=(const Turn &) = delete;
+
+private:
+    static inline std::mutex mutex;
+    static inline std::condition_variable changed;
+    static inline uint64_t next = 1;
 };
 
 enum class Step { Moved, Waiting, Ended, Reset };
@@ -122,12 +153,18 @@ static void PassOnEnd(Flow *flow)
     flow->ended = true;
 }
 
-// At the program's end, the daemon's side is shut down from here.
+// Notes the first end only. At the program's end the daemon's side is shut down from here, which cuts short whatever a
+// client that is still there was waiting for.
 static void NoteEnd(Relay *relay, const Flow &flow, const char *how)
 {
+    if (!relay->end.empty()) {
+        return;
+    }
     const bool endedHere = &flow == &relay->reply && relay->stop.stop_requested();
-    if (relay->end.empty() && !endedHere) {
+    if (!endedHere) {
         relay->end = std::string(flow.sender) + how;
+    } else if (!PeerHasGone(relay->request.from)) {
+        relay->end = kEndOfTheRelay;
     }
 }
 
@@ -230,10 +267,25 @@ static void TurnAway(Connection &connection, int error, Log *log)
     log->Write(entry);
 }
 
+// Returns a connection to the daemon, with *error 0, or an unconnected socket, with *error the reason. A daemon whose
+// queue of clients is full is waited for, as a client would, but not beyond the end of the program.
+static Descriptor ConnectInTurn(const Connection &connection, const std::string &path, int *error)
+{
+    const Turn turn(connection.number);
+    Descriptor daemon = NewSocket(0);
+    const timeval lookAgain{0, 100000};
+    setsockopt(daemon.Get(), SOL_SOCKET, SO_SNDTIMEO, &lookAgain, sizeof lookAgain);
+    do {
+        *error = Connect(daemon, path);
+    } while (*error == EAGAIN && !connection.stop.stop_requested());
+    return daemon;
+}
+
 void RelayConnection(Connection &connection, const std::string &daemonPath, Log *log)
 {
-    Descriptor daemon = NewSocket(0);
-    if (const int error = Connect(daemon, daemonPath); error != 0) {
+    int error = 0;
+    const Descriptor daemon = ConnectInTurn(connection, daemonPath, &error);
+    if (error != 0) {
         TurnAway(connection, error, log);
         return;
     }
@@ -255,9 +307,9 @@ void RelayConnection(Connection &connection, const std::string &daemonPath, Log 
     }
     LogEntry entry = EntryFor(connection, relay.capture);
     entry.sent = relay.sent;
-    const bool unfinished = *connection.stopped || relay.end.empty();
+    const bool unfinished = *connection.stopped || relay.end.empty() || relay.end == kEndOfTheRelay;
     entry.outcome = unfinished ? "unfinished" : "relayed";
-    entry.end = unfinished ? "ended by the relay's end" : relay.end;
+    entry.end = unfinished ? kEndOfTheRelay : relay.end;
     entry.taken = relay.lastReply - connection.since;
     log->Write(entry);
 }
