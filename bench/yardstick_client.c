@@ -16,7 +16,13 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-enum { kChunkSize = 1023, kHelpLength = 4298, kMessageLength = 31, kRequestSizeMax = 189464, kSmallReplySize = 1 << 16 };
+enum {
+    kChunkSize = 1023,
+    kHelpLength = 4298,
+    kMessageLength = 31,
+    kRequestSizeMax = 189464,
+    kSmallReplySize = 1 << 16
+};
 
 static const char kText[kHelpLength] = {'u'};
 static char request[kRequestSizeMax];

@@ -9,7 +9,7 @@ echo "== clang-format"
 git ls-files -z '*.h' '*.cpp' '*.c' | xargs -0 clang-format --dry-run -Werror
 
 echo "== shellcheck"
-git grep -lzP '^#!.*\bbash\b' | xargs -0 shellcheck
+git grep -lzP "^#!/.*\bbash$" | xargs -0 shellcheck
 
 echo "== clang"
 cmake --preset debug -DCMAKE_CXX_COMPILER=clang++ -B build/clang >/dev/null
