@@ -9,7 +9,16 @@ echo "== clang-format"
 git ls-files -z '*.h' '*.cpp' '*.c' | xargs -0 clang-format --dry-run -Werror
 
 echo "== shellcheck"
-git grep -lzP "^#!/.*\bbash$" | xargs -0 shellcheck
+git grep -lzP '^#!/.*\bbash$' -- ':!*.md' | xargs -0 shellcheck
+
+echo "== mandoc"
+mandoc -Tlint -W warning man/*.[0-9]
+
+echo "== allocation"
+# Every allocation of the tool goes through the safe allocators, and only the platform library may copy a text itself.
+if git grep -nE '\b(malloc|calloc|realloc|strdup)\(' -- cli link requests platform; then
+    exit 1
+fi
 
 echo "== clang"
 cmake --preset debug -DCMAKE_CXX_COMPILER=clang++ -B build/clang >/dev/null
