@@ -73,7 +73,7 @@ def finish_tool(process):
         process.kill()
         process.communicate()
         raise
-    if RUNNER:  # an emulator adds a line of its own when the tool aborts
+    if RUNNER and stderr:  # an emulator adds a line of its own when the tool aborts
         stderr = b"".join(line for line in stderr.splitlines(True) if not line.startswith(b"qemu: "))
     return Outcome(stdout, stderr, process.returncode)
 
