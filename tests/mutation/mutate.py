@@ -21,6 +21,8 @@ import sys
 ROOMS = ("include", "cli", "link", "requests", "platform")
 BUILD_LIMIT = 300  # seconds
 TEST_LIMIT = 180
+QUICK_TESTS = ("help", "options", "run", "rules", "requests", "callback_block", "exchange", "streams", "descriptors")
+WAITING_TESTS = ("fault_injection", "timeouts")
 
 # What is changed to what: every match of the pattern in a line of code makes a mutant for each replacement.
 REPLACEMENTS = [
@@ -107,7 +109,8 @@ def mutants_of_file(text):
 
 def succeeds(command, limit, **options):
     """Runs a command in a group of its own, with everything it started gone afterwards."""
-    process = subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True, **options)
+    process = subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True,
+                               **options)
     try:
         return process.wait(limit) == 0
     except subprocess.TimeoutExpired:
@@ -124,7 +127,7 @@ class Tree:
     """The copy of the tree in which mutants are made, and its build."""
 
     def __init__(self, source, folder):
-        self.folder = pathlib.Path(folder)
+        self.folder = pathlib.Path(folder).resolve()
         shutil.rmtree(self.folder, ignore_errors=True)
         shutil.copytree(source, self.folder / "tree", ignore=shutil.ignore_patterns("build", ".git"))
         self.build = self.folder / "build"
@@ -134,16 +137,17 @@ class Tree:
             sys.exit("the tree as it is does not build, or does not pass its own tests")
 
     def survives_tests(self):
-        return (succeeds(["cmake", "--build", self.build], BUILD_LIMIT) and self._pytest("not waits")
-                and succeeds([self.build / "bin" / "unit-tests"], TEST_LIMIT) and self._pytest("waits"))
+        targets = ["plax-tool", "unit-tests", "hangup", "fault-injection"]
+        return (succeeds(["cmake", "--build", self.build, "--target", *targets], BUILD_LIMIT) and self._pytest(QUICK_TESTS)
+                and succeeds([self.build / "bin" / "unit-tests"], TEST_LIMIT) and self._pytest(WAITING_TESTS))
 
-    def _pytest(self, marks):
-        tests = self.folder / "tree/tests/end_to_end"
-        chosen = [tests / name for name in ("test_help.py", "test_options.py", "test_run.py", "test_rules.py",
-                                            "test_requests.py", "test_callback_block.py", "test_exchange.py",
-                                            "test_streams.py", "test_descriptors.py", "test_timeouts.py")]
-        environment = {**os.environ, "PLAX_TOOL": str(self.build / "sbin/plax-tool"), "PYTHONDONTWRITEBYTECODE": "1"}
-        return succeeds(["pytest-3", "-x", "-q", "-p", "no:cacheprovider", "-m", marks, *chosen], TEST_LIMIT, env=environment)
+    def _pytest(self, names):
+        tests = [self.folder / f"tree/tests/end_to_end/test_{name}.py" for name in names]
+        environment = {**os.environ, "PLAX_TOOL": str(self.build / "sbin/plax-tool"), "PYTHONDONTWRITEBYTECODE": "1",
+                       "PLAX_HANGUP_LIBRARY": str(self.build / "tests/libhangup.so"),
+                       "PLAX_FAULT_INJECTION": str(self.build / "tests/fault_injection/libfault-injection.so")}
+        command = ["pytest-3", "-x", "-q", "-n", "2", "--dist", "loadgroup", "-p", "no:cacheprovider", *tests]
+        return succeeds(command, TEST_LIMIT, env=environment)
 
 
 def listed(path):
