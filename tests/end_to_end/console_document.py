@@ -47,7 +47,8 @@ def run_script(script, folder):
     programs.joinpath("plaxd-standin").symlink_to(STANDIN)
     work = folder / "work"
     work.mkdir()
-    changes = {"STEPS": str(folder), "PATH": f"{programs}:{os.environ['PATH']}", "HOME": str(folder)}
+    changes = {"STEPS": str(folder), "PATH": f"{programs}:{os.environ['PATH']}", "HOME": str(folder),
+               "PYTHONUNBUFFERED": "1"}  # programs in Python write in the order that a terminal shows
     shell = subprocess.Popen(["bash", script], cwd=work, env=environment(**changes), stdin=subprocess.DEVNULL,
                              start_new_session=True)
     try:
