@@ -1,17 +1,19 @@
 #!/usr/bin/python3
 """Changes the tool's source in one place at a time and shows whether the tests notice.
 
-usage: mutate.py SOURCE_FOLDER WORK_FOLDER EQUIVALENTS.txt [--shard K/N] [--only FILE]
+usage: mutate.py SOURCE_FOLDER WORK_FOLDER EQUIVALENTS.txt [--jobs N] [--only FILE]
 
-Each mutant is made in a copy of the tree in WORK_FOLDER, built there, and given to the tests: first those that do not
-wait, then all. A mutant that does not compile, or that a test fails on, is killed. One that survives must be listed in
-EQUIVALENTS.txt with the reason why no test can tell it from the original: file, changed line, reason, separated by
-" | ". Prints the survivors that are not listed, and killed / made; exits with 1 if there are any.
+Each mutant is made in a copy of the tree in WORK_FOLDER, built there, and given to the tests, the quickest first. A
+mutant that does not compile, or that a test fails on, is killed. One that survives must be listed in EQUIVALENTS.txt
+with the reason why no test can tell it from the original: file, changed line, reason, separated by " | ". Prints the
+survivors that are not listed, the listed that did not survive, and killed / made; exits with 1 if there are any.
 """
 
 import argparse
+import concurrent.futures
 import os
 import pathlib
+import queue
 import re
 import shutil
 import signal
@@ -20,8 +22,9 @@ import sys
 
 ROOMS = ("include", "cli", "link", "requests", "platform")
 BUILD_LIMIT = 300  # seconds
-TEST_LIMIT = 180
-QUICK_TESTS = ("help", "options", "run", "rules", "requests", "callback_block", "exchange", "streams", "descriptors")
+TEST_LIMIT = 120
+QUICK_TESTS = ("run", "help", "callback_block", "requests", "rules", "poisoned_memory", "descriptors", "streams",
+               "exchange", "options")
 WAITING_TESTS = ("fault_injection", "timeouts")
 
 # What is changed to what: every match of the pattern in a line of code makes a mutant for each replacement.
@@ -124,33 +127,46 @@ def succeeds(command, limit, **options):
 
 
 class Tree:
-    """The copy of the tree in which mutants are made, and its build."""
+    """A copy of the tree in which mutants are made, one at a time, and its build."""
 
     def __init__(self, source, folder):
-        self.folder = pathlib.Path(folder).resolve()
-        shutil.rmtree(self.folder, ignore_errors=True)
-        shutil.copytree(source, self.folder / "tree", ignore=shutil.ignore_patterns("build", ".git"))
-        self.build = self.folder / "build"
-        configure = ["cmake", "-S", self.folder / "tree", "-B", self.build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Debug",
+        self.source = folder / "tree"
+        self.build = folder / "build"
+        shutil.rmtree(folder, ignore_errors=True)
+        shutil.copytree(source, self.source, ignore=shutil.ignore_patterns("build", ".git"))
+        configure = ["cmake", "-S", self.source, "-B", self.build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Debug",
                      "-DPLAX_BUILD_STANDIN=OFF"]
-        if not succeeds(configure, BUILD_LIMIT) or not self.survives_tests():
+        if not succeeds(configure, BUILD_LIMIT) or not self._passes():
             sys.exit("the tree as it is does not build, or does not pass its own tests")
 
-    def survives_tests(self):
-        targets = ["plax-tool", "unit-tests", "hangup", "fault-injection"]
-        return (succeeds(["cmake", "--build", self.build, "--target", *targets], BUILD_LIMIT) and self._pytest(QUICK_TESTS)
-                and succeeds([self.build / "bin" / "unit-tests"], TEST_LIMIT) and self._pytest(WAITING_TESTS))
+    def survives(self, name, text):
+        """Whether the tests pass when the file `name` holds `text`; it holds what it held before when this returns."""
+        path = self.source / name
+        original = path.read_text()
+        path.write_text(text)
+        try:
+            return self._passes()
+        finally:
+            path.write_text(original)
+
+    def _passes(self):
+        return (self._builds("plax-tool", "hangup", "fault-injection") and self._pytest(QUICK_TESTS)
+                and self._builds("unit-tests") and succeeds([self.build / "bin" / "unit-tests"], TEST_LIMIT)
+                and self._pytest(WAITING_TESTS))
+
+    def _builds(self, *targets):
+        return succeeds(["cmake", "--build", self.build, "--target", *targets], BUILD_LIMIT)
 
     def _pytest(self, names):
-        tests = [self.folder / f"tree/tests/end_to_end/test_{name}.py" for name in names]
+        tests = [self.source / f"tests/end_to_end/test_{name}.py" for name in names]
         environment = {**os.environ, "PLAX_TOOL": str(self.build / "sbin/plax-tool"), "PYTHONDONTWRITEBYTECODE": "1",
                        "PLAX_HANGUP_LIBRARY": str(self.build / "tests/libhangup.so"),
                        "PLAX_FAULT_INJECTION": str(self.build / "tests/fault_injection/libfault-injection.so")}
-        command = ["pytest-3", "-x", "-q", "-n", "2", "--dist", "loadgroup", "-p", "no:cacheprovider", *tests]
-        return succeeds(command, TEST_LIMIT, env=environment)
+        return succeeds(["pytest-3", "-x", "-q", "-p", "no:cacheprovider", *tests], TEST_LIMIT, env=environment)
 
 
 def listed(path):
+    """The (file, changed line) of each mutant that is listed as equivalent."""
     rows = [line.split(" | ") for line in pathlib.Path(path).read_text().splitlines() if line and not line.startswith("#")]
     for row in rows:
         if len(row) != 3:
@@ -158,34 +174,55 @@ def listed(path):
     return {(row[0], row[1]) for row in rows}
 
 
+def mutants_below(source, only):
+    """Yields (file, line number, what was done, new text) for each mutant of the files whose path contains `only`."""
+    for room in ROOMS:
+        for path in sorted((source / room).glob("*.[hc]*")):
+            name = str(path.relative_to(source))
+            if path.suffix in (".h", ".cpp") and only in name:
+                for mutant in mutants_of_file(path.read_text()):
+                    yield name, *mutant
+
+
+def survivors_of(mutants, source, work, jobs):
+    """Gives (file, what was done) of each mutant that survived, in trees of which `jobs` are at work at a time."""
+    trees = queue.SimpleQueue()
+
+    def attempt(mutant):
+        name, number, what, text = mutant
+        tree = trees.get()
+        survived = tree.survives(name, text)
+        trees.put(tree)
+        if survived:
+            print(f"survived: {name}:{number}: {what}", flush=True)
+        return (name, what) if survived else None
+
+    with concurrent.futures.ThreadPoolExecutor(jobs) as pool:
+        for tree in pool.map(lambda job: Tree(source, work / str(job)), range(jobs)):
+            trees.put(tree)
+        return [survivor for survivor in pool.map(attempt, mutants) if survivor is not None]
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("source")
-    parser.add_argument("work")
+    parser.add_argument("source", type=lambda text: pathlib.Path(text).resolve())
+    parser.add_argument("work", type=lambda text: pathlib.Path(text).resolve())
     parser.add_argument("equivalents")
-    parser.add_argument("--shard", default="0/1", help="K/N: only every N-th mutant, from the K-th on")
+    parser.add_argument("--jobs", type=int, default=len(os.sched_getaffinity(0)), help="mutants tried at a time")
     parser.add_argument("--only", default="", help="only files whose path contains this")
     options = parser.parse_args()
-    shard, shards = map(int, options.shard.split("/"))
 
-    tree = Tree(options.source, options.work)
-    equivalent = listed(options.equivalents)
-    files = [path for room in ROOMS for path in sorted((tree.folder / "tree" / room).glob("*.[hc]*"))
-             if path.suffix in (".h", ".cpp") and options.only in str(path)]
-    mutants = [(path, *mutant) for path in files for mutant in mutants_of_file(path.read_text())][shard::shards]
-    survivors = []
-    for path, number, what, text in mutants:
-        name = str(path.relative_to(tree.folder / "tree"))
-        original = path.read_text()
-        path.write_text(text)
-        if tree.survives_tests():
-            known = (name, what) in equivalent
-            print(f"{'equivalent' if known else 'SURVIVED'}: {name}:{number}: {what}", flush=True)
-            survivors += [] if known else [what]
-        path.write_text(original)
-    equivalents_met = 0
-    print(f"{len(mutants) - len(survivors)} of {len(mutants)} mutants killed or listed")
-    sys.exit(1 if survivors or not mutants else equivalents_met)
+    equivalent = {row for row in listed(options.equivalents) if options.only in row[0]}
+    mutants = list(mutants_below(options.source, options.only))
+    survivors = survivors_of(mutants, options.source, options.work, options.jobs)
+    unexplained = [survivor for survivor in survivors if survivor not in equivalent]
+    stale = sorted(equivalent - set(survivors))
+    for kind, rows in (("NOT LISTED", unexplained), ("LISTED, BUT KILLED OR NOT MADE", stale)):
+        for name, what in rows:
+            print(f"{kind}: {name} | {what}")
+    print(f"{len(mutants)} made, {len(mutants) - len(survivors)} killed, {len(survivors) - len(unexplained)} listed as "
+          f"equivalent, {len(unexplained)} unexplained")
+    sys.exit(1 if unexplained or stale or not mutants else 0)
 
 
 if __name__ == "__main__":

@@ -168,6 +168,20 @@ TEST_F(ConnectionTest, TimeoutThatCannotBeSetEndsTheRun)
     EXPECT_EQ(attempts.size(), 0U);
 }
 
+TEST_F(ConnectionTest, NoSocketIsMinusOne)
+{
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(OpenDaemonConnection("/tmp/plaxd", 20), -1);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "connect error: Connection refused\n");
+    systemCalls.setsockopt = [] {
+        errno = ENOPROTOOPT;
+        return -1;
+    };
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(OpenDaemonConnection("/tmp/plaxd", 20), -1);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "set timeout error: Protocol not available\n");
+}
+
 TEST_F(ConnectionTest, SocketThatCannotBeMadeEndsTheRun)
 {
     rlimit limit{};
