@@ -100,7 +100,7 @@ def measure_workloads(bench):
         name, length = workload[:2]
         with bench.peer(length):
             tool, yardstick = bench.pair(workload)
-            hardened = bench.pair(workload, "yardstick-hardened")[1]
+            hardened = bench.pair(workload, "bin/yardstick-hardened")[1]
             spent = instructions(tool)
             (wall, faults, peak), (wall0, faults0, peak0) = bench.timed(tool, yardstick, rounds_for(length, bench.rounds))
             calls, calls0 = system_calls(tool), system_calls(yardstick)
@@ -111,16 +111,33 @@ def measure_workloads(bench):
                   throughput if length >= 64 * MIB else "", "|", flush=True)
 
 
-def measure_floor(bench):
-    """What the private library and immediate binding cost a program that uses neither."""
-    print("\n| yardstick, fitness-stats-get, 100 B | instructions | wall µs |\n|---|---|---|")
-    with bench.peer(100):
-        plain = bench.pair(WORKLOADS[0])[1]
-        for name, program in (("hardened like the tool", "yardstick-hardened"),
-                              ("linked with the private library", "bin/yardstick-with-library")):
-            other = bench.pair(WORKLOADS[0], program)[1]
-            (wall, _, _), (wall0, _, _) = bench.timed(other, plain)
-            print("|", name, "|", ratio(instructions(other), instructions(plain)), "|", ratio(round(wall), round(wall0)), "|")
+def measure_steps(bench):
+    """What lies between the yardstick and the tool: each with and without something that the other has."""
+    steps = [
+        ("the yardstick, hardened like the tool", "bin/yardstick-hardened"),
+        ("the yardstick, with the tool's allocations", "bin/yardstick-allocating"),
+        ("the yardstick, linked with the private library by an absolute name", "bin/yardstick-with-library-here"),
+        ("the yardstick, linked with it as the tool is", "bin/yardstick-with-library"),
+        ("the tool, with the library inside the program", "bin/tool-with-library-inside"),
+        ("the same, bound when first called", "bin/tool-with-library-inside-bound-late"),
+        ("the tool, bound when first called", "bin/tool-bound-late"),
+        ("the tool", "sbin/plax-tool"),
+    ]
+    print("\n| ratio to the yardstick | instructions | wall | component-manual-move, wall | -h, instructions |")
+    print("|---|---|---|---|---|")
+    for name, program in steps:
+        exchange, move, help_text = (step_ratios(bench, program, WORKLOADS[place]) for place in (0, 5, 7))
+        print(f"| {name} | {exchange[0]:.3f} | {exchange[1]:.3f} | {move[1]:.3f} | {help_text[0]:.3f} |", flush=True)
+
+
+def step_ratios(bench, program, workload):
+    """The instructions and the wall time of a program, which is a tool or a yardstick, over those of the yardstick."""
+    _, length, tool_words, yardstick_words = workload
+    with bench.peer(length):
+        own = bench.words(str(bench.build / program), yardstick_words if "yardstick" in program else tool_words)
+        plain = bench.words(str(bench.build / "yardstick"), yardstick_words)
+        (wall, _, _), (wall0, _, _) = bench.timed(own, plain)
+        return instructions(own) / instructions(plain), wall / wall0
 
 
 def measure_alternatives(bench):
@@ -243,7 +260,7 @@ def main():
         os.chmod(folder, 0o755)
         bench = Bench(options.build, folder, options.rounds)
         measure_workloads(bench)
-        measure_floor(bench)
+        measure_steps(bench)
         measure_alternatives(bench)
         curves = measure_growth(bench)
     if options.plots:

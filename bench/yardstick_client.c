@@ -6,6 +6,9 @@
 // KIND: p reads one frame and prints its payload, c reads one frame, s copies the stream to standard output or FILE.
 //     yardstick-client h    writes a help text of the tool's length
 //     yardstick-client u    writes a message of the tool's length and the help text
+//
+// Compiled with -DALLOCATES=1 it takes the memory for the largest request and for the reply from the heap, as the tool
+// must; otherwise it makes do with memory of its own.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <stdint.h>
@@ -16,6 +19,10 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#ifndef ALLOCATES
+#define ALLOCATES 0
+#endif
+
 enum {
     kChunkSize = 1023,
     kHelpLength = 4298,
@@ -25,7 +32,7 @@ enum {
 };
 
 static const char kText[kHelpLength] = {'u'};
-static char request[kRequestSizeMax];
+static char requestMemory[kRequestSizeMax];
 static char smallReply[kSmallReplySize];
 static char chunk[kChunkSize];
 
@@ -49,7 +56,7 @@ static int ReceiveFrame(int connection, int print)
         return 1;
     }
     const size_t length = ntohl(header[1]);
-    char *reply = length <= sizeof smallReply ? smallReply : malloc(length);
+    char *reply = !ALLOCATES && length <= sizeof smallReply ? smallReply : malloc(length);
     if (length != 0 && recv(connection, reply, length, MSG_WAITALL) != (ssize_t)length) {
         return 1;
     }
@@ -70,7 +77,7 @@ static int CopyStream(int connection, int output)
     return count < 0;
 }
 
-static int Exchange(int argc, char **argv)
+static int Exchange(int argc, char **argv, const char *request)
 {
     const int connection = Connect(argv[1]);
     const uint32_t length = (uint32_t)strtoul(argv[4], NULL, 10);
@@ -86,14 +93,21 @@ static int Exchange(int argc, char **argv)
     return ReceiveFrame(connection, argv[2][0] == 'p');
 }
 
+static int WriteText(char kind)
+{
+    const int failed = kind == 'u' && write(STDERR_FILENO, kText, kMessageLength) < 0;
+    return write(STDOUT_FILENO, kText, kHelpLength) < 0 || failed || kind == 'u';
+}
+
 int main(int argc, char **argv)
 {
-    if (argc >= 5) {
-        return Exchange(argc, argv);
-    }
-    if (argc != 2) {
+    if (argc != 2 && argc < 5) {
         return 2;
     }
-    const int failed = argv[1][0] == 'u' && write(STDERR_FILENO, kText, kMessageLength) < 0;
-    return write(STDOUT_FILENO, kText, kHelpLength) < 0 || failed || argv[1][0] == 'u';
+    char *request = ALLOCATES ? calloc(1, kRequestSizeMax) : requestMemory;
+    const int status = argc == 2 ? WriteText(argv[1][0]) : Exchange(argc, argv, request);
+    if (ALLOCATES) {
+        free(request);
+    }
+    return status;
 }
