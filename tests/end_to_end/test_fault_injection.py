@@ -620,6 +620,14 @@ def test_pages_are_provided_up_to_a_limit(length, madvise):
     assert run(announced, "") == announced.outcome()
 
 
+# The first chunk's text ends at its zero byte, so that the last one fits in to the byte.
+def test_stream_fills_the_buffer_to_its_end():
+    filled = stream("filled", b"a" * 64 + b"\0" * 959 + b"b" * 65472,
+                    ["recv 1023 0", *[MSG_DONTWAIT] * 64, "write 65536", "recv 1023 0"], (65536,),
+                    stdout=b"a" * 64 + b"b" * 65472)
+    assert run(filled, "") == filled.outcome()
+
+
 # ---- Calls that do a part of what they are asked to. ----
 
 def shortened(scenario, line, call, length, before, rest):
