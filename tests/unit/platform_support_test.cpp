@@ -8,10 +8,13 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include <dlfcn.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 namespace {
 
@@ -64,6 +67,22 @@ TEST(UtilSafeStrdup0, GivesAnEmptyTextForAnEmptyText)
     char *copy = UtilSafeStrdup0("");
     EXPECT_STREQ(copy, "");
     free(copy);
+}
+
+// The byte behind the text's end cannot be read.
+TEST(UtilSafeStrdup0, ReadsNoFurtherThanTheTextGoes)
+{
+    const auto pageSize = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    void *pages = mmap(nullptr, 2 * pageSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(pages, MAP_FAILED);
+    char *const end = static_cast<char *>(pages) + pageSize;
+    ASSERT_EQ(mprotect(end, pageSize, PROT_NONE), 0);
+    char *const text = end - sizeof "text";
+    memcpy(text, "text", sizeof "text");
+    char *copy = UtilSafeStrdup0(text);
+    EXPECT_STREQ(copy, "text");
+    free(copy);
+    munmap(pages, 2 * pageSize);
 }
 
 TEST(UtilSafeStrdup0, GivesNullForNull)
