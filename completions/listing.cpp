@@ -19,12 +19,13 @@ static constexpr ArgumentOffer kArgumentOffers[] = {
     {'m', Offer::Values},  {'n', Offer::Nothing}, {'x', Offer::Nothing}, {'X', Offer::Values},
 };
 
+// A letter or a word that is not in its table ends the compilation where its row is read. The pointer is not compared
+// with null, since g++ takes that for no constant when it looks for undefined behaviour.
 static constexpr bool EveryArgumentHasItsOffer()
 {
     size_t known = 0;
     for (const ArgumentOffer &argument : kArgumentOffers) {
-        const OptionRow *row = FindOption(argument.letter);
-        known += row != nullptr && row->argumentKind == required_argument;
+        known += FindOption(argument.letter)->argumentKind == required_argument;
     }
     size_t required = 0;
     for (const OptionRow &row : kOptions) {
@@ -170,7 +171,8 @@ std::vector<ListedOption> ListOptions()
 // The words of log-level are not among them: which levels there are is the daemon's affair.
 std::vector<FollowingWords> ListFollowingWords()
 {
-    static_assert(FindCommand("start-proactive-rebalance") != nullptr && FindCommand("block-cdb-cb") != nullptr);
+    static_assert(FindCommand("start-proactive-rebalance")->code != CommandCode{});
+    static_assert(FindCommand("block-cdb-cb")->code != CommandCode{});
     std::vector<std::string_view> callbackWords;
     for (const CallbackWord &event : kEventWords) {
         callbackWords.push_back(event.word);

@@ -22,6 +22,6 @@ def imports(path):
 
 
 def is_sanitized(path):
-    """Whether a sanitizer takes more address space than a test could leave."""
+    """Whether the program is built with AddressSanitizer, which wants memory and descriptors of its own."""
     with open(path, "rb") as binary:
         return b"__asan_init" in binary.read()

@@ -9,7 +9,8 @@ import subprocess
 
 import pytest
 
-from harness import RUNNER, ScriptedDaemon, frame, tool
+from binaries import is_sanitized
+from harness import RUNNER, TOOL, ScriptedDaemon, frame, tool
 from request_table import ROWS, name
 
 # A compiler for the host that the tool was built for.
@@ -93,6 +94,7 @@ def test_memory_is_poisoned(stack_filler, tmp_path, perturb, stack):
     assert found == FILLS[perturb] * 128
 
 
+@pytest.mark.skipif(is_sanitized(TOOL), reason="its memory is the sanitizer's, which must be loaded first")
 @pytest.mark.parametrize("perturb, stack", [("165", "90"), ("90", "165")])
 @pytest.mark.parametrize("row", ROWS, ids=name)
 def test_request_bytes_do_not_depend_on_memory(stack_filler, row, perturb, stack):
