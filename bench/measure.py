@@ -121,6 +121,7 @@ def measure_steps(bench):
         ("the tool, with the library inside the program", "bin/tool-with-library-inside"),
         ("the same, bound when first called", "bin/tool-with-library-inside-bound-late"),
         ("the tool, bound when first called", "bin/tool-bound-late"),
+        ("the tool, with the library by an absolute name", "bin/tool-with-library-here"),
         ("the tool", "sbin/plax-tool"),
     ]
     print("\n| ratio to the yardstick | instructions | wall | component-manual-move, wall | -h, instructions |")

@@ -29,6 +29,7 @@ link_tool() { # NAME WORD...: the tool's objects, linked as the tool is but for 
         "$linking" -o "$build/bin/$1"
 }
 link_tool tool-bound-late "$library" -Wl,-z,lazy
+link_tool tool-with-library-here "$library_here" -Wl,-z,now
 link_tool tool-with-library-inside "$library_object" -Wl,-z,now
 link_tool tool-with-library-inside-bound-late "$library_object" -Wl,-z,lazy
 cc "${flags[@]}" bench/peer_daemon.c -o "$build/peer-daemon"
