@@ -10,6 +10,8 @@
 #include <cstdlib>
 #include <vector>
 
+namespace standin {
+
 static void Require(bool holds, const char *what)
 {
     if (!holds) {
@@ -41,15 +43,21 @@ static void RequireSensitivity(Bytes bytes, const DecodedRequest &whole)
     Require(more.violations == std::vector<std::string>{"1 bytes after the end"}, "a further byte goes unnoticed");
 }
 
-int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+static void Judge(Bytes bytes)
 {
-    const Bytes bytes(data, size);
     const DecodedRequest request = DecodeRequest(bytes);
     RequireOutput(request);
     if (request.violations.empty()) {
         Require(request.command != nullptr, "an unknown command is in order");
-        Require(size == kHeaderSize + request.length, "a request of the wrong length is in order");
+        Require(bytes.size() == kHeaderSize + request.length, "a request of the wrong length is in order");
         RequireSensitivity(bytes, request);
     }
+}
+
+} // namespace standin
+
+int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    standin::Judge({data, size});
     return 0;
 }

@@ -14,6 +14,8 @@
 #include <set>
 #include <stdexcept>
 
+namespace standin {
+
 using Json = nlohmann::json;
 using Place = Json::json_pointer;
 
@@ -417,3 +419,5 @@ AnswerBook ReadAnswerFile(const std::string &path)
     }
     return book;
 }
+
+} // namespace standin

@@ -6,8 +6,12 @@
 
 #include <string>
 
+namespace standin {
+
 // The built-in answers, with those of the file in the place of theirs. Throws when anything in the file is wrong; the
 // message then names every error, each on a line of its own with its place.
 AnswerBook ReadAnswerFile(const std::string &path);
+
+} // namespace standin
 
 #endif

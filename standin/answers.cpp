@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+namespace standin {
+
 std::string_view NameOf(Fault fault)
 {
     for (const FaultName &row : kFaultNames) {
@@ -74,3 +76,5 @@ const Answer &NextAnswer(AnswerBook *book, const DecodedRequest &request)
     const size_t turn = list.next.fetch_add(1);
     return list.answers[std::min(turn, list.answers.size() - 1)];
 }
+
+} // namespace standin

@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+namespace standin {
+
 enum class Fault {
     None,
     CloseWithoutReading,
@@ -67,5 +69,7 @@ std::string AnswerKey(const CommandRow &row, bool allObjects);
 AnswerBook BuiltInAnswers();
 
 const Answer &NextAnswer(AnswerBook *book, const DecodedRequest &request);
+
+} // namespace standin
 
 #endif

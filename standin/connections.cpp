@@ -17,6 +17,8 @@
 #include <system_error>
 #include <thread>
 
+namespace standin {
+
 static sigset_t EndSignals()
 {
     sigset_t signals;
@@ -149,3 +151,5 @@ void ServeConnections(const Listener &listener, const std::function<void(Connect
     server.stop.request_stop();
     WaitForThreads(&server.running);
 }
+
+} // namespace standin

@@ -11,6 +11,8 @@
 #include <functional>
 #include <stop_token>
 
+namespace standin {
+
 struct Connection {
     Descriptor socket;
     uint64_t number; // counted from 1 in the order of arrival, without gaps
@@ -27,5 +29,7 @@ void ServeConnections(const Listener &listener, const std::function<void(Connect
 
 // Whether nothing more can be sent to the socket's peer, nor come from it apart from what has arrived already.
 bool PeerHasGone(int socket);
+
+} // namespace standin
 
 #endif

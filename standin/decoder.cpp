@@ -7,6 +7,8 @@
 
 #include <algorithm>
 
+namespace standin {
+
 static uint32_t ReadBigEndian(Bytes bytes)
 {
     uint32_t number = 0;
@@ -85,3 +87,5 @@ DecodedRequest DecodeRequest(Bytes bytes)
     DecodeFramed(bytes.subspan(kHeaderSize), &request);
     return request;
 }
+
+} // namespace standin

@@ -12,6 +12,8 @@
 #include <string_view>
 #include <vector>
 
+namespace standin {
+
 struct CommandRow;
 
 using Bytes = std::span<const uint8_t>;
@@ -49,5 +51,7 @@ DecodedRequest DecodeRequest(Bytes bytes);
 
 // The violation of a client that goes on sending after its request.
 std::string BytesAfterEnd(uint64_t count);
+
+} // namespace standin
 
 #endif

@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <system_error>
 
+namespace standin {
+
 Descriptor::~Descriptor()
 {
     Close();
@@ -40,3 +42,5 @@ std::string SystemError(const std::string &text, int error)
 {
     return text + ": " + std::generic_category().message(error);
 }
+
+} // namespace standin

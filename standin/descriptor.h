@@ -5,6 +5,8 @@
 #include <string>
 #include <utility>
 
+namespace standin {
+
 class Descriptor {
 public:
     explicit Descriptor(int number = -1) : number_(number) {}
@@ -32,5 +34,7 @@ int ReadFile(const std::string &path, std::string *bytes);
 
 // "TEXT: what the errno means".
 std::string SystemError(const std::string &text, int error);
+
+} // namespace standin
 
 #endif

@@ -14,6 +14,8 @@
 #include <filesystem>
 #include <stdexcept>
 
+namespace standin {
+
 [[noreturn]] static void Fail(const std::string &path, int error)
 {
     throw std::runtime_error(SystemError(path, error));
@@ -96,3 +98,5 @@ void CloseListener(Listener *listener)
     }
     listener->socket.Close();
 }
+
+} // namespace standin

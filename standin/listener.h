@@ -8,6 +8,8 @@
 
 #include <string>
 
+namespace standin {
+
 struct Listener {
     std::string path;
     Descriptor socket;
@@ -20,5 +22,7 @@ struct Listener {
 Listener OpenListener(const std::string &path);
 
 void CloseListener(Listener *listener);
+
+} // namespace standin
 
 #endif

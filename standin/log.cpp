@@ -14,6 +14,8 @@
 #include <ctime>
 #include <stdexcept>
 
+namespace standin {
+
 using Json = nlohmann::ordered_json;
 
 // A request's texts may hold any bytes. What is no UTF-8 is replaced, and a line stays one line.
@@ -256,3 +258,5 @@ void Log::WriteSummary()
     }
     WriteLine(text);
 }
+
+} // namespace standin

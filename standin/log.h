@@ -11,6 +11,8 @@
 #include <mutex>
 #include <string>
 
+namespace standin {
+
 enum class LogFormat { Text, Json };
 
 // What went back to the client: the bytes are counted, and the first ones kept, which are a frame's header.
@@ -65,5 +67,7 @@ private:
     uint64_t broken_ = 0;
     std::map<std::string, std::map<std::string, uint64_t, std::less<>>> counts_;
 };
+
+} // namespace standin
 
 #endif

@@ -20,6 +20,8 @@
 #include <stdexcept>
 #include <string>
 
+namespace standin {
+
 namespace {
 
 struct Settings {
@@ -143,12 +145,14 @@ static int Run(int argumentCount, char **arguments)
     return serve->parsed() ? Serve(settings) : relay->parsed() ? Relay(settings) : Decode(settings);
 }
 
+} // namespace standin
+
 int main(int argumentCount, char **arguments)
 {
     try {
-        return Run(argumentCount, arguments);
+        return standin::Run(argumentCount, arguments);
     } catch (const std::exception &error) {
         fprintf(stderr, "plaxd-standin: %s\n", error.what());
-        return kExitFailure;
+        return standin::kExitFailure;
     }
 }

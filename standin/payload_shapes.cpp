@@ -13,6 +13,8 @@
 #include <memory>
 #include <optional>
 
+namespace standin {
+
 // The names of numbers, in the order of the numbers; empty where a number stands for nothing.
 static constexpr std::string_view kDecomModes[] = {"noAction", "ensureAccess", "evacAllData"};
 static constexpr std::string_view kReasons[] = {"none", "disable dedup", "enable encryption",
@@ -386,3 +388,5 @@ static void DecodeGlobalExclusion(Bytes payload, DecodedRequest *request)
 }
 const PayloadShape kGlobalExclusionPayload = {sizeof(GlobalExclusionListRequest), sizeof(GlobalExclusionListRequest),
                                               DecodeGlobalExclusion};
+
+} // namespace standin

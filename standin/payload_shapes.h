@@ -4,6 +4,8 @@
 
 #include "decoder.h"
 
+namespace standin {
+
 struct PayloadShape {
     size_t lengthMin;
     size_t lengthMax;
@@ -26,5 +28,7 @@ extern const PayloadShape kCrawlerStatePayload;
 extern const PayloadShape kCallbackBlockPayload;
 extern const PayloadShape kManualMovePayload;
 extern const PayloadShape kGlobalExclusionPayload;
+
+} // namespace standin
 
 #endif

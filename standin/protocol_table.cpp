@@ -2,6 +2,8 @@
 
 #include "protocol_table.h"
 
+namespace standin {
+
 // clang-format off
 static constexpr CommandRow kRows[] = {
     {1, "stats", ReplyClass::Streamed, false, kNoPayload, "objects: 1204\nwork items: 3 active, 17 queued\n"},
@@ -71,3 +73,5 @@ ReplyClass ReplyClassOf(const DecodedRequest &request)
     }
     return request.allObjects ? ReplyClass::Streamed : request.command->replyClass;
 }
+
+} // namespace standin

@@ -9,6 +9,8 @@
 #include <span>
 #include <string_view>
 
+namespace standin {
+
 enum class ReplyClass {
     Printed,  // a frame, of which the client shows the payload
     Checked,  // a frame, of which the client looks at the status
@@ -37,5 +39,7 @@ ReplyClass ReplyClassOf(const DecodedRequest &request);
 inline constexpr std::string_view kAllObjectsAnswer =
     "6f3c1d52-0a6e-4b9f-8a51-2f7c9be0d314: idle, last visit 41 s ago\n"
     "b1d7e0a9-93c4-4e1d-9f6a-7d20c5a4e8f1: visiting, 3 of 8 components\n";
+
+} // namespace standin
 
 #endif

@@ -18,6 +18,8 @@
 #include <stdexcept>
 #include <vector>
 
+namespace standin {
+
 static constexpr const char *kEndOfTheRelay = "ended by the relay's end";
 
 namespace {
@@ -313,3 +315,5 @@ void RelayConnection(Connection &connection, const std::string &daemonPath, Log 
     entry.taken = relay.lastReply - connection.since;
     log->Write(entry);
 }
+
+} // namespace standin

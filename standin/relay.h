@@ -6,6 +6,10 @@
 #include "connections.h"
 #include "log.h"
 
+namespace standin {
+
 void RelayConnection(Connection &connection, const std::string &daemonPath, Log *log);
+
+} // namespace standin
 
 #endif

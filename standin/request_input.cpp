@@ -7,6 +7,8 @@
 
 #include <algorithm>
 
+namespace standin {
+
 // Waits for `count` more bytes, and leaves the last of them unread. Returns false when the client ends or fails first.
 static bool ReadAllButLast(int socket, size_t count, std::vector<uint8_t> *bytes)
 {
@@ -43,3 +45,5 @@ bool ReadRequest(int socket, std::vector<uint8_t> *bytes)
     ReadLastByte(socket);
     return ReadAllButLast(socket, header.length, bytes);
 }
+
+} // namespace standin

@@ -10,6 +10,8 @@
 #include <condition_variable>
 #include <mutex>
 
+namespace standin {
+
 // How a connection ends that is closed with a byte unread.
 static constexpr const char *kResetHere = "reset by the stand-in";
 
@@ -150,3 +152,5 @@ void ServeConnection(Connection &connection, AnswerBook *book, Log *log)
     }
     log->Write(entry);
 }
+
+} // namespace standin

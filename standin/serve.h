@@ -6,6 +6,10 @@
 #include "connections.h"
 #include "log.h"
 
+namespace standin {
+
 void ServeConnection(Connection &connection, AnswerBook *book, Log *log);
+
+} // namespace standin
 
 #endif

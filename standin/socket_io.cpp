@@ -8,6 +8,8 @@
 #include <cstring>
 #include <stdexcept>
 
+namespace standin {
+
 sockaddr_un SocketAddress(const std::string &path)
 {
     sockaddr_un address{};
@@ -47,3 +49,5 @@ size_t SendAll(int socket, std::string_view bytes)
     }
     return sent;
 }
+
+} // namespace standin

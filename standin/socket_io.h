@@ -9,6 +9,8 @@
 #include <string>
 #include <string_view>
 
+namespace standin {
+
 // Throws when the path does not fit an address: a client would cut it and end up elsewhere.
 sockaddr_un SocketAddress(const std::string &path);
 
@@ -20,5 +22,7 @@ int Connect(const Descriptor &socket, const std::string &path);
 
 // Sends all bytes, unless the peer goes away; returns how many went out.
 size_t SendAll(int socket, std::string_view bytes);
+
+} // namespace standin
 
 #endif

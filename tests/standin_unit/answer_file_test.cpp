@@ -12,6 +12,8 @@
 #include <thread>
 #include <vector>
 
+namespace standin {
+
 using std::chrono::milliseconds;
 
 namespace {
@@ -139,3 +141,5 @@ TEST(Answers, UnknownCommandIsRefused)
     EXPECT_EQ(answer.status, 0x2bad0016U);
     EXPECT_EQ(answer.pieces[0].bytes, "unknown command");
 }
+
+} // namespace standin

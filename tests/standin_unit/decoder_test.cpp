@@ -11,6 +11,8 @@
 #include <cstring>
 #include <limits>
 
+namespace standin {
+
 static std::vector<uint8_t> Frame(uint32_t code, const std::string &payload)
 {
     const auto length = static_cast<uint32_t>(payload.size());
@@ -197,3 +199,5 @@ TEST(ProtocolTable, EveryRow)
     EXPECT_EQ(FindCommand(0), nullptr);
     EXPECT_EQ(FindCommand(35), nullptr);
 }
+
+} // namespace standin

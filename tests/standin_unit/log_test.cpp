@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+namespace standin {
+
 TEST(SentBytes, HeadComesTogetherFromPieces)
 {
     SentBytes sent;
@@ -34,3 +36,5 @@ TEST(FormatRequest, TextsAreQuotedWhenTheyCouldBeMistaken)
     EXPECT_EQ(LevelText("\xc3\xa4"), "log-level 7 level=\"\\u00e4\"");
     EXPECT_EQ(LevelText("\xff"), "log-level 7 level=\"\\ufffd\"");
 }
+
+} // namespace standin
