@@ -43,8 +43,8 @@ not_for_memory="not length_above_what_comes and not length_without_any_payload a
 check_memory() {
     local build=$PWD/build/memory
     local flags="-fsanitize=memory -fsanitize-memory-track-origins -fno-sanitize-recover=all -fno-omit-frame-pointer"
-    cmake -S . -B "$build" -G Ninja --log-level=WARNING -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=clang++ \
-        "-DCMAKE_CXX_FLAGS=$flags"
+    cmake -S . -B "$build" -G Ninja --log-level=WARNING -DCMAKE_BUILD_TYPE=Debug -DBUILD_TESTING=ON \
+        -DCMAKE_CXX_COMPILER=clang++ "-DCMAKE_CXX_FLAGS=$flags"
     cmake --build "$build" --target plax-tool hangup
     # shellcheck disable=SC2086
     clang++ $flags tests/valgrind/canary.cpp -o "$build/canary"

@@ -10,7 +10,8 @@ build=$PWD/build/coverage
 rm -rf "$build"
 mkdir -p "$build/profiles"
 clang++-19 -c tests/coverage/write_profile_on_abort.cpp -o "$build/write_profile_on_abort.o"
-cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DPLAX_BUILD_STANDIN=OFF -DCMAKE_CXX_COMPILER=clang++-19 \
+cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DBUILD_TESTING=ON -DPLAX_BUILD_STANDIN=OFF \
+    -DCMAKE_CXX_COMPILER=clang++-19 \
     -DCMAKE_CXX_FLAGS="-fprofile-instr-generate -fcoverage-mapping -fcoverage-mcdc" \
     -DCMAKE_EXE_LINKER_FLAGS="$build/write_profile_on_abort.o" >/dev/null
 cmake --build "$build"

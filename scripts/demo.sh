@@ -5,6 +5,6 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/install-packages.sh build
-cmake --preset release -DBUILD_TESTING=OFF >/dev/null
+cmake --preset release >/dev/null
 cmake --build --preset release >&2
 PATH=$PWD/build/release/sbin:$PWD/build/release/bin:$PATH exec scripts/tour.sh

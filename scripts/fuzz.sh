@@ -52,8 +52,8 @@ done
 seconds=$((words[0] * 60 / ${#targets[@]}))
 
 scripts/install-packages.sh build test fuzz
-cmake -S . -B "$build" -G Ninja --log-level=WARNING -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPLAX_FUZZ=ON \
-    -DCMAKE_CXX_COMPILER=clang++ \
+cmake -S . -B "$build" -G Ninja --log-level=WARNING -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBUILD_TESTING=ON \
+    -DPLAX_FUZZ=ON -DCMAKE_CXX_COMPILER=clang++ \
     -DCMAKE_CXX_FLAGS="-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer"
 cmake --build "$build" --target "${targets[@]/%/-fuzzer}"
 

@@ -21,7 +21,7 @@ if git grep -nE '\b(malloc|calloc|realloc|strdup)\(' -- cli link requests platfo
 fi
 
 echo "== clang"
-cmake --preset debug -DCMAKE_CXX_COMPILER=clang++ -B build/clang >/dev/null
+cmake --preset debug -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_COMPILE_WARNING_AS_ERROR=ON -B build/clang >/dev/null
 cmake --build build/clang
 
 echo "== clang-tidy"

@@ -135,7 +135,7 @@ class Tree:
         shutil.rmtree(folder, ignore_errors=True)
         shutil.copytree(source, self.source, ignore=shutil.ignore_patterns("build", ".git"))
         configure = ["cmake", "-S", self.source, "-B", self.build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Debug",
-                     "-DPLAX_BUILD_STANDIN=OFF"]
+                     "-DBUILD_TESTING=ON", "-DPLAX_BUILD_STANDIN=OFF"]
         if not succeeds(configure, BUILD_LIMIT) or not self._passes():
             sys.exit("the tree as it is does not build, or does not pass its own tests")
 
