@@ -164,7 +164,8 @@ OUTCOMES = {
 }
 
 
-@pytest.mark.parametrize("code, word, payload, classes", COMMANDS, ids=[row[1] for row in COMMANDS])
+@pytest.mark.parametrize("code, word, payload, classes", [row[:4] for row in COMMANDS],
+                         ids=[row[1] for row in COMMANDS])
 def test_command_row(code, word, payload, classes):
     answer, expected = OUTCOMES[classes.partition(",")[0]]
     outcome, received = run(f"plax-tool {COMMAND_LINES.get(word, word)}", answer)
