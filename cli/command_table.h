@@ -17,8 +17,8 @@ struct CommandRow {
     const char *help; // null: the command works, but is not advertised
     time_t receiveTimeoutSec;
     ReplyClass replyClass;
-    const char *(*rule)(const RuleInput &); // null: unchecked
-    QRT_ReturnStatus (*send)(const Request &);
+    const char *(*rule)(const Invocation &); // null: unchecked
+    QRT_ReturnStatus (*send)(const Invocation &);
 };
 
 inline constexpr time_t kReceiveTimeoutSec = 20;
@@ -93,7 +93,7 @@ inline constexpr CommandRow kCommands[] = {
      "pause the controller PLAX just before it processes a failed delta entry",
      kReceiveTimeoutSec, ReplyClass::None, nullptr, SendHeaderOnly},
     {CommandCode{31}, "block-cdb-cb", "block certain cdb callbacks for testing",
-     kReceiveTimeoutSec, ReplyClass::None, RequireCallbackWords, SendCallbackBlock},
+     kReceiveTimeoutSec, ReplyClass::None, RequireCallbackWords, SendBlockCdbCbCommand},
     {CommandCode{32}, "refresh-config-opts", "Refresh advanced config options",
      kReceiveTimeoutSec, ReplyClass::None, nullptr, SendHeaderOnly},
     {CommandCode{33}, "component-manual-move", "Move the component based on given destination list or exclusion list",

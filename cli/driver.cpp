@@ -8,8 +8,9 @@
 #include "help_text.h"
 #include "options.h"
 #include "platform_support.h"
-#include "records.h"
 #include "safe_allocation.h"
+
+#include <malloc.h>
 
 #include <cstdio>
 
@@ -28,9 +29,9 @@ static const CommandRow *SelectCommand(int argumentCount, char *const *arguments
     return command;
 }
 
-static bool PassesRule(const CommandRow &command, const RuleInput &input)
+static bool PassesRule(const CommandRow &command, const Invocation &invocation)
 {
-    const char *message = command.rule == nullptr ? nullptr : command.rule(input);
+    const char *message = command.rule == nullptr ? nullptr : command.rule(invocation);
     if (message != nullptr) {
         Warning("%s", message);
     }
@@ -57,18 +58,21 @@ static QRT_ReturnStatus RunCommand(int argumentCount, char **arguments, CommandS
         return FailWithUsage(arguments[0]);
     }
     const CommandRow *command = SelectCommand(argumentCount, arguments);
-    if (command == nullptr || !PassesRule(*command, {*settings, argumentCount, arguments})) {
+    if (command == nullptr) {
         return FailWithUsage(arguments[0]);
     }
-    const int socket = OpenDaemonConnection(settings->socketPath, command->receiveTimeoutSec);
-    if (socket < 0) {
+    const int argumentIndex = optind + 1 < argumentCount ? optind + 1 : 0;
+    Invocation invocation{command->code, *settings, argumentCount, arguments, argumentIndex, -1};
+    if (!PassesRule(*command, invocation)) {
+        return FailWithUsage(arguments[0]);
+    }
+    invocation.socket = OpenDaemonConnection(settings->socketPath, command->receiveTimeoutSec);
+    if (invocation.socket < 0) {
         return kStatusFailure;
     }
     IgnoreBrokenPipe();
-    const int argumentIndex = optind + 1 < argumentCount ? optind + 1 : 0;
-    const QRT_ReturnStatus sent =
-        command->send({command->code, socket, *settings, argumentCount, arguments, argumentIndex});
-    return HandleReply(command->replyClass, socket, sent, *settings);
+    const QRT_ReturnStatus sent = command->send(invocation);
+    return HandleReply(command->replyClass, invocation.socket, sent, *settings);
 }
 
 // With a buffer of its own, standard output needs neither a file status nor an allocation for its first byte, and the
@@ -79,16 +83,21 @@ static void BufferStandardOutput()
     setvbuf(stdout, buffer, _IOFBF, sizeof buffer);
 }
 
+// Both allocations come fresh from the system, zero already; glibc clears what it takes from a heap grown in advance.
+static char *AllocateList()
+{
+    return static_cast<char *>(PLAX_SafeCalloc(kUuidListCapacity, sizeof(char)));
+}
+
 QRT_ReturnStatus RunTool(int argumentCount, char **arguments)
 {
-    static WhatIfUpgradeRequest whatIfUpgrade;
-    auto *manualMove =
-        static_cast<ComponentManualMoveRequest *>(PLAX_SafeCalloc(1, sizeof(ComponentManualMoveRequest)));
-    BufferStandardOutput();
+    mallopt(M_TOP_PAD, 0); // grow the heap as asked, not in advance (see AllocateList)
     CommandSettings settings;
-    settings.whatIfUpgrade = &whatIfUpgrade;
-    settings.manualMove = manualMove;
+    settings.destinationList = AllocateList();
+    settings.exclusionList = AllocateList();
+    BufferStandardOutput();
     const QRT_ReturnStatus status = RunCommand(argumentCount, arguments, &settings);
-    free(manualMove);
+    free(settings.destinationList);
+    free(settings.exclusionList);
     return status;
 }

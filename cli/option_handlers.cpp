@@ -3,7 +3,6 @@
 #include "option_handlers.h"
 
 #include "platform_support.h"
-#include "records.h"
 #include "work_items.h"
 
 #include <cerrno>
@@ -53,14 +52,7 @@ static ParseOutcome FailList(const char *list)
     return ParseOutcome::Failed;
 }
 
-// The whole field is sent, so what an earlier, longer list left behind the new one must be cleared.
-static void ReplaceList(char *field, const char *list, size_t length)
-{
-    memset(field, 0, strlen(field));
-    memcpy(field, list, length);
-}
-
-static ParseOutcome StoreEntityList(const char *list, const char *tooLong, char *field, bool *given)
+static ParseOutcome StoreEntityList(const char *list, const char *tooLong, char *buffer, bool *given)
 {
     const size_t length = strlen(list);
     if (length != 0 && !IsWholeEntries(length)) {
@@ -70,7 +62,7 @@ static ParseOutcome StoreEntityList(const char *list, const char *tooLong, char 
         Warning("%s", tooLong);
         return ParseOutcome::Failed;
     }
-    ReplaceList(field, list, length);
+    memcpy(buffer, list, length + 1);
     *given = true;
     return ParseOutcome::Parsed;
 }
@@ -129,7 +121,7 @@ ParseOutcome SetUuidList(const char *argument, CommandSettings *settings)
         Warning("UUID list is longer than max limit\n");
         abort();
     }
-    ReplaceList(settings->whatIfUpgrade->uuidList, argument, length);
+    settings->uuidList = argument;
     settings->uuidListGiven = true;
     return ParseOutcome::Parsed;
 }
@@ -205,13 +197,13 @@ ParseOutcome SetAll(const char * /*argument*/, CommandSettings *settings)
 
 ParseOutcome SetDestinationList(const char *argument, CommandSettings *settings)
 {
-    return StoreEntityList(argument, "Destination list is longer than max limit\n",
-                           settings->manualMove->destinationList, &settings->destinationListGiven);
+    return StoreEntityList(argument, "Destination list is longer than max limit\n", settings->destinationList,
+                           &settings->destinationListGiven);
 }
 
 ParseOutcome SetExclusionList(const char *argument, CommandSettings *settings)
 {
-    return StoreEntityList(argument, "Exclusion list is longer than max limit\n", settings->manualMove->exclusionList,
+    return StoreEntityList(argument, "Exclusion list is longer than max limit\n", settings->exclusionList,
                            &settings->exclusionListGiven);
 }
 

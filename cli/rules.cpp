@@ -2,8 +2,6 @@
 
 #include "rules.h"
 
-#include "records.h"
-
 #include <climits>
 #include <cstdlib>
 
@@ -17,58 +15,58 @@ static const char *FailUnless(bool met, const char *message)
 // The word looked at is the one whose position in the vector equals the table index of the last long option, or 1. That
 // is rarely the word that is sent, and scripts have come to depend on what passes. (test word_test)
 // An index beyond the vector passes, so that nothing outside it is read.
-static bool PassesWordTest(const RuleInput &input)
+static bool PassesWordTest(const Invocation &invocation)
 {
-    const int index = input.settings.longOptionIndex;
-    if (index >= input.argumentCount) {
-        return index != input.argumentCount;
+    const int index = invocation.settings.longOptionIndex;
+    if (index >= invocation.argumentCount) {
+        return index != invocation.argumentCount;
     }
-    return strtoul(input.arguments[index], nullptr, 10) != ULONG_MAX;
+    return strtoul(invocation.arguments[index], nullptr, 10) != ULONG_MAX;
 }
 
-const char *RequireUuidOrAll(const RuleInput &input)
+const char *RequireUuidOrAll(const Invocation &invocation)
 {
-    return FailUnless(input.settings.uuidGiven || input.settings.all != 0, kUuidMissing);
+    return FailUnless(invocation.settings.uuidGiven || invocation.settings.all != 0, kUuidMissing);
 }
 
-const char *RequireJson(const RuleInput &input)
+const char *RequireJson(const Invocation &invocation)
 {
-    return FailUnless(input.settings.jsonGiven,
+    return FailUnless(invocation.settings.jsonGiven,
                       "Fitness config must be provided (specify with --json <json object>)\n");
 }
 
-const char *RequireLogLevel(const RuleInput &input)
+const char *RequireLogLevel(const Invocation &invocation)
 {
-    return FailUnless(PassesWordTest(input), "Log level must be specified. E.g.: plax-tool log-level 2\n");
+    return FailUnless(PassesWordTest(invocation), "Log level must be specified. E.g.: plax-tool log-level 2\n");
 }
 
-const char *RequireUuidList(const RuleInput &input)
+const char *RequireUuidList(const Invocation &invocation)
 {
-    return FailUnless(input.settings.uuidListGiven,
+    return FailUnless(invocation.settings.uuidListGiven,
                       "UUID's must be provided, separated by comma (specify with --uuid-list)\n");
 }
 
-const char *RequireRecoveryModeOrUuid(const RuleInput &input)
+const char *RequireRecoveryModeOrUuid(const Invocation &invocation)
 {
-    return FailUnless(input.settings.uuidOrModeCount != 0,
+    return FailUnless(invocation.settings.uuidOrModeCount != 0,
                       "Either recovery mode(specify with -m/--recovery-Mode) or uuid(specify with -u/--uuid) must be "
                       "provided\n");
 }
 
-const char *RequireWorkItem(const RuleInput &input)
+const char *RequireWorkItem(const Invocation &invocation)
 {
-    return FailUnless(input.settings.workItemType != 0,
+    return FailUnless(invocation.settings.workItemType != 0,
                       "work-item type must be provided (specify with -i/--work-item)\n");
 }
 
-const char *RequireCallbackWords(const RuleInput &input)
+const char *RequireCallbackWords(const Invocation &invocation)
 {
-    return FailUnless(PassesWordTest(input), "Callback entry and event type must be provided.\n");
+    return FailUnless(PassesWordTest(invocation), "Callback entry and event type must be provided.\n");
 }
 
-const char *RequireMoveTarget(const RuleInput &input)
+const char *RequireMoveTarget(const Invocation &invocation)
 {
-    const CommandSettings &settings = input.settings;
+    const CommandSettings &settings = invocation.settings;
     if (!settings.uuidGiven) {
         return kUuidMissing;
     }
@@ -76,13 +74,12 @@ const char *RequireMoveTarget(const RuleInput &input)
         return "Either destination list(specify with -n/--destination-list) or exclusion list (specify with "
                "-x/--exclusion-list) should be provided \n";
     }
-    const ComponentManualMoveRequest &move = *settings.manualMove;
-    const char *given = settings.destinationListGiven ? move.destinationList : move.exclusionList;
+    const char *given = settings.destinationListGiven ? settings.destinationList : settings.exclusionList;
     return FailUnless(*given != '\0', "Empty destination or exclusion list not allowed.");
 }
 
-const char *RequireExclusionList(const RuleInput &input)
+const char *RequireExclusionList(const Invocation &invocation)
 {
-    return FailUnless(input.settings.exclusionListGiven,
+    return FailUnless(invocation.settings.exclusionListGiven,
                       "Exclusion list must be provided (specify with -x/--exclusion-list)");
 }

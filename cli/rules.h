@@ -3,22 +3,16 @@
 #ifndef PLAX_CLI_RULES_H
 #define PLAX_CLI_RULES_H
 
-#include "command_settings.h"
+#include "invocation.h"
 
-struct RuleInput {
-    const CommandSettings &settings;
-    int argumentCount;
-    char *const *arguments; // as option parsing left it
-};
-
-const char *RequireUuidOrAll(const RuleInput &input);
-const char *RequireJson(const RuleInput &input);
-const char *RequireLogLevel(const RuleInput &input);
-const char *RequireUuidList(const RuleInput &input);
-const char *RequireRecoveryModeOrUuid(const RuleInput &input);
-const char *RequireWorkItem(const RuleInput &input);
-const char *RequireCallbackWords(const RuleInput &input);
-const char *RequireMoveTarget(const RuleInput &input);
-const char *RequireExclusionList(const RuleInput &input);
+const char *RequireUuidOrAll(const Invocation &invocation);
+const char *RequireJson(const Invocation &invocation);
+const char *RequireLogLevel(const Invocation &invocation);
+const char *RequireUuidList(const Invocation &invocation);
+const char *RequireRecoveryModeOrUuid(const Invocation &invocation);
+const char *RequireWorkItem(const Invocation &invocation);
+const char *RequireCallbackWords(const Invocation &invocation);
+const char *RequireMoveTarget(const Invocation &invocation);
+const char *RequireExclusionList(const Invocation &invocation);
 
 #endif

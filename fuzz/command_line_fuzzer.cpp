@@ -18,7 +18,6 @@
 #include "driver.h"
 #include "help_text.h"
 #include "options.h"
-#include "records.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -92,11 +91,11 @@ static void ExpectSettings(const CommandSettings &actual, const ModelSettings &e
     ExpectEqual("jsonGiven", actual.jsonGiven, expected.json.has_value());
     ExpectEqual("filePath", actual.filePath, expected.filePath);
     ExpectEqual("uuidListGiven", actual.uuidListGiven, expected.uuidList.has_value());
-    ExpectEqual("uuidList", actual.whatIfUpgrade->uuidList, expected.uuidList.value_or(""));
+    ExpectEqual("uuidList", actual.uuidList, expected.uuidList.value_or(""));
     ExpectEqual("destinationListGiven", actual.destinationListGiven, expected.destinationList.has_value());
-    ExpectEqual("destinationList", actual.manualMove->destinationList, expected.destinationList.value_or(""));
+    ExpectEqual("destinationList", actual.destinationList, expected.destinationList.value_or(""));
     ExpectEqual("exclusionListGiven", actual.exclusionListGiven, expected.exclusionList.has_value());
-    ExpectEqual("exclusionList", actual.manualMove->exclusionList, expected.exclusionList.value_or(""));
+    ExpectEqual("exclusionList", actual.exclusionList, expected.exclusionList.value_or(""));
     ExpectEqual("outputPath", TextOrEmpty(actual.outputPath), expected.outputPath.value_or(""));
     ExpectEqual("socketPath", actual.socketPath, expected.socketPath);
     ExpectEqual("longOptionIndex", static_cast<unsigned>(actual.longOptionIndex),
@@ -106,13 +105,12 @@ static void ExpectSettings(const CommandSettings &actual, const ModelSettings &e
 // The settings of a command line that is parsed to its end.
 static void CheckSettings(const std::vector<std::string> &words, const ModelRun &expected)
 {
-    static WhatIfUpgradeRequest whatIfUpgrade;
-    static ComponentManualMoveRequest manualMove;
-    memset(&whatIfUpgrade, 0, sizeof whatIfUpgrade);
-    memset(&manualMove, 0, sizeof manualMove);
+    static char destinationList[kUuidListCapacity];
+    static char exclusionList[kUuidListCapacity];
+    destinationList[0] = exclusionList[0] = '\0';
     CommandSettings settings;
-    settings.whatIfUpgrade = &whatIfUpgrade;
-    settings.manualMove = &manualMove;
+    settings.destinationList = destinationList;
+    settings.exclusionList = exclusionList;
     ArgumentVector vector(words);
     optind = 0;
     const Traces traces = Perform({}, [&](int) { return ParseOnly(&vector, &settings); });

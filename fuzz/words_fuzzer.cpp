@@ -48,9 +48,9 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const uint32_t code = callback ? kCallbackCode : kRebalanceCode;
     ArgumentVector vector(words);
     const Traces traces = Perform({}, [&](int socket) {
-        const Request request{CommandCode{code},      socket, settings, vector.Count(), vector.pointers.data(),
-                              static_cast<int>(first)};
-        return callback ? SendCallbackBlock(request) : SendProactiveRebalance(request);
+        const Invocation invocation{CommandCode{code},       settings, vector.Count(), vector.pointers.data(),
+                                    static_cast<int>(first), socket};
+        return callback ? SendBlockCdbCbCommand(invocation) : SendProactiveRebalance(invocation);
     });
     ExpectEqual("the status", traces.status, 0);
     ExpectEqual("the messages", traces.warnings, "");

@@ -8,9 +8,6 @@
 #include <cstddef>
 #include <cstdint>
 
-struct WhatIfUpgradeRequest;
-struct ComponentManualMoveRequest;
-
 inline constexpr size_t kFilePathLengthMax = 4096;
 inline constexpr const char *kDefaultSocketPath = "/var/run/plaxd.uds";
 
@@ -30,12 +27,12 @@ struct CommandSettings {
     bool jsonGiven = false;
     char filePath[kFilePathLengthMax + 1]{};
 
-    // The lists are long, so they are stored straight into the records they are sent from: `uuidList` lies in the
-    // first record, `destinationList` and `exclusionList` in the second. The driver owns both, all zero at the start.
-    WhatIfUpgradeRequest *whatIfUpgrade = nullptr;
-    ComponentManualMoveRequest *manualMove = nullptr;
+    const char *uuidList = ""; // the argument of the last -l
     bool uuidListGiven = false;
+    // Two buffers of kUuidListCapacity bytes that the driver owns, empty texts at the start.
+    char *destinationList = nullptr;
     bool destinationListGiven = false;
+    char *exclusionList = nullptr;
     bool exclusionListGiven = false;
 
     const char *outputPath = nullptr; // null: standard output

@@ -1,10 +1,9 @@
 // The callback-block request and its words.
 
-#include "callback_block.h"
-
 #include "callback_words.h"
 #include "frame.h"
 #include "records.h"
+#include "senders.h"
 #include "uuid_text.h"
 
 template <size_t count>
@@ -27,16 +26,15 @@ static void WriteCallbackText(uint32_t event, uint32_t entry, const Uuid &uuid, 
     WriteUuidText(uuid, text);
 }
 
-QRT_ReturnStatus SendBlockCdbCbCommand(int argumentCount, char *const *arguments, int argumentIndex, int socket,
-                                       CommandCode code, const Uuid &uuid)
+QRT_ReturnStatus SendBlockCdbCbCommand(const Invocation &invocation)
 {
     uint32_t event = 0;
     uint32_t entry = 0;
-    for (int i = argumentIndex; i < argumentCount; ++i) {
-        MatchWord(kEventWords, arguments[i], &event);
-        MatchWord(kEntryWords, arguments[i], &entry);
+    for (int i = invocation.argumentIndex; i < invocation.argumentCount; ++i) {
+        MatchWord(kEventWords, invocation.arguments[i], &event);
+        MatchWord(kEntryWords, invocation.arguments[i], &entry);
     }
     CallbackBlockRequest record{};
-    WriteCallbackText(event, entry, uuid, record.text);
-    return SendCommand(socket, code, &record, sizeof record);
+    WriteCallbackText(event, entry, invocation.settings.uuid, record.text);
+    return SendCommand(invocation.socket, invocation.code, &record, sizeof record);
 }

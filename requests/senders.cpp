@@ -2,7 +2,6 @@
 
 #include "senders.h"
 
-#include "callback_block.h"
 #include "frame.h"
 #include "records.h"
 #include "safe_allocation.h"
@@ -12,10 +11,14 @@
 #include <cstdio>
 #include <cstring>
 
-// An empty list counts 0, since its one terminator is not a whole entry.
-static uint32_t CountListEntries(const char *list)
+// Replaces the list in the field of a record that is otherwise zero and returns the number of its entries. An empty
+// list counts 0, since its terminator alone is less than an entry.
+static uint32_t FillList(const char *list, char *field)
 {
-    return static_cast<uint32_t>((strlen(list) + 1) / kUuidListEntrySize);
+    const size_t length = strlen(list);
+    memset(field, 0, strlen(field));
+    memcpy(field, list, length);
+    return static_cast<uint32_t>((length + 1) / kUuidListEntrySize);
 }
 
 // Writes the UUID text and behind it one decimal digit, `number`.
@@ -39,36 +42,37 @@ static void ReadDouble(const char *word, double *number)
     sscanf(word, "%lf", number);
 }
 
-QRT_ReturnStatus SendHeaderOnly(const Request &request)
+QRT_ReturnStatus SendHeaderOnly(const Invocation &invocation)
 {
-    return SendCommand(request.socket, request.code, nullptr, 0);
+    return SendCommand(invocation.socket, invocation.code, nullptr, 0);
 }
 
-QRT_ReturnStatus SendUuidText(const Request &request)
+QRT_ReturnStatus SendUuidText(const Invocation &invocation)
 {
     char text[kUuidTextLength];
-    WriteUuidText(request.settings.uuid, text);
-    return SendCommand(request.socket, request.code, text, sizeof text);
+    WriteUuidText(invocation.settings.uuid, text);
+    return SendCommand(invocation.socket, invocation.code, text, sizeof text);
 }
 
-QRT_ReturnStatus SendJson(const Request &request)
+QRT_ReturnStatus SendJson(const Invocation &invocation)
 {
-    return SendCommand(request.socket, request.code, request.settings.json, strlen(request.settings.json) + 1);
+    return SendCommand(invocation.socket, invocation.code, invocation.settings.json,
+                       strlen(invocation.settings.json) + 1);
 }
 
-QRT_ReturnStatus SendLogLevel(const Request &request)
+QRT_ReturnStatus SendLogLevel(const Invocation &invocation)
 {
     // With no word after the command word the index is 0, and the program's own name goes out as the level: the daemon
     // is the one to refuse it. (test log_level_without_a_level)
-    const char *level = request.arguments[request.argumentIndex];
-    return SendCommand(request.socket, request.code, level, strlen(level));
+    const char *level = invocation.arguments[invocation.argumentIndex];
+    return SendCommand(invocation.socket, invocation.code, level, strlen(level));
 }
 
-QRT_ReturnStatus SendProactiveRebalance(const Request &request)
+QRT_ReturnStatus SendProactiveRebalance(const Invocation &invocation)
 {
     ProactiveRebalanceRequest record;
-    const int wordCount = request.argumentIndex == 0 ? 0 : request.argumentCount - request.argumentIndex;
-    char *const *words = request.arguments + request.argumentIndex;
+    const int wordCount = invocation.argumentIndex == 0 ? 0 : invocation.argumentCount - invocation.argumentIndex;
+    char *const *words = invocation.arguments + invocation.argumentIndex;
     if (wordCount > 0) {
         ReadUnsigned(words[0], &record.timeSpan);
     }
@@ -81,92 +85,86 @@ QRT_ReturnStatus SendProactiveRebalance(const Request &request)
     if (wordCount > 3) {
         ReadUnsigned(words[3], &record.rateThreshold);
     }
-    return SendCommand(request.socket, request.code, &record, sizeof record);
+    return SendCommand(invocation.socket, invocation.code, &record, sizeof record);
 }
 
-QRT_ReturnStatus SendWhatIfEntityDecom(const Request &request)
+QRT_ReturnStatus SendWhatIfEntityDecom(const Invocation &invocation)
 {
-    const CommandSettings &settings = request.settings;
+    const CommandSettings &settings = invocation.settings;
     const WhatIfEntityDecomRequest record{
         .uuid = settings.uuid,
         .decomMode = settings.decomMode,
         .ensureDurability = settings.ensureDurability,
         .gap = {},
     };
-    return SendCommand(request.socket, request.code, &record, sizeof record);
+    return SendCommand(invocation.socket, invocation.code, &record, sizeof record);
 }
 
-QRT_ReturnStatus SendWhatIfUpgrade(const Request &request)
+QRT_ReturnStatus SendWhatIfUpgrade(const Invocation &invocation)
 {
-    const CommandSettings &settings = request.settings;
-    WhatIfUpgradeRequest *record = settings.whatIfUpgrade;
-    record->uuid = settings.uuid;
-    record->decomMode = settings.decomMode;
-    record->reason = settings.reason;
-    record->wipeDisk = settings.wipeDisk;
-    record->uuidCount = CountListEntries(record->uuidList);
-    const size_t length = offsetof(WhatIfUpgradeRequest, uuidList) + strlen(record->uuidList) + 1;
-    return SendCommand(request.socket, request.code, record, length);
+    const CommandSettings &settings = invocation.settings;
+    static WhatIfUpgradeRequest record; // static: the pages that no list reaches are never touched
+    record.uuid = settings.uuid;
+    record.decomMode = settings.decomMode;
+    record.reason = settings.reason;
+    record.wipeDisk = settings.wipeDisk;
+    record.uuidCount = FillList(settings.uuidList, record.uuidList);
+    const size_t length = offsetof(WhatIfUpgradeRequest, uuidList) + strlen(settings.uuidList) + 1;
+    return SendCommand(invocation.socket, invocation.code, &record, length);
 }
 
-QRT_ReturnStatus SendForceReconfigure(const Request &request)
+QRT_ReturnStatus SendForceReconfigure(const Invocation &invocation)
 {
-    ForceReconfigureRequest record{.uuid = request.settings.uuid, .filePath = {}};
-    const size_t pathLength = strlen(request.settings.filePath);
-    memcpy(record.filePath, request.settings.filePath, pathLength);
+    ForceReconfigureRequest record{.uuid = invocation.settings.uuid, .filePath = {}};
+    const size_t pathLength = strlen(invocation.settings.filePath);
+    memcpy(record.filePath, invocation.settings.filePath, pathLength);
     const size_t length = offsetof(ForceReconfigureRequest, filePath) + pathLength + 1;
-    return SendCommand(request.socket, request.code, &record, length);
+    return SendCommand(invocation.socket, invocation.code, &record, length);
 }
 
-QRT_ReturnStatus SendFilePath(const Request &request)
+QRT_ReturnStatus SendFilePath(const Invocation &invocation)
 {
-    return SendCommand(request.socket, request.code, request.settings.filePath, strlen(request.settings.filePath) + 1);
+    return SendCommand(invocation.socket, invocation.code, invocation.settings.filePath,
+                       strlen(invocation.settings.filePath) + 1);
 }
 
-QRT_ReturnStatus SendRecoveryMode(const Request &request)
+QRT_ReturnStatus SendRecoveryMode(const Invocation &invocation)
 {
     RecoveryModeRequest record{};
-    WriteUuidAndDigit(request.settings.uuid, request.settings.recoveryMode, record.text);
-    return SendCommand(request.socket, request.code, &record, sizeof record);
+    WriteUuidAndDigit(invocation.settings.uuid, invocation.settings.recoveryMode, record.text);
+    return SendCommand(invocation.socket, invocation.code, &record, sizeof record);
 }
 
-QRT_ReturnStatus SendWorkItem(const Request &request)
+QRT_ReturnStatus SendWorkItem(const Invocation &invocation)
 {
     WorkItemRequest record{};
-    std::to_chars(record.text, record.text + sizeof record.text - 1, request.settings.workItemType);
-    return SendCommand(request.socket, request.code, &record, sizeof record);
+    std::to_chars(record.text, record.text + sizeof record.text - 1, invocation.settings.workItemType);
+    return SendCommand(invocation.socket, invocation.code, &record, sizeof record);
 }
 
-QRT_ReturnStatus SendCrawlerState(const Request &request)
+QRT_ReturnStatus SendCrawlerState(const Invocation &invocation)
 {
     CrawlerStateRequest record{};
-    WriteUuidAndDigit(request.settings.uuid, static_cast<uint32_t>(request.settings.all), record.text);
-    return SendCommand(request.socket, request.code, &record, sizeof record);
+    WriteUuidAndDigit(invocation.settings.uuid, static_cast<uint32_t>(invocation.settings.all), record.text);
+    return SendCommand(invocation.socket, invocation.code, &record, sizeof record);
 }
 
-QRT_ReturnStatus SendCallbackBlock(const Request &request)
+QRT_ReturnStatus SendComponentManualMove(const Invocation &invocation)
 {
-    return SendBlockCdbCbCommand(request.argumentCount, request.arguments, request.argumentIndex, request.socket,
-                                 request.code, request.settings.uuid);
+    const CommandSettings &settings = invocation.settings;
+    static ComponentManualMoveRequest record; // static for the same reason
+    record.uuid = settings.uuid;
+    record.destinationCount = FillList(settings.destinationList, record.destinationList);
+    record.exclusionCount = FillList(settings.exclusionList, record.exclusionList);
+    return SendCommand(invocation.socket, invocation.code, &record, sizeof record);
 }
 
-QRT_ReturnStatus SendComponentManualMove(const Request &request)
+QRT_ReturnStatus SendGlobalExclusionList(const Invocation &invocation)
 {
-    ComponentManualMoveRequest *record = request.settings.manualMove;
-    record->uuid = request.settings.uuid;
-    record->destinationCount = CountListEntries(record->destinationList);
-    record->exclusionCount = CountListEntries(record->exclusionList);
-    return SendCommand(request.socket, request.code, record, sizeof *record);
-}
-
-QRT_ReturnStatus SendGlobalExclusionList(const Request &request)
-{
-    const char *list = request.settings.manualMove->exclusionList;
     auto *record = static_cast<GlobalExclusionListRequest *>(PLAX_SafeCalloc(1, sizeof(GlobalExclusionListRequest)));
-    record->exclusionMode = request.settings.exclusionMode;
-    record->exclusionCount = CountListEntries(list);
-    memcpy(record->exclusionList, list, strlen(list));
-    const QRT_ReturnStatus status = SendCommand(request.socket, request.code, record, sizeof *record);
+    record->exclusionMode = invocation.settings.exclusionMode;
+    record->exclusionCount = FillList(invocation.settings.exclusionList, record->exclusionList);
+    const QRT_ReturnStatus status = SendCommand(invocation.socket, invocation.code, record, sizeof *record);
     free(record);
     return status;
 }

@@ -114,8 +114,8 @@ ERRORS_OF = {
 # only, or give back, or end the run.
 HARMLESS = set("""
     __errno_location __isoc99_sscanf __libc_start_main __memcpy_chk __memset_chk __snprintf_chk __stack_chk_fail
-    __strlen_chk abort free getopt_long htonl memcmp memcpy memmove memset ntohl optarg optind snprintf sscanf stderr
-    stdout strcmp strerror strlen strnlen strtoul""".split())
+    __strlen_chk abort free getopt_long htonl mallopt memcmp memcpy memmove memset ntohl optarg optind snprintf sscanf
+    stderr stdout strcmp strerror strlen strnlen strtoul""".split())
 # The names behind which the library finds the functions of ERRORS_OF.
 INJECTED = set("""
     __printf_chk __vfprintf_chk calloc close connect fcntl fcntl64 fputc madvise malloc open open64 perror printf putc
@@ -227,8 +227,12 @@ def closing(descriptors):
 
 # ---- What a run without failures calls. ----
 
+SETTING_UP = ["calloc", "calloc", "setvbuf 1"]
+RELEASING = ["free", "free"]  # the two list buffers
+
+
 def up_to_sending(seconds=20, lengths=()):
-    return ["calloc", "setvbuf 1", "socket 1 1 0", f"setsockopt 1 20 {seconds} 0", "connect 110", "sigaction 13",
+    return [*SETTING_UP, "socket 1 1 0", f"setsockopt 1 20 {seconds} 0", "connect 110", "sigaction 13",
             *(f"send {length} 0" for length in lengths)]
 
 
@@ -236,14 +240,14 @@ def receiving(length):
     return ["recv 8 256", *(["malloc", f"recv {length} 256"] if length else [])]
 
 
-PRINTING = ["putc 1", "free", "exit-flush 1"]
+PRINTING = ["putc 1", *RELEASING, "exit-flush 1"]
 TIMEOUTS = {15: 1800, 16: 1800, 17: 7200}
 ANSWERS = {
     request_table.PRINTED: (frame(0, b"abc"), b"abc\n", [*receiving(3), "write 3", *PRINTING]),
-    request_table.CHECKED: (frame(0, b"ok"), b"", [*receiving(2), "free"]),
-    request_table.UNANSWERED: (b"", b"", ["free"]),
+    request_table.CHECKED: (frame(0, b"ok"), b"", [*receiving(2), *RELEASING]),
+    request_table.UNANSWERED: (b"", b"", RELEASING),
     request_table.STREAMED: (b"abc\ndef\n", b"abc\ndef\n",
-                             ["sigaction 13", "recv 1023 0", "recv 1023 64", "write 8", "free"]),
+                             ["sigaction 13", "recv 1023 0", "recv 1023 64", "write 8", *RELEASING]),
 }
 
 
@@ -271,81 +275,81 @@ def exchange(name, word, number, reply, ending, reply_class, **more):
 def stream(name, reply, calls, chunks, words=("stats",), **more):
     more = {"stdout": reply, **more}
     return exchange(name, "stats", 1, reply, [], request_table.STREAMED, words=words, chunks=chunks,
-                    calls=[*up_to_sending(lengths=[8]), "sigaction 13", *calls, "free"], **more)
+                    calls=[*up_to_sending(lengths=[8]), "sigaction 13", *calls, *RELEASING], **more)
 
 
 def usage(name, words, stderr=b"", code=1):
-    calls = ["calloc", "setvbuf 1", *(["vfprintf 2"] if stderr else []), "printf", "free",
+    calls = [*SETTING_UP, *(["vfprintf 2"] if stderr else []), "printf", *RELEASING,
              f"exit-flush {len(help_text())}"]
     return Scenario(name, words, calls, stdout=help_text(), stderr=stderr, code=code, connections=0)
 
 
 # How many failures and how many short calls each run offers: a figure that falls is a check that is gone.
 COUNTS = {
-    "fix-concats-checked": (75, 18),
-    "stats-streamed": (88, 26),
-    "crawler-checked": (92, 23),
-    "info-rebalance-printed": (128, 27),
-    "fitness-config-get-printed": (111, 22),
-    "resources-to-fix-unhealthy-objects-printed": (128, 27),
-    "fitness-config-set-checked": (93, 19),
-    "what-if-entity-decom-printed": (128, 27),
-    "fitness-config-reset-checked": (75, 18),
-    "fitness-stats-get-printed": (111, 22),
-    "what-if-upgrade-printed": (128, 27),
-    "log-level-checked": (92, 19),
-    "what-if-cancel-checked": (75, 18),
-    "fix-object-immediate-checked": (92, 23),
-    "force-reconfigure-the-object-checked": (92, 23),
-    "update-plaxdb-checked": (92, 19),
-    "get-object-last-operation-printed": (128, 27),
-    "replace-plaxdb-checked": (92, 19),
-    "start-proactive-rebalance-checked": (92, 23),
-    "enable-plax-recovery-mode-checked": (92, 23),
-    "stop-proactive-rebalance-checked": (75, 18),
-    "get-obj-decom-state-printed": (128, 27),
-    "info-proactive-rebalance-printed": (111, 22),
-    "disable-workitem-checked": (92, 22),
-    "enable-workitem-checked": (92, 22),
-    "stream-empty": (66, 13),
-    "get-obj-crawler-state-printed": (128, 27),
-    "stream-of-two-chunks": (98, 28),
-    "get-obj-crawler-state-streamed": (105, 31),
-    "stream-to-file": (113, 21),
-    "pause-decom-state-progress-checked": (75, 18),
-    "resume-decom-state-progress-checked": (75, 18),
-    "start-decom-state-heartbeat-checked": (75, 18),
-    "pause-failed-delta-entry-processing-unanswered": (54, 8),
-    "block-cdb-cb-unanswered": (71, 13),
-    "refresh-config-opts-unanswered": (54, 8),
-    "component-manual-move-checked": (92, 23),
-    "set-global-exclusion-list-checked": (93, 23),
-    "long-stream": (740, 0),
-    "printed-empty": (100, 16),
-    "help": (26, 0),
-    "unknown-command": (38, 0),
-    "printed-error": (87, 20),
-    "option-error": (38, 0),
-    "rule-error": (38, 0),
-    "checked-error": (87, 20),
-    "no-daemon": (47, 0),
-    "checked-error-unexplained": (76, 16),
-    "printed-incomplete": (123, 26),
-    "standard-input-closed": (128, 0),
-    "checked-incomplete": (87, 26),
+    "fix-concats-checked": (76, 18),
+    "stats-streamed": (89, 26),
+    "crawler-checked": (93, 23),
+    "info-rebalance-printed": (129, 27),
+    "fitness-config-get-printed": (112, 22),
+    "resources-to-fix-unhealthy-objects-printed": (129, 27),
+    "fitness-config-set-checked": (94, 19),
+    "what-if-entity-decom-printed": (129, 27),
+    "fitness-config-reset-checked": (76, 18),
+    "fitness-stats-get-printed": (112, 22),
+    "what-if-upgrade-printed": (129, 27),
+    "log-level-checked": (93, 19),
+    "what-if-cancel-checked": (76, 18),
+    "fix-object-immediate-checked": (93, 23),
+    "force-reconfigure-the-object-checked": (93, 23),
+    "update-plaxdb-checked": (93, 19),
+    "get-object-last-operation-printed": (129, 27),
+    "replace-plaxdb-checked": (93, 19),
+    "start-proactive-rebalance-checked": (93, 23),
+    "enable-plax-recovery-mode-checked": (93, 23),
+    "stop-proactive-rebalance-checked": (76, 18),
+    "get-obj-decom-state-printed": (129, 27),
+    "info-proactive-rebalance-printed": (112, 22),
+    "disable-workitem-checked": (93, 22),
+    "enable-workitem-checked": (93, 22),
+    "stream-empty": (67, 13),
+    "get-obj-crawler-state-printed": (129, 27),
+    "stream-of-two-chunks": (99, 28),
+    "get-obj-crawler-state-streamed": (106, 31),
+    "stream-to-file": (114, 21),
+    "pause-decom-state-progress-checked": (76, 18),
+    "resume-decom-state-progress-checked": (76, 18),
+    "start-decom-state-heartbeat-checked": (76, 18),
+    "pause-failed-delta-entry-processing-unanswered": (55, 8),
+    "block-cdb-cb-unanswered": (72, 13),
+    "refresh-config-opts-unanswered": (55, 8),
+    "component-manual-move-checked": (93, 23),
+    "set-global-exclusion-list-checked": (94, 23),
+    "long-stream": (741, 0),
+    "printed-empty": (101, 16),
+    "help": (27, 0),
+    "unknown-command": (39, 0),
+    "printed-error": (88, 20),
+    "option-error": (39, 0),
+    "rule-error": (39, 0),
+    "checked-error": (88, 20),
+    "no-daemon": (48, 0),
+    "checked-error-unexplained": (77, 16),
+    "printed-incomplete": (124, 26),
+    "standard-input-closed": (129, 0),
+    "checked-incomplete": (88, 26),
     "no-memory": (24, 0),
-    "standard-output-closed": (104, 0),
-    "printed-large": (121, 0),
-    "standard-error-closed": (81, 0),
-    "payload-not-received": (39, 0),
+    "standard-output-closed": (105, 0),
+    "printed-large": (122, 0),
+    "standard-error-closed": (82, 0),
+    "payload-not-received": (40, 0),
 }
-TOTAL = (5585, 934)
+TOTAL = (5640, 934)
 
 ERROR_STATUS = 0x01020305
 BUSY = b"Error received: Status 0x01020305: busy\n"
 LARGE = b"fedcba9876543210" * 8192
 LONG = b"0123456789abcdef" * 4125  # 66000 bytes: more than the tool gathers before it writes
-MOVED = ["calloc", "setvbuf 1", "socket 1 1 0", "fcntl {0} 0 3", "close {0}", *up_to_sending(lengths=[8])[3:]]
+MOVED = [*SETTING_UP, "socket 1 1 0", "fcntl {0} 0 3", "close {0}", *up_to_sending(lengths=[8])[4:]]
 
 
 def moved(descriptor):
@@ -359,17 +363,17 @@ def scenarios():
     yield exchange("printed-empty", "fitness-stats-get", 6, frame(0), [*receiving(0), "write 0", *PRINTING], printed,
                    stdout=b"\n")
     yield exchange("printed-error", "fitness-stats-get", 6, frame(ERROR_STATUS, b"busy"),
-                   [*receiving(4), "vfprintf 2", "free", "free"], printed, stderr=BUSY, code=5)
+                   [*receiving(4), "vfprintf 2", "free", *RELEASING], printed, stderr=BUSY, code=5)
     yield exchange("checked-error", "what-if-cancel", 18, frame(ERROR_STATUS, b"busy"),
-                   [*receiving(4), "vfprintf 2", "free", "free"], checked, stderr=BUSY, code=5)
+                   [*receiving(4), "vfprintf 2", "free", *RELEASING], checked, stderr=BUSY, code=5)
     yield exchange("checked-error-unexplained", "what-if-cancel", 18, frame(ERROR_STATUS),
-                   [*receiving(0), "vfprintf 2", "free", "free"], checked,
+                   [*receiving(0), "vfprintf 2", "free", *RELEASING], checked,
                    stderr=b"Error received: Status 0x01020305: (null)\n", code=5)
     yield exchange("printed-incomplete", "fitness-stats-get", 6, struct.pack(">II", 0, 10) + b"abcd",
                    [*receiving(10), "free", "vfprintf 2", "write 0", *PRINTING], printed, stdout=b"\n",
                    stderr=INCOMPLETE)
     yield exchange("checked-incomplete", "what-if-cancel", 18, struct.pack(">II", ERROR_STATUS, 10) + b"abcd",
-                   [*receiving(10), "free", "vfprintf 2", "free"], checked, stderr=INCOMPLETE)
+                   [*receiving(10), "free", "vfprintf 2", *RELEASING], checked, stderr=INCOMPLETE)
     # The pages of a large payload are provided at once (advice 23). They come one by one where that is refused.
     yield exchange("printed-large", "fitness-stats-get", 6, frame(0, LARGE),
                    ["recv 8 256", "malloc", "madvise 23 0", "recv 131072 256", "write 131072", *PRINTING], printed,
@@ -386,14 +390,14 @@ def scenarios():
     yield usage("option-error", ("-m8", "stats"), b"Failed to parse recoveryMode: 8\n")
     yield usage("rule-error", ("crawler",), b"UUID must be provided (specify with --uuid)\n")
     yield Scenario("no-daemon", ("-s", "/nonexistent/plaxd.uds", "fix-concats"),
-                   [*up_to_sending()[:5], "perror", "free"],
+                   [*up_to_sending()[:6], "perror", *RELEASING],
                    stderr=b"connect error: No such file or directory\n", code=1, connections=0)
     yield exchange("standard-input-closed", "fitness-stats-get", 6, frame(0, b"abc"), [], printed, stdout=b"abc\n",
                    closed=(0,), calls=[*moved(0), *receiving(3), "write 3", *PRINTING])
     yield exchange("standard-output-closed", "fitness-stats-get", 6, frame(0, b"abc"), [], printed, code=9,
-                   closed=(1,), calls=[*moved(1), *receiving(3), "write 3", "free"])
+                   closed=(1,), calls=[*moved(1), *receiving(3), "write 3", *RELEASING])
     yield exchange("standard-error-closed", "what-if-cancel", 18, frame(0), [], checked,
-                   closed=(2,), calls=[*moved(2), *receiving(0), "free"])
+                   closed=(2,), calls=[*moved(2), *receiving(0), *RELEASING])
     yield exchange("payload-not-received", "fitness-stats-get", 6, frame(0, b"abc"), [], printed, stdout=b"\0\0\0\n",
                    given=("recv:2:error:104",), functions=("calloc", "malloc", "write", "putc", "exit-flush"),
                    calls=[*up_to_sending(lengths=[8]), *receiving(3)[:-1], "recv 3 256 = -1 104", "free", "calloc",
@@ -431,7 +435,8 @@ def no_memory(scenario, failure, before, failed, _rest):
 def no_connection(what):
     def outcome(_scenario, failure, before, failed, rest):
         closing_it = rest[:1] if failure.function == "fcntl" else []
-        return Run(b"", what + b": " + failure.text + b"\n", 1, b"", [*before, failed, *closing_it, "perror", "free"])
+        calls = [*before, failed, *closing_it, "perror", *RELEASING]
+        return Run(b"", what + b": " + failure.text + b"\n", 1, b"", calls)
     return outcome
 
 
@@ -439,7 +444,7 @@ def sending_fails(scenario, failure, before, failed, rest):
     is_silent = scenario.reply_class == request_table.UNANSWERED or scenario.words[-1] == "stats"
     release = ["free"] if scenario.words[-1] == "set-global-exclusion-list" else []
     stderr = b"" if is_silent else b"Sending command failed: " + failure.text + b"\n"
-    calls = [*before, failed, *release, *([] if is_silent else ["vfprintf 2"]), "free"]
+    calls = [*before, failed, *release, *([] if is_silent else ["vfprintf 2"]), *RELEASING]
     return Run(b"", stderr, failure.number, sent(scenario, before), calls)
 
 
@@ -448,12 +453,12 @@ def answered(scenario, status, payload, before):
     if status != 0:
         text = b"(null)" if payload is None else payload.split(b"\0")[0]
         stderr = b"Error received: Status 0x%08x: %s\n" % (status, text)
-        return Run(b"", stderr, status & 0xff, b"".join(scenario.wire), [*before, "vfprintf 2", "free", "free"])
+        return Run(b"", stderr, status & 0xff, b"".join(scenario.wire), [*before, "vfprintf 2", "free", *RELEASING])
     if scenario.reply_class == request_table.CHECKED:
-        return Run(b"", b"", 0, b"".join(scenario.wire), [*before, "free"])
+        return Run(b"", b"", 0, b"".join(scenario.wire), [*before, *RELEASING])
     payload = payload or b""
     if 1 in scenario.closed:
-        return scenario.outcome(calls=[*before, f"write {len(payload)}", "free"])
+        return scenario.outcome(calls=[*before, f"write {len(payload)}", *RELEASING])
     return Run(payload + b"\n", b"", 0, b"".join(scenario.wire), [*before, f"write {len(payload)}", *PRINTING])
 
 
@@ -462,7 +467,7 @@ def receiving_fails(scenario, failure, before, failed, _rest):
         return stream_fails(scenario, failure, before, failed)
     if failure.call == 1:
         return Run(b"", b"Error received: " + failure.text + b": (null)\n", failure.number, b"".join(scenario.wire),
-                   [*before, failed, "vfprintf 2", "free", "free"])
+                   [*before, failed, "vfprintf 2", "free", *RELEASING])
     status, length = struct.unpack(">II", scenario.reply[:8])
     return answered(scenario, status, b"\0" * length, [*before, failed, "free", "calloc"])
 
@@ -483,21 +488,21 @@ def stream_fails(scenario, failure, before, failed):
     read, pending = gathered(scenario, before)
     writing = [f"write {pending}"] if pending else []
     if failed.startswith(MSG_DONTWAIT) and failure.error == "EAGAIN":  # the daemon pauses: what is there is shown first
-        after = ["free"] if read == len(scenario.reply) else [...]
+        after = RELEASING if read == len(scenario.reply) else [...]
         return streamed(scenario, scenario.reply, [*before, failed, *writing, "recv 1023 0", *after])
-    return streamed(scenario, scenario.reply[:read], [*before, failed, *writing, "free"], failure.number)
+    return streamed(scenario, scenario.reply[:read], [*before, failed, *writing, *RELEASING], failure.number)
 
 
 def writing_fails(scenario, failure, before, failed, rest):
     if scenario.reply_class != request_table.STREAMED:
-        return scenario.outcome(stdout=b"", code=failure.number, calls=[*before, failed, "free"])
+        return scenario.outcome(stdout=b"", code=failure.number, calls=[*before, failed, *RELEASING])
     begin = sum(scenario.chunks[:failure.call - 1])
     end = begin + scenario.chunks[failure.call - 1]
     return streamed(scenario, scenario.reply[:begin] + scenario.reply[end:], [*before, failed, *rest])
 
 
 def opening_fails(scenario, failure, before, failed, _rest):
-    return Run(b"", b"", failure.number, b"".join(scenario.wire), [*before, failed, "free"])
+    return Run(b"", b"", failure.number, b"".join(scenario.wire), [*before, failed, *RELEASING])
 
 
 def flushless(calls):
@@ -657,7 +662,7 @@ def short_stream(scenario, function, asked, length, done, rest):
     if function == "write":  # an output that takes nothing any more
         return streamed(scenario, b"", [*done, *rest])
     read, pending = gathered(scenario, done[:-1])  # the end of the stream
-    return streamed(scenario, scenario.reply[:read], [*done, *([f"write {pending}"] if pending else []), "free"])
+    return streamed(scenario, scenario.reply[:read], [*done, *([f"write {pending}"] if pending else []), *RELEASING])
 
 
 def lengths_below(asked):
