@@ -6,7 +6,6 @@
 #include "safe_allocation.h"
 
 #include <arpa/inet.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -41,27 +40,12 @@ static size_t SizeWithTerminator(uint32_t length)
     return size - static_cast<size_t>(size == 0);
 }
 
-// Has the system provide the pages of a large payload at once instead of one by one as the bytes come in, which costs
-// as much again as copying them. Only up to a few MiB: the length is the daemon's word, and the memory might never be
-// used. A hint: where it is refused (pages larger than these), they come one by one.
-static void ProvidePages(char *payload, size_t size)
-{
-    static constexpr uintptr_t kPageSize = 4096;
-    static constexpr size_t kSizeMin = size_t{128} << 10;
-    static constexpr size_t kSizeMax = size_t{4} << 20;
-    if (size >= kSizeMin && size <= kSizeMax) {
-        const uintptr_t offset = reinterpret_cast<uintptr_t>(payload) % kPageSize;
-        madvise(payload - offset, size + offset, MADV_POPULATE_WRITE);
-    }
-}
-
 // Returns `length` bytes and a zero byte, owned by the caller, or null when the daemon closed the connection before all
 // of them had come.
 static char *ReceivePayload(int socket, uint32_t length)
 {
     const size_t size = SizeWithTerminator(length);
     auto *payload = static_cast<char *>(PLAX_SafeMalloc(size));
-    ProvidePages(payload, size);
     const ssize_t received = recv(socket, payload, length, MSG_WAITALL);
     // Unsigned, so that a failed receive (-1) counts as whole: callers have always been handed a payload then.
     if (static_cast<size_t>(received) < length) {

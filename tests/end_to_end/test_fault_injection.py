@@ -78,7 +78,6 @@ ERRORS = {
     "EALREADY": (114, b"Operation already in progress"),
     "EINPROGRESS": (115, b"Operation now in progress"),
     "EDQUOT": (122, b"Disk quota exceeded"),
-    "EHWPOISON": (133, b"Memory page has hardware error"),
 }
 
 # What each function can fail with by its manual page, for the socket calls together with unix(7). The pages of the
@@ -102,7 +101,6 @@ ERRORS_OF = {
     "open": ("EACCES EAGAIN EBUSY EDQUOT EEXIST EFAULT EFBIG EINTR EINVAL EISDIR ELOOP EMFILE ENAMETOOLONG ENFILE "
              "ENODEV ENOENT ENOMEM ENOSPC ENOTDIR ENXIO EOPNOTSUPP EOVERFLOW EPERM EROFS ETXTBSY").split(),
     "setvbuf": ["EBADF"],
-    "madvise": "EACCES EAGAIN EBADF EBUSY EFAULT EHWPOISON EINVAL EIO ENOMEM EPERM".split(),
     "printf": WRITE_ERRORS,
     "vfprintf": WRITE_ERRORS,
     "putc": WRITE_ERRORS,
@@ -118,7 +116,7 @@ HARMLESS = set("""
     stderr stdout strcmp strerror strlen strnlen strtoul""".split())
 # The names behind which the library finds the functions of ERRORS_OF.
 INJECTED = set("""
-    __printf_chk __vfprintf_chk calloc close connect fcntl fcntl64 fputc madvise malloc open open64 perror printf putc
+    __printf_chk __vfprintf_chk calloc close connect fcntl fcntl64 fputc malloc open open64 perror printf putc
     putchar recv send setsockopt setvbuf sigaction socket vfprintf write""".split())
 PLATFORM = {"Panic", "QRT_ReturnStatusToString", "UtilSafeStrdup0", "Warning"}
 
@@ -278,7 +276,6 @@ def usage(name, words, stderr=b"", code=1):
 
 ERROR_STATUS = 0x01020305
 BUSY = b"Error received: Status 0x01020305: busy\n"
-LARGE = b"fedcba9876543210" * 8192
 LONG = b"0123456789abcdef" * 4125  # 66000 bytes: more than the tool gathers before it writes
 
 SCENARIOS = [
@@ -289,7 +286,6 @@ SCENARIOS = [
     checked("checked-error-unexplained", frame(ERROR_STATUS), stderr=BUSY.replace(b"busy", b"(null)"), code=5),
     printed("printed-incomplete", struct.pack(">II", 0, 10) + b"abcd", stdout=b"\n", stderr=INCOMPLETE),
     checked("checked-incomplete", struct.pack(">II", ERROR_STATUS, 10) + b"abcd", stderr=INCOMPLETE),
-    printed("printed-large", frame(0, LARGE), stdout=LARGE + b"\n"),
     stream("stream-empty", b""),
     stream("stream-of-two-chunks", LONG[:1500]),
     stream("stream-to-file", b"abc", words=("-o", "OUTPUT", "stats"), stdout=b"", file=b"abc"),
@@ -416,7 +412,6 @@ AFTER = {
     "setsockopt": no_connection(b"set timeout error"),
     "connect": no_connection(b"connect error"),
     "sigaction": nothing_changes,
-    "madvise": nothing_changes,
     "send": sending_fails,
     "recv": receiving_fails,
     "write": writing_fails,
@@ -503,7 +498,7 @@ def lengths_below(asked):
 
 
 SHORTENED = [scenario for scenario in SCENARIOS if scenario.wire and not scenario.given and not scenario.closed
-             and scenario.name not in ("printed-large", "long-stream")]
+             and scenario.name != "long-stream"]
 
 
 @pytest.mark.parametrize("scenario", SHORTENED, ids=named)
@@ -551,14 +546,6 @@ def test_second_json_leaves_the_first_copy_to_the_end_of_the_process():
     twice = replace(once, words=("-j", "{}", *once.words))
     assert lines_of(twice, "malloc") == lines_of(once, "malloc") + ["malloc"]
     assert calls_of(twice).count("free") == calls_of(once).count("free")
-
-
-# The zero byte after a payload counts: its pages are provided from 128 KiB to 4 MiB.
-@pytest.mark.parametrize("length, madvise", [(131070, []), (131071, ["madvise 23 0"]), (4194303, ["madvise 23 0"]),
-                                             (4194304, [])])
-def test_pages_are_provided_up_to_a_limit(length, madvise):
-    announced = printed("announced", struct.pack(">II", 0, length), stdout=b"\n", stderr=INCOMPLETE)
-    assert lines_of(announced, "madvise") == madvise
 
 
 # The first chunk's text ends at its zero byte, so that the last one fits in to the byte.

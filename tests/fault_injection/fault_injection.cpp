@@ -61,7 +61,6 @@ enum class Function {
     Vfprintf,
     Putc,
     Setvbuf,
-    Madvise,
     Perror,
     Abort,
     ExitFlush,
@@ -69,9 +68,9 @@ enum class Function {
 
 // Several symbols share one name here: what the tool calls depends on its compiler and on fortification.
 static constexpr const char *kFunctionNames[] = {
-    "malloc", "calloc",    "libc-malloc", "free",   "socket", "setsockopt", "connect", "fcntl",
-    "close",  "sigaction", "send",        "recv",   "write",  "open",       "printf",  "vfprintf",
-    "putc",   "setvbuf",   "madvise",     "perror", "abort",  "exit-flush"};
+    "malloc", "calloc",   "libc-malloc", "free",    "socket", "setsockopt", "connect",
+    "fcntl",  "close",    "sigaction",   "send",    "recv",   "write",      "open",
+    "printf", "vfprintf", "putc",        "setvbuf", "perror", "abort",      "exit-flush"};
 static constexpr size_t kFunctionCount = std::size(kFunctionNames);
 static_assert(static_cast<size_t>(Function::ExitFlush) + 1 == kFunctionCount);
 
@@ -296,7 +295,6 @@ int InjectPutc(int character, FILE *stream) asm("putc");
 int InjectFputc(int character, FILE *stream) asm("fputc");
 int InjectPutchar(int character) asm("putchar");
 int InjectSetvbuf(FILE *stream, char *buffer, int mode, size_t size) asm("setvbuf");
-int InjectMadvise(void *memory, size_t length, int advice) asm("madvise");
 void InjectPerror(const char *text) asm("perror");
 [[noreturn]] void InjectAbort() asm("abort");
 }
@@ -482,14 +480,6 @@ int InjectSetvbuf(FILE *stream, char *buffer, int mode, size_t size)
 {
     const Fault *fault = Enter(Function::Setvbuf, " %d", fileno(stream));
     return IsFailure(fault) ? EOF : Next<decltype(InjectSetvbuf)>("setvbuf")(stream, buffer, mode, size);
-}
-
-int InjectMadvise(void *memory, size_t length, int advice)
-{
-    static constexpr uintptr_t kPageSize = 4096;
-    const auto offset = static_cast<unsigned>(reinterpret_cast<uintptr_t>(memory) % kPageSize);
-    const Fault *fault = Enter(Function::Madvise, " %d %u", advice, offset);
-    return IsFailure(fault) ? -1 : Next<decltype(InjectMadvise)>("madvise")(memory, length, advice);
 }
 
 void InjectPerror(const char *text)

@@ -2,7 +2,6 @@
 // errno behind it. Like the preloaded library's own, its messages go through dprintf, which is not tampered with.
 
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
@@ -22,7 +21,6 @@ static constexpr int kSender = 101;
 static const char kData[] = "0123456789";
 static constexpr size_t kDataLength = sizeof kData - 1;
 static char received[kDataLength];
-alignas(4096) static char page[8];
 
 static long TellPointer(void *memory)
 {
@@ -81,7 +79,6 @@ static const Call kCalls[] = {
     {"vfprintf", [] { return CallVfprintf("%d values", 3); }},
     {"putc", []() -> long { return putc('x', stdout); }},
     {"setvbuf", []() -> long { return setvbuf(stdout, nullptr, _IOFBF, 100); }},
-    {"madvise", []() -> long { return madvise(page + 7, 0, MADV_NORMAL); }},
     {"perror", CallPerror},
 };
 

@@ -38,7 +38,6 @@ CALLS = [
     ("vfprintf", "8 0", "vfprintf 1{}\n", "-1 5"),
     ("putc", "120 0", "putc 1{}\n", "-1 5"),
     ("setvbuf", "0 0", "setvbuf 1{}\n", "-1 5"),
-    ("madvise", "-1 22", "madvise 0 7{}\n", "-1 5"),
 ]
 OUTPUT = {"write": b"0123456789", "printf": b"3 words", "vfprintf": b"3 values", "putc": b"x"}
 PENDING = {"printf": "exit-flush 7\n", "vfprintf": "exit-flush 8\n", "putc": "exit-flush 1\n"}

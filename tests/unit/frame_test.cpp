@@ -236,24 +236,6 @@ TEST(ReceiveResponse, GivesZerosWhenThePayloadsReceiveFails)
     EXPECT_EQ(Receive(sockets), (Received{7, 5, std::string(6, '\0'), ""}));
 }
 
-TEST(ReceiveResponse, HasAllPagesOfALargePayloadProvided)
-{
-    SocketPair sockets;
-    sockets.Answer("\0\0\0\0\0\2\0\0"sv);
-    sockets.CloseDaemon();
-    std::vector<size_t> lengths;
-    systemCalls.madvise = [&lengths](void *memory, size_t length, int) {
-        EXPECT_EQ(reinterpret_cast<uintptr_t>(memory) % 4096, 0U);
-        lengths.push_back(length);
-        return 0;
-    };
-    EXPECT_EQ(Receive(sockets), kIncomplete);
-    systemCalls = {};
-    ASSERT_EQ(lengths.size(), 1U);
-    EXPECT_GE(lengths[0], 0x20001U) << "from the page that it begins in to the zero byte behind it";
-    EXPECT_LE(lengths[0], 0x20001U + 4095);
-}
-
 void ReceiveWithoutMemory()
 {
     const SocketPair sockets;

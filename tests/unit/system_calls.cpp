@@ -6,14 +6,12 @@ extern "C" {
 int __real_connect(int socket, const sockaddr *address, socklen_t length);
 int __real_setsockopt(int socket, int level, int option, const void *value, socklen_t length);
 ssize_t __real_send(int socket, const void *bytes, size_t length, int flags);
-int __real_madvise(void *memory, size_t length, int advice);
 void *__real_malloc(size_t size);
 void *__real_calloc(size_t count, size_t size);
 
 int __wrap_connect(int socket, const sockaddr *address, socklen_t length);
 int __wrap_setsockopt(int socket, int level, int option, const void *value, socklen_t length);
 ssize_t __wrap_send(int socket, const void *bytes, size_t length, int flags);
-int __wrap_madvise(void *memory, size_t length, int advice);
 void *__wrap_malloc(size_t size);
 void *__wrap_calloc(size_t count, size_t size);
 }
@@ -32,11 +30,6 @@ ssize_t __wrap_send(int socket, const void *bytes, size_t length, int flags)
 {
     return systemCalls.send ? systemCalls.send(socket, bytes, length, flags)
                             : __real_send(socket, bytes, length, flags);
-}
-
-int __wrap_madvise(void *memory, size_t length, int advice)
-{
-    return systemCalls.madvise ? systemCalls.madvise(memory, length, advice) : __real_madvise(memory, length, advice);
 }
 
 void *__wrap_malloc(size_t size)

@@ -12,7 +12,6 @@ struct SystemCalls {
     std::function<int(int, const sockaddr *, socklen_t)> connect;
     std::function<int()> setsockopt;
     std::function<ssize_t(int, const void *, size_t, int)> send;
-    std::function<int(void *, size_t, int)> madvise;
     // Whether malloc and calloc have no more memory to give.
     bool outOfMemory = false;
     // Whether what malloc gives is full of 0xaa, so that a byte which the code forgets to write is not zero by luck.
