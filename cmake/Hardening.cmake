@@ -8,9 +8,6 @@ if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|i.86")
 elseif(CMAKE_SYSTEM_PROCESSOR STREQUAL "aarch64")
     add_compile_options(-mbranch-protection=standard)
 endif()
-# Code and constants share their segments: where each kind has a segment of its own, a program that runs for less than a
-# millisecond spends a twenty-fifth of it on mapping them.
-add_link_options(LINKER:-z,noseparate-code)
-add_link_options(LINKER:-z,relro LINKER:-z,now LINKER:-z,noexecstack)
+add_link_options(LINKER:-z,separate-code LINKER:-z,relro LINKER:-z,now LINKER:-z,noexecstack)
 include(CheckPIESupported)
 check_pie_supported(LANGUAGES CXX)

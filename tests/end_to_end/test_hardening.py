@@ -19,6 +19,7 @@ SOURCE = os.path.abspath(os.path.join(os.path.dirname(__file__), "../.."))
 CACHE = os.path.join(os.path.dirname(TOOL), "../CMakeCache.txt")
 # What an indirect call must land on, as bytes at the start of each function that a table names.
 LANDINGS = {"x86_64": [b"\xf3\x0f\x1e\xfa"], "aarch64": [b"\x5f\x24\x03\xd5", b"\x3f\x23\x03\xd5"]}
+RUN_PATH = "Library runpath: [$ORIGIN/../lib/plax-tool]"
 RELATIVE = {"x86_64": "R_X86_64_RELATIVE", "aarch64": "R_AARCH64_RELATIVE"}
 
 
@@ -70,8 +71,13 @@ def has_no_writable_code(path):
     return ("GNU_STACK", "RW ") in found and not any("W" in flags and "E" in flags for _, flags in found)
 
 
-def needs_no_search(path):
-    return dynamic("RPATH", path) + dynamic("RUNPATH", path) == []
+def keeps_constants_out_of_code(path):
+    """Whether headers and constants lie in segments of their own, before and after the code."""
+    return [flags for name, flags in segments(path) if name == "LOAD"] == ["R  ", "R E", "R  ", "RW "]
+
+
+def searches_beside_itself_only(path):
+    return dynamic("RPATH", path) == [] and dynamic("RUNPATH", path) in ([], [RUN_PATH])
 
 
 def has_landings(path):
@@ -102,7 +108,7 @@ def begins_with(path, offset, code):
 
 
 CHECKS = [is_position_independent, is_read_only_after_relocation, is_bound_at_once, has_guarded_stack, is_fortified,
-          has_no_writable_code, needs_no_search]
+          has_no_writable_code, keeps_constants_out_of_code, searches_beside_itself_only]
 
 
 @release_only
@@ -125,16 +131,16 @@ def test_tool_is_a_program():
 
 @release_only
 def test_needed_libraries():
-    assert dynamic("NEEDED", TOOL) == ["Shared library: [$ORIGIN/../lib/plax-tool/libplax-platform.so]",
-                                       "Shared library: [libc.so.6]"]
+    assert dynamic("NEEDED", TOOL) == ["Shared library: [libplax-platform.so]", "Shared library: [libc.so.6]"]
+    assert dynamic("RUNPATH", TOOL) == [RUN_PATH]
+    assert dynamic("SONAME", PLATFORM_LIBRARY) == ["Library soname: [libplax-platform.so]"]
     assert dynamic("NEEDED", PLATFORM_LIBRARY) == ["Shared library: [libc.so.6]"]
 
 
 @release_only
 def test_nothing_runs_before_main():
-    """One function is the compiler's own start-up code: the tool has none, and the library not even that."""
-    assert dynamic("INIT_ARRAYSZ", TOOL) == ["8 (bytes)"]
-    assert dynamic("INIT_ARRAYSZ", PLATFORM_LIBRARY) == []
+    """One function is the compiler's own start-up code: neither the tool nor the library has any."""
+    assert [dynamic("INIT_ARRAYSZ", path) for path in FILES] == [["8 (bytes)"], ["8 (bytes)"]]
 
 
 SOFT_PROGRAM = """
@@ -151,7 +157,7 @@ int main(int count, char **words)
 }
 """
 SOFT_OPTIONS = ["-no-pie", "-fno-pie", "-fno-stack-protector", "-U_FORTIFY_SOURCE", "-fcf-protection=none",
-                "-Wl,-z,norelro", "-Wl,-z,lazy", "-Wl,-z,execstack", "-Wl,-rpath,/nowhere"]
+                "-Wl,-z,norelro", "-Wl,-z,noseparate-code", "-Wl,-z,lazy", "-Wl,-z,execstack", "-Wl,-rpath,/nowhere"]
 
 
 def build_soft_program(folder, *options):
