@@ -56,17 +56,17 @@ static void RemoveStaleSocket(const std::string &path)
     }
 }
 
-// The mask makes the file private from its first moment on.
-static int BindPrivately(const Descriptor &socket, const sockaddr_un &address)
+// The mask gives the file its mode from its first moment on.
+static int BindWithMode(const Descriptor &socket, const sockaddr_un &address, mode_t mode)
 {
-    const mode_t mask = umask(0177);
+    const mode_t before = umask(~mode & 0777U);
     const int result = bind(socket.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address);
     const int error = errno;
-    umask(mask);
+    umask(before);
     return result == 0 ? 0 : error;
 }
 
-Listener OpenListener(const std::string &path)
+Listener OpenListener(const std::string &path, mode_t mode)
 {
     const sockaddr_un address = SocketAddress(path);
     const Descriptor lock = LockFolder(path);
@@ -75,7 +75,7 @@ Listener OpenListener(const std::string &path)
     }
     RemoveStaleSocket(path);
     Listener listener{path, NewSocket(SOCK_NONBLOCK), 0, 0};
-    if (const int error = BindPrivately(listener.socket, address); error != 0) {
+    if (const int error = BindWithMode(listener.socket, address, mode); error != 0) {
         Fail(path, error);
     }
     struct stat status {};

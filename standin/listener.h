@@ -18,8 +18,9 @@ struct Listener {
 };
 
 // Throws, with a message for the user, when a live daemon or something other than a socket is at the path, and when the
-// system refuses. A socket that nobody listens on any more is replaced.
-Listener OpenListener(const std::string &path);
+// system refuses. A socket that nobody listens on any more is replaced. The new one never has permissions beyond
+// `mode`.
+Listener OpenListener(const std::string &path, mode_t mode);
 
 void CloseListener(Listener *listener);
 

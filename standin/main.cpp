@@ -1,12 +1,10 @@
-// plaxd-standin: stands in for plaxd, for rehearsals and tests. This file is its command line.
+// plaxd-standin: stands in for plaxd, for rehearsals and tests. This file runs the command that was asked for.
 
 #include "answer_file.h"
+#include "arguments.h"
 #include "connections.h"
-#include "log.h"
 #include "relay.h"
 #include "serve.h"
-
-#include <CLI/CLI.hpp>
 
 #include <sys/resource.h>
 #include <unistd.h>
@@ -16,28 +14,12 @@
 #include <cstdio>
 #include <exception>
 #include <functional>
-#include <map>
 #include <stdexcept>
 #include <string>
 
 namespace standin {
 
-namespace {
-
-struct Settings {
-    std::string socketPath;
-    std::string answersPath; // empty: the built-in answers
-    std::string daemonPath = "/var/run/plaxd.uds";
-    std::string requestPath; // of the bytes to decode
-    std::string logPath = "-";
-    LogFormat format = LogFormat::Text;
-    bool strict = false;
-};
-
-} // namespace
-
 static constexpr int kExitFailure = 1;
-static constexpr int kExitUsage = 2;
 
 // A relayed connection takes three descriptors, and the usual limit is meant for programs that select() on them.
 static void RaiseDescriptorLimit()
@@ -65,7 +47,7 @@ static int RunDaemon(const Settings &settings, const std::function<void(Connecti
     signal(SIGPIPE, SIG_IGN);
     RaiseDescriptorLimit();
     Log log(settings.logPath, settings.format);
-    Listener listener = OpenListener(settings.socketPath);
+    Listener listener = OpenListener(settings.socketPath, settings.socketMode);
     fprintf(stderr, "plaxd-standin: listening on %s\n", settings.socketPath.c_str());
     ServeConnections(listener, [&](Connection &connection) { handle(connection, &log); });
     CloseListener(&listener);
@@ -80,6 +62,7 @@ static int Serve(const Settings &settings)
 
 static int Relay(const Settings &settings)
 {
+    SocketAddress(settings.daemonPath); // a path that no daemon can have is refused before the first client comes
     if (settings.daemonPath == settings.socketPath) {
         throw std::runtime_error(settings.socketPath + ": a relay to itself");
     }
@@ -102,47 +85,17 @@ static int Decode(const Settings &settings)
     return settings.strict && !request.violations.empty() ? kExitFailure : 0;
 }
 
-static void AddOutputOptions(CLI::App *command, Settings *settings)
+static int Run(const Settings &settings)
 {
-    const std::map<std::string, LogFormat> formats = {{"text", LogFormat::Text}, {"json", LogFormat::Json}};
-    command->add_option("--format", settings->format, "text or json")
-        ->transform(CLI::CheckedTransformer(formats))
-        ->option_text("FORMAT [text]");
-    command->add_flag("--strict", settings->strict, "End with status 1 when a request broke the protocol");
-}
-
-static CLI::App *AddDaemon(CLI::App *app, const char *name, const char *help, Settings *settings)
-{
-    CLI::App *command = app->add_subcommand(name, help);
-    command->add_option("--socket", settings->socketPath, "Socket to listen on; always needed")
-        ->required()
-        ->option_text("PATH");
-    command->add_option("--log", settings->logPath, "File to append the log to; -: standard output")
-        ->option_text("FILE [-]");
-    AddOutputOptions(command, settings);
-    return command;
-}
-
-static int Run(int argumentCount, char **arguments)
-{
-    Settings settings;
-    CLI::App app("Stands in for plaxd: answers plax-tool on a socket of your choice and logs what it asks.",
-                 "plaxd-standin");
-    app.require_subcommand(1);
-    CLI::App *serve = AddDaemon(&app, "serve", "Answer requests until SIGTERM or SIGINT", &settings);
-    serve->add_option("--answers", settings.answersPath, "JSON file of answers and faults; none: plain answers")
-        ->option_text("FILE");
-    CLI::App *relay = AddDaemon(&app, "relay", "Pass requests on to a daemon until SIGTERM or SIGINT", &settings);
-    relay->add_option("--to", settings.daemonPath, "Socket of the daemon")->option_text("PATH [/var/run/plaxd.uds]");
-    CLI::App *decode = app.add_subcommand("decode", "Show what the bytes of a request mean");
-    decode->add_option("file", settings.requestPath, "File of the bytes; -: standard input")->required();
-    AddOutputOptions(decode, &settings);
-    try {
-        app.parse(argumentCount, arguments);
-    } catch (const CLI::ParseError &error) {
-        return app.exit(error) == 0 ? 0 : kExitUsage;
+    switch (settings.command) {
+    case Command::Serve:
+        return Serve(settings);
+    case Command::Relay:
+        return Relay(settings);
+    case Command::Decode:
+        break;
     }
-    return serve->parsed() ? Serve(settings) : relay->parsed() ? Relay(settings) : Decode(settings);
+    return Decode(settings);
 }
 
 } // namespace standin
@@ -150,7 +103,9 @@ static int Run(int argumentCount, char **arguments)
 int main(int argumentCount, char **arguments)
 {
     try {
-        return standin::Run(argumentCount, arguments);
+        standin::Settings settings;
+        const std::optional<int> status = standin::ParseArguments(argumentCount, arguments, &settings);
+        return status ? *status : standin::Run(settings);
     } catch (const std::exception &error) {
         fprintf(stderr, "plaxd-standin: %s\n", error.what());
         return standin::kExitFailure;

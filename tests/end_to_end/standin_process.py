@@ -25,10 +25,16 @@ CLIENT_CLOSED = "client closed"
 
 
 def run_standin(*words, stdin=b""):
-    """Runs the stand-in to its end, and gives its status, its output and its messages."""
-    run = subprocess.run([STANDIN, *words], input=stdin, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                         timeout=PATIENCE, check=False)
-    return run.returncode, run.stdout, run.stderr
+    """Runs the stand-in to its end, and gives its status, its output and its messages. One that listens is ended."""
+    process = subprocess.Popen([STANDIN, *words], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                               stderr=subprocess.PIPE, bufsize=0)
+    first_message = b""
+    if words[:1] in (("serve",), ("relay",)):
+        first_message = process.stderr.readline()
+        if b": listening on " in first_message:
+            process.terminate()
+    output, messages = process.communicate(stdin, timeout=PATIENCE)
+    return process.returncode, output, first_message + messages
 
 
 def start_standin(*words, stdout=subprocess.DEVNULL):

@@ -1,10 +1,12 @@
 """Start, end and command line of the stand-in: whose socket it takes, what it leaves behind, and what it says."""
 
+import ctypes
 import json
 import os
 import signal
 import socket
 import stat
+import struct
 import subprocess
 
 from binaries import is_sanitized
@@ -23,11 +25,15 @@ def leave_stale_socket(path):
         listener.bind(path)
 
 
+def mode_of(path):
+    return stat.S_IMODE(os.stat(path).st_mode)
+
+
 @pytest.mark.parametrize("by", [signal.SIGTERM, signal.SIGINT])
 @pytest.mark.parametrize("command", ["serve", "relay"])
 def test_signals_end_it(by, command, path):
     process = start_standin(command, "--socket", path)
-    assert stat.S_IMODE(os.stat(path).st_mode) == 0o600
+    assert mode_of(path) == 0o600
     assert end(process, by) == (0, b"")
     assert os.listdir(os.path.dirname(path)) == []
 
@@ -40,12 +46,30 @@ def test_interrupts_are_heard_in_the_background(path):
     assert end(process, signal.SIGINT) == (0, b"")
 
 
-def test_mode_is_private_whatever_the_mask(path):
-    process = subprocess.Popen(["sh", "-c", 'umask 0; exec "$@"', "sh", STANDIN, "serve", "--socket", path],
-                               stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
-    process.stderr.readline()
-    assert stat.S_IMODE(os.stat(path).st_mode) == 0o600
-    end(process)
+@pytest.mark.parametrize("mask", [0, 0o022, 0o777])
+@pytest.mark.parametrize("command", ["serve", "relay"])
+@pytest.mark.parametrize("options, mode", [([], 0o600), (["660"], 0o660), (["0666"], 0o666), (["0"], 0), (["777"], 0o777)])
+def test_mode_is_the_one_asked_for_whatever_the_mask(options, mode, command, mask, path):
+    before = os.umask(mask)
+    try:
+        process = start_standin(command, "--socket", path, *(f"--socket-mode={text}" for text in options))
+    finally:
+        os.umask(before)
+    assert mode_of(path) == mode
+    assert end(process) == (0, b"")
+
+
+def test_socket_is_made_with_its_mode(path):
+    """There is no moment with another mode, in which somebody could connect: it is not changed once the file is there."""
+    c_library = ctypes.CDLL(None)
+    made, changed = 0x100, 0x4  # IN_CREATE, IN_ATTRIB
+    with open(c_library.inotify_init(), "rb", buffering=0) as watch:
+        c_library.inotify_add_watch(watch.fileno(), os.path.dirname(path).encode(), made | changed)
+        process = start_standin("serve", "--socket", path, "--socket-mode", "640")
+        events = watch.read(4096)
+        assert end(process) == (0, b"")
+    _, what, _, length = struct.unpack_from("iIII", events)
+    assert (what, len(events)) == (made, 16 + length)
 
 
 def test_stale_socket_is_replaced(path):
@@ -127,9 +151,11 @@ def test_removed_folder(tmp_path):
 def test_path_lengths(tmp_path):
     longest = str(tmp_path / "x") + "x" * (107 - len(str(tmp_path / "x")))
     assert end(start_standin("serve", "--socket", longest)) == (0, b"")
-    for path in ("", longest + "x"):
-        assert run_standin("serve", "--socket", path) == (
-            1, b"", f"plaxd-standin: {path}: a socket's path has 1 to 107 bytes\n".encode())
+    too_long = longest + "x"
+    refusal = (1, b"", f"plaxd-standin: {too_long}: a socket's path has 1 to 107 bytes\n".encode())
+    assert run_standin("serve", "--socket", too_long) == refusal
+    assert run_standin("relay", "--socket", str(tmp_path / "plaxd.uds"), "--to", too_long) == refusal
+    assert os.listdir(tmp_path) == []
 
 
 def test_missing_folder(tmp_path):
@@ -205,57 +231,6 @@ def test_few_descriptors(path):
     assert tool("-s", path, "fix-concats") == Outcome(b"", b"", 0)
     code, messages = end(process)
     assert (code, set(messages.splitlines()) - {b"plaxd-standin: accept: Too many open files"}) == (0, set())
-
-
-HELP = b"""\
-Stands in for plaxd: answers plax-tool on a socket of your choice and logs what it asks.
-Usage: plaxd-standin [OPTIONS] SUBCOMMAND
-
-Options:
-  -h,--help                   Print this help message and exit
-
-Subcommands:
-  serve                       Answer requests until SIGTERM or SIGINT
-  relay                       Pass requests on to a daemon until SIGTERM or SIGINT
-  decode                      Show what the bytes of a request mean
-
-"""
-
-HELP_SERVE = b"""\
-Answer requests until SIGTERM or SIGINT
-Usage: plaxd-standin serve [OPTIONS]
-
-Options:
-  -h,--help                   Print this help message and exit
-  --socket PATH               Socket to listen on; always needed
-  --log FILE [-]              File to append the log to; -: standard output
-  --format FORMAT [text]      text or json
-  --strict                    End with status 1 when a request broke the protocol
-  --answers FILE              JSON file of answers and faults; none: plain answers
-
-"""
-
-
-def test_help():
-    assert run_standin("--help") == (0, HELP, b"")
-    assert run_standin("serve", "--help") == (0, HELP_SERVE, b"")
-
-
-@pytest.mark.parametrize("words, message", [
-    ([], b"A subcommand is required\n"),
-    (["listen"], b"A subcommand is required\n"),
-    (["serve"], b"--socket is required\n"),
-    (["serve", "--socket", "s", "more"], b"The following argument was not expected: more\n"),
-    (["relay", "--socket", "s", "--answers", "f"], b"The following arguments were not expected: f --answers\n"),
-    (["decode"], b"file is required\n"),
-])
-def test_usage_errors(words, message):
-    code, output, messages = run_standin(*words)
-    assert (code, output, messages) == (2, b"", message + b"Run with --help for more information.\n")
-
-
-def test_unknown_format(path):
-    assert run_standin("serve", "--socket", path, "--format", "xml")[0] == 2
 
 
 def test_summary_as_json(path, tmp_path):

@@ -1,0 +1,263 @@
+// The library splits the words and knows which option takes a value. The texts for the user are made here: its own
+// differ from version to version and show how it works inside.
+
+#include "arguments.h"
+
+#include <CLI/CLI.hpp>
+
+#include <charconv>
+#include <cstdio>
+#include <stdexcept>
+#include <string_view>
+#include <vector>
+
+namespace standin {
+
+namespace {
+
+// The values as they were typed.
+struct TypedValues {
+    std::string format = "text";
+    std::string socketMode = "600";
+};
+
+struct FormatName {
+    std::string_view name;
+    LogFormat format;
+};
+
+class UsageError : public std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+} // namespace
+
+static constexpr int kExitUsage = 2;
+
+static constexpr FormatName kFormatNames[] = {{"text", LogFormat::Text}, {"json", LogFormat::Json}};
+
+// ---- The help text ----
+
+// What the help text and the messages call an option or an operand.
+static std::string NameOf(const CLI::Option &option)
+{
+    return option.nonpositional() ? "--" + option.get_lnames().front() : option.get_option_text();
+}
+
+static std::string HelpRow(const std::string &term, const std::string &description)
+{
+    static constexpr size_t kTermWidth = 22;
+    const size_t blanks = term.size() < kTermWidth ? kTermWidth - term.size() : 1;
+    return "  " + term + std::string(blanks, ' ') + description + "\n";
+}
+
+static std::string HelpRows(const CLI::App &app)
+{
+    std::string rows;
+    for (const CLI::Option *option : app.get_options()) {
+        if (option->nonpositional()) {
+            const std::string shortName = option->get_snames().empty() ? "" : "-" + option->get_snames().front() + ", ";
+            rows += HelpRow(shortName + NameOf(*option) + option->get_option_text(), option->get_description());
+        }
+    }
+    return rows;
+}
+
+static std::string CommandRows(const CLI::App &app)
+{
+    std::string rows;
+    for (const CLI::App *command : app.get_subcommands({})) {
+        rows += HelpRow(command->get_name(), command->get_description());
+    }
+    return rows.empty() ? "" : "commands:\n" + rows + "\n";
+}
+
+static std::string Usage(const CLI::App &app)
+{
+    std::string required;
+    std::string operands = app.get_subcommands({}).empty() ? "" : " COMMAND";
+    for (const CLI::Option *option : app.get_options()) {
+        if (option->get_required()) {
+            (option->nonpositional() ? required : operands) +=
+                " " + NameOf(*option) + (option->nonpositional() ? option->get_option_text() : "");
+        }
+    }
+    return required + " [OPTION]..." + operands;
+}
+
+static std::string HelpText(const CLI::App *app, const std::string &name, CLI::AppFormatMode)
+{
+    return "usage: " + name + Usage(*app) + "\n\n" + app->get_description() + ".\n\n" + CommandRows(*app) +
+           "options:\n" + HelpRows(*app);
+}
+
+// ---- The options ----
+
+static CLI::Option *AddValue(CLI::App *command, const char *name, std::string *value, const char *kind,
+                             const char *help)
+{
+    return command->add_option(name, *value, help)->option_text(kind)->take_last();
+}
+
+static CLI::App *AddCommand(CLI::App *app, const char *name, const char *help)
+{
+    CLI::App *command = app->add_subcommand(name, help);
+    command->set_help_flag("-h,--help", "Show this help text and exit");
+    return command;
+}
+
+static void AddOutputOptions(CLI::App *command, Settings *settings, TypedValues *typed)
+{
+    AddValue(command, "--format", &typed->format, " FORMAT", "text (the default) or json");
+    command->add_flag("--strict", settings->strict, "Exit with status 1 if a request violated the protocol")
+        ->take_last();
+}
+
+static CLI::App *AddDaemon(CLI::App *app, const char *name, const char *help, Settings *settings, TypedValues *typed)
+{
+    CLI::App *command = AddCommand(app, name, help);
+    AddValue(command, "--socket", &settings->socketPath, " PATH", "Listen on this socket")->required();
+    AddValue(command, "--socket-mode", &typed->socketMode, " MODE", "Permissions of the socket in octal; default: 600");
+    AddValue(command, "--log", &settings->logPath, " FILE", "Append the log to FILE; default: -, standard output");
+    AddOutputOptions(command, settings, typed);
+    return command;
+}
+
+static void AddCommands(CLI::App *app, Settings *settings, TypedValues *typed)
+{
+    CLI::App *serve = AddDaemon(app, "serve", "Answer requests until SIGTERM or SIGINT", settings, typed);
+    AddValue(serve, "--answers", &settings->answersPath, " FILE", "Take answers and faults from this JSON file");
+    CLI::App *relay = AddDaemon(app, "relay", "Pass requests on to a daemon until SIGTERM or SIGINT", settings, typed);
+    AddValue(relay, "--to", &settings->daemonPath, " PATH", "Socket of the daemon; default: /var/run/plaxd.uds");
+    CLI::App *decode = AddCommand(app, "decode", "Show what the bytes of a request mean; FILE -: standard input");
+    AddValue(decode, "file", &settings->requestPath, "FILE", "")->required();
+    AddOutputOptions(decode, settings, typed);
+}
+
+// ---- What is wrong ----
+
+// The library would take the word after "--name=" for the value.
+static void RefuseNothingAfterEquals(int argumentCount, char **arguments)
+{
+    for (int i = 1; i < argumentCount && std::string_view(arguments[i]) != "--"; ++i) {
+        const std::string word = arguments[i];
+        if (word.starts_with("--") && word.find('=') == word.size() - 1) {
+            throw UsageError(word.substr(0, word.size() - 1) + " needs a value");
+        }
+    }
+}
+
+// `kind` says what a word is that is no option.
+static void RefuseUnknownWords(const CLI::App &app, const char *kind)
+{
+    for (const std::string &word : app.remaining()) {
+        if (word != "--") {
+            throw UsageError((word.starts_with("-") ? "unknown option: " : kind) + word);
+        }
+    }
+}
+
+static void RefuseMissingValues(const CLI::App &command)
+{
+    for (const CLI::Option *option : command.get_options()) {
+        if (option->get_required() && option->count() == 0) {
+            throw UsageError(NameOf(*option) + " is required");
+        }
+        for (const std::string &value : option->results()) {
+            if (value.empty()) {
+                throw UsageError(NameOf(*option) + " needs a value");
+            }
+        }
+    }
+}
+
+static LogFormat ReadFormat(const std::string &text)
+{
+    std::string names;
+    for (const FormatName &row : kFormatNames) {
+        if (row.name == text) {
+            return row.format;
+        }
+        names.append(names.empty() ? "" : " or ").append(row.name);
+    }
+    throw UsageError("--format must be " + names + ", not " + text);
+}
+
+static mode_t ReadMode(const std::string &text)
+{
+    mode_t mode = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), mode, 8);
+    if (error != std::errc{} || end != text.data() + text.size() || mode > 0777) {
+        throw UsageError("--socket-mode must be octal, from 0 to 777, not " + text);
+    }
+    return mode;
+}
+
+// ---- The whole line ----
+
+static int ReportUsageError(const CLI::App &app, const UsageError &error)
+{
+    std::string program = "plaxd-standin";
+    for (const CLI::App *command : app.get_subcommands()) {
+        program += " " + command->get_name();
+    }
+    fprintf(stderr, "plaxd-standin: %s\nTry '%s --help'.\n", error.what(), program.c_str());
+    return kExitUsage;
+}
+
+// The library knows of a value that is missing at the end of the line; all else is looked for here.
+static void Parse(CLI::App *app, int argumentCount, char **arguments)
+{
+    RefuseNothingAfterEquals(argumentCount, arguments);
+    try {
+        app->parse(argumentCount, arguments);
+    } catch (const CLI::ArgumentMismatch &error) {
+        const std::string_view what = error.what();
+        throw UsageError(std::string(what.substr(0, what.find(':'))) + " needs a value");
+    } catch (const CLI::ConversionError &) {
+        throw UsageError("--strict takes no value");
+    } catch (const CLI::RequiredError &) {
+        // Which one it is will be found below, unless something else is wrong too.
+    }
+    if (app->get_subcommands().empty()) {
+        RefuseUnknownWords(*app, "unknown command: ");
+        throw UsageError("a command is required");
+    }
+    const CLI::App &command = *app->get_subcommands().front();
+    RefuseUnknownWords(*app, "unexpected argument: ");
+    RefuseUnknownWords(command, "unexpected argument: ");
+    RefuseMissingValues(command);
+}
+
+static void Convert(const CLI::App &app, const TypedValues &typed, Settings *settings)
+{
+    settings->command = app.got_subcommand("serve")   ? Command::Serve
+                        : app.got_subcommand("relay") ? Command::Relay
+                                                      : Command::Decode;
+    settings->format = ReadFormat(typed.format);
+    settings->socketMode = ReadMode(typed.socketMode);
+}
+
+std::optional<int> ParseArguments(int argumentCount, char **arguments, Settings *settings)
+{
+    TypedValues typed;
+    CLI::App app("Stand in for plaxd: answer plax-tool on a socket of your choice and log its requests",
+                 "plaxd-standin");
+    app.formatter_fn(HelpText);
+    app.set_help_flag("-h,--help", "Show this help text and exit");
+    app.set_version_flag("--version", "plaxd-standin " PLAX_VERSION, "Show the version and exit");
+    app.require_subcommand(1);
+    app.allow_extras();
+    AddCommands(&app, settings, &typed);
+    try {
+        Parse(&app, argumentCount, arguments);
+        Convert(app, typed, settings);
+    } catch (const CLI::Success &request) {
+        return app.exit(request);
+    } catch (const UsageError &error) {
+        return ReportUsageError(app, error);
+    }
+    return std::nullopt;
+}
+
+} // namespace standin

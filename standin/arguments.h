@@ -1,0 +1,34 @@
+// The command line: from words to settings. What is wrong with it is said here, in words that name the option.
+#ifndef PLAX_STANDIN_ARGUMENTS_H
+#define PLAX_STANDIN_ARGUMENTS_H
+
+#include "log.h"
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+
+namespace standin {
+
+enum class Command { Serve, Relay, Decode };
+
+struct Settings {
+    Command command = Command::Serve;
+    std::string socketPath;
+    mode_t socketMode = 0600;
+    std::string answersPath; // empty: the built-in answers
+    std::string daemonPath = "/var/run/plaxd.uds";
+    std::string requestPath; // of the bytes to decode
+    std::string logPath = "-";
+    LogFormat format = LogFormat::Text;
+    bool strict = false;
+};
+
+// Fills the settings. Returns the exit status when nothing is left to do: a help text was printed, or the command line
+// is wrong and the user has been told.
+std::optional<int> ParseArguments(int argumentCount, char **arguments, Settings *settings);
+
+} // namespace standin
+
+#endif
