@@ -34,7 +34,8 @@ class UsageError : public std::runtime_error {
 
 static constexpr int kExitUsage = 2;
 
-static constexpr FormatName kFormatNames[] = {{"text", LogFormat::Text}, {"json", LogFormat::Json}};
+static constexpr FormatName kFormatNames[] = {
+    {"text", LogFormat::Text}, {"json", LogFormat::Json}, {"commands", LogFormat::Commands}};
 
 // ---- The help text ----
 
@@ -108,7 +109,7 @@ static CLI::App *AddCommand(CLI::App *app, const char *name, const char *help)
 
 static void AddOutputOptions(CLI::App *command, Settings *settings, TypedValues *typed)
 {
-    AddValue(command, "--format", &typed->format, " FORMAT", "text (the default) or json");
+    AddValue(command, "--format", &typed->format, " FORMAT", "text (the default), json or commands");
     command->add_flag("--strict", settings->strict, "Exit with status 1 if a request violated the protocol")
         ->take_last();
 }
@@ -173,14 +174,12 @@ static void RefuseMissingValues(const CLI::App &command)
 
 static LogFormat ReadFormat(const std::string &text)
 {
-    std::string names;
     for (const FormatName &row : kFormatNames) {
         if (row.name == text) {
             return row.format;
         }
-        names.append(names.empty() ? "" : " or ").append(row.name);
     }
-    throw UsageError("--format must be " + names + ", not " + text);
+    throw UsageError("--format must be text, json or commands, not " + text);
 }
 
 static mode_t ReadMode(const std::string &text)

@@ -3,6 +3,8 @@
 
 #include "log.h"
 
+#include "request_command.h"
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -200,7 +202,28 @@ static Json EntryJson(const LogEntry &entry)
 
 std::string FormatRequest(const DecodedRequest &request, LogFormat format)
 {
-    return format == LogFormat::Json ? Dump(RequestJson(request)) : RequestText(request) + ViolationsText(request);
+    switch (format) {
+    case LogFormat::Json:
+        return Dump(RequestJson(request));
+    case LogFormat::Commands:
+        return RequestCommand(request);
+    case LogFormat::Text:
+        break;
+    }
+    return RequestText(request) + ViolationsText(request);
+}
+
+static std::string FormatEntry(const LogEntry &entry, LogFormat format)
+{
+    switch (format) {
+    case LogFormat::Json:
+        return Dump(EntryJson(entry));
+    case LogFormat::Commands:
+        return RequestCommand(entry.request);
+    case LogFormat::Text:
+        break;
+    }
+    return EntryText(entry);
 }
 
 static Descriptor OpenLog(const std::string &path)
@@ -231,7 +254,7 @@ void Log::WriteLine(std::string line)
 
 void Log::Write(const LogEntry &entry)
 {
-    const std::string line = format_ == LogFormat::Json ? Dump(EntryJson(entry)) : EntryText(entry);
+    const std::string line = FormatEntry(entry, format_);
     const std::lock_guard lock(mutex_);
     ++requests_;
     if (!entry.request.violations.empty()) {
@@ -248,7 +271,9 @@ void Log::WriteSummary()
         WriteLine(Dump({{"summary", {{"requests", requests_}, {"broken", broken_}, {"commands", counts_}}}}));
         return;
     }
-    std::string text = "summary: " + std::to_string(requests_) + " requests, " + std::to_string(broken_) + " broken";
+    const char *comment = format_ == LogFormat::Commands ? "# " : "";
+    std::string text = comment + std::string("summary: ") + std::to_string(requests_) + " requests, " +
+                       std::to_string(broken_) + " broken";
     for (const auto &[command, outcomes] : counts_) {
         text.append("; ").append(command);
         const char *separator = " ";

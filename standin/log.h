@@ -1,4 +1,4 @@
-// The log: one line for each request, as text or as JSON, and a summary at the end.
+// The log: one line for each request, as text, as JSON or as a shell command, and a summary at the end.
 #ifndef PLAX_STANDIN_LOG_H
 #define PLAX_STANDIN_LOG_H
 
@@ -13,7 +13,7 @@
 
 namespace standin {
 
-enum class LogFormat { Text, Json };
+enum class LogFormat { Text, Json, Commands };
 
 // What went back to the client: the bytes are counted, and the first ones kept, which are a frame's header.
 struct SentBytes {

@@ -7,9 +7,13 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <charconv>
+#include <cinttypes>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
+#include <limits>
 #include <memory>
 #include <optional>
 
@@ -155,14 +159,19 @@ static std::string_view WholeText(DecodedRequest *request, std::string_view name
     return text;
 }
 
+// Joined with commas, the entries are the text again.
 static nlohmann::ordered_json SplitList(std::string_view text)
 {
     auto entries = nlohmann::ordered_json::array();
-    while (!text.empty()) {
-        const size_t end = std::min(text.find(','), text.size());
-        entries.push_back(text.substr(0, end));
-        text.remove_prefix(std::min(end + 1, text.size()));
+    if (text.empty()) {
+        return entries;
     }
+    size_t comma = 0;
+    while ((comma = text.find(',')) != std::string_view::npos) {
+        entries.push_back(text.substr(0, comma));
+        text.remove_prefix(comma + 1);
+    }
+    entries.push_back(text);
     return entries;
 }
 
@@ -210,6 +219,9 @@ static void DecodeNumberText(DecodedRequest *request, std::string_view name, std
         return;
     }
     AddField(request, name, *number, Meaning(names, *number));
+    if (text.size() > 1 && text.front() == '0') {
+        AddViolation(request, name, "has leading zeros");
+    }
 }
 
 // ---- The shapes, in the order of their first command. ----
@@ -238,13 +250,25 @@ static void DecodeLogLevel(Bytes payload, DecodedRequest *request)
 }
 const PayloadShape kLogLevelPayload = {0, kRequestLengthMax, DecodeLogLevel};
 
-// JSON knows no infinity and no "not a number": they are given as texts.
+// The one NaN of each sign that a word on the command line gives, or the bits of any other.
+static std::string NanText(double number)
+{
+    const auto bits = std::bit_cast<uint64_t>(number);
+    if ((bits & INT64_MAX) == std::bit_cast<uint64_t>(std::numeric_limits<double>::quiet_NaN())) {
+        return std::signbit(number) ? "-nan" : "nan";
+    }
+    char text[32];
+    snprintf(text, sizeof text, "nan(0x%016" PRIx64 ")", bits);
+    return text;
+}
+
+// JSON has neither infinities nor NaNs: they are given as texts.
 static nlohmann::ordered_json Real(double number)
 {
     if (std::isfinite(number)) {
         return number;
     }
-    return std::isnan(number) ? "nan" : number > 0 ? "inf" : "-inf";
+    return std::isnan(number) ? NanText(number) : number > 0 ? "inf" : "-inf";
 }
 
 static void DecodeProactiveRebalance(Bytes payload, DecodedRequest *request)

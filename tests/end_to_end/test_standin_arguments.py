@@ -31,7 +31,7 @@ options:
   --socket PATH         Listen on this socket
   --socket-mode MODE    Permissions of the socket in octal; default: 600
   --log FILE            Append the log to FILE; default: -, standard output
-  --format FORMAT       text (the default) or json
+  --format FORMAT       text (the default), json or commands
   --strict              Exit with status 1 if a request violated the protocol
   --answers FILE        Take answers and faults from this JSON file
 """
@@ -46,7 +46,7 @@ options:
   --socket PATH         Listen on this socket
   --socket-mode MODE    Permissions of the socket in octal; default: 600
   --log FILE            Append the log to FILE; default: -, standard output
-  --format FORMAT       text (the default) or json
+  --format FORMAT       text (the default), json or commands
   --strict              Exit with status 1 if a request violated the protocol
   --to PATH             Socket of the daemon; default: /var/run/plaxd.uds
 """
@@ -58,7 +58,7 @@ Show what the bytes of a request mean; FILE -: standard input.
 
 options:
   -h, --help            Show this help text and exit
-  --format FORMAT       text (the default) or json
+  --format FORMAT       text (the default), json or commands
   --strict              Exit with status 1 if a request violated the protocol
 """
 
@@ -100,8 +100,8 @@ def test_no_command(words, message):
     (["relay", "--socket", "s", "--answers", "f"], "unknown option: --answers"),
     (["decode"], "FILE is required"),
     (["decode", "--socket", "s", "-"], "unknown option: --socket"),
-    (["serve", "--socket", "s", "--format", "xml"], "--format must be text or json, not xml"),
-    (["decode", "--format", "1", "-"], "--format must be text or json, not 1"),
+    (["serve", "--socket", "s", "--format", "xml"], "--format must be text, json or commands, not xml"),
+    (["decode", "--format", "1", "-"], "--format must be text, json or commands, not 1"),
     (["decode", "--strict=more", "-"], "--strict takes no value"),
     *[(["serve", "--socket", "s", "--socket-mode", text], f"--socket-mode must be octal, from 0 to 777, not {text}")
       for text in ("8", "1000", "-1", "0o600", "rw", "600 ")],

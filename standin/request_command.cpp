@@ -1,0 +1,294 @@
+// Each field of a request has a row here that says how the field gets onto the command line. Fields with their default
+// value are left out, unless the tool refuses the command without them.
+
+#include "request_command.h"
+
+#include "protocol_table.h"
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+
+namespace standin {
+
+using Json = nlohmann::ordered_json;
+
+namespace {
+
+struct CommandWords {
+    std::vector<std::string> options;
+    std::vector<std::string> operands; // after the command word
+    std::vector<std::string> reasons;  // why the tool cannot send the request
+};
+
+struct FieldRow {
+    std::string_view field;
+    const char *option; // null: the value is an operand
+    void (*add)(const FieldRow &row, const DecodedRequest &request, const Field &field, CommandWords *words);
+    uint64_t max; // the largest number, or the longest text, that the tool accepts
+};
+
+// A field that the command has to be given even with its default value.
+struct NeededField {
+    std::string_view word;
+    std::string_view field;
+};
+
+} // namespace
+
+static constexpr NeededField kNeededFields[] = {
+    {"fitness-config-set", "json"},
+    {"enable-plax-recovery-mode", "recoveryMode"},
+    {"get-obj-crawler-state", "uuid"},
+    {"component-manual-move", "uuid"},
+    {"set-global-exclusion-list", "exclusionList"},
+};
+
+// The commands that take --all in the place of a UUID and then send the zero UUID.
+static constexpr std::string_view kUuidOrAll[] = {"crawler", "info-rebalance", "what-if-entity-decom",
+                                                  "get-obj-decom-state"};
+
+static constexpr std::string_view kZeroUuid = "00000000-0000-0000-0000-000000000000";
+
+static bool IsNeeded(const DecodedRequest &request, std::string_view field)
+{
+    return std::any_of(std::begin(kNeededFields), std::end(kNeededFields), [&](const NeededField &needed) {
+        return needed.word == request.command->word && needed.field == field;
+    });
+}
+
+static void AddReason(const FieldRow &row, const std::string &what, CommandWords *words)
+{
+    words->reasons.push_back(std::string(row.field) + " " + what);
+}
+
+static void AddOption(const FieldRow &row, const std::string &value, CommandWords *words)
+{
+    words->options.insert(words->options.end(), {row.option, value});
+}
+
+// ---- How fields become words. ----
+
+static void AddUuid(const FieldRow &row, const DecodedRequest &request, const Field &field, CommandWords *words)
+{
+    const auto &uuid = field.value.get_ref<const std::string &>();
+    const std::string_view word = request.command->word;
+    if (uuid == kZeroUuid && std::find(std::begin(kUuidOrAll), std::end(kUuidOrAll), word) != std::end(kUuidOrAll)) {
+        words->options.emplace_back("-a");
+    } else if (uuid != kZeroUuid || (IsNeeded(request, row.field) && !request.allObjects)) {
+        AddOption(row, uuid, words);
+    }
+}
+
+static void AddFlag(const FieldRow &row, const DecodedRequest & /*request*/, const Field &field, CommandWords *words)
+{
+    if (field.value != 0) {
+        words->options.emplace_back(row.option);
+    }
+}
+
+static void AddNumber(const FieldRow &row, const DecodedRequest &request, const Field &field, CommandWords *words)
+{
+    if (field.value > row.max) {
+        AddReason(row, "is above " + std::to_string(row.max), words);
+    }
+    if (field.value != 0 || IsNeeded(request, row.field)) {
+        AddOption(row, field.value.dump(), words);
+    }
+}
+
+static void AddWorkItem(const FieldRow &row, const DecodedRequest & /*request*/, const Field &field,
+                        CommandWords *words)
+{
+    if (field.meaning.empty()) {
+        AddReason(row, field.value.dump() + " has no name", words);
+    }
+    AddOption(row, std::string(field.meaning), words);
+}
+
+static void AddTextOption(const FieldRow &row, const DecodedRequest &request, const std::string &text,
+                          CommandWords *words)
+{
+    if (text.size() > row.max) {
+        AddReason(row, "is longer than " + std::to_string(row.max) + " bytes", words);
+    }
+    if (!text.empty() || IsNeeded(request, row.field)) {
+        AddOption(row, text, words);
+    }
+}
+
+static void AddText(const FieldRow &row, const DecodedRequest &request, const Field &field, CommandWords *words)
+{
+    AddTextOption(row, request, field.value.get<std::string>(), words);
+}
+
+static std::string Joined(const Json &list)
+{
+    std::string text;
+    const char *separator = "";
+    for (const Json &entry : list) {
+        text.append(std::exchange(separator, ",")).append(entry.get_ref<const std::string &>());
+    }
+    return text;
+}
+
+static void AddList(const FieldRow &row, const DecodedRequest &request, const Field &field, CommandWords *words)
+{
+    AddTextOption(row, request, Joined(field.value), words);
+}
+
+static void AddUuidList(const FieldRow &row, const DecodedRequest &request, const Field &field, CommandWords *words)
+{
+    if (field.value.empty()) {
+        AddReason(row, "is empty", words);
+    }
+    AddList(row, request, field, words);
+}
+
+static void AddLevel(const FieldRow &row, const DecodedRequest & /*request*/, const Field &field, CommandWords *words)
+{
+    words->operands.push_back(field.value.get<std::string>());
+    if (words->operands.back().size() > row.max) {
+        AddReason(row, "is longer than " + std::to_string(row.max) + " bytes", words);
+    }
+}
+
+static void AddNumberOperand(const FieldRow &row, const DecodedRequest & /*request*/, const Field &field,
+                             CommandWords *words)
+{
+    words->operands.push_back(field.value.is_string() ? field.value.get<std::string>() : field.value.dump());
+    if (words->operands.back().find('(') != std::string::npos) {
+        AddReason(row, "is a NaN that no word stands for", words);
+    }
+}
+
+static void AddCallbackWord(const FieldRow & /*row*/, const DecodedRequest & /*request*/, const Field &field,
+                            CommandWords *words)
+{
+    if (field.value != 0) {
+        words->operands.emplace_back(field.meaning);
+    }
+}
+
+// A count follows from its list.
+static void AddNothing(const FieldRow &, const DecodedRequest &, const Field &, CommandWords *) {}
+
+static constexpr uint64_t kNoLimit = std::numeric_limits<uint64_t>::max();
+// Linux passes no longer argument to a program, where a page of memory has 4096 bytes.
+static constexpr uint64_t kArgumentLengthMax = 131071;
+static constexpr uint64_t kListLengthMax = 94718;
+static constexpr uint64_t kRecoveryModeMax = 7;
+static constexpr uint64_t kExclusionModeMax = 3;
+
+static constexpr FieldRow kFieldRows[] = {
+    {"uuid", "-u", AddUuid, kNoLimit},
+    {"all", "-a", AddFlag, kNoLimit},
+    {"decomMode", "-d", AddNumber, kNoLimit},
+    {"ensureDurability", "-e", AddFlag, kNoLimit},
+    {"reason", "-r", AddNumber, kNoLimit},
+    {"wipeDisk", "-w", AddFlag, kNoLimit},
+    {"recoveryMode", "-m", AddNumber, kRecoveryModeMax},
+    {"exclusionMode", "-X", AddNumber, kExclusionModeMax},
+    {"workItemType", "-i", AddWorkItem, kNoLimit},
+    {"json", "-j", AddText, kArgumentLengthMax},
+    {"filePath", "-f", AddText, kNoLimit},
+    {"uuidList", "-l", AddUuidList, kNoLimit},
+    {"destinationList", "-n", AddList, kListLengthMax},
+    {"exclusionList", "-x", AddList, kListLengthMax},
+    {"uuidCount", nullptr, AddNothing, kNoLimit},
+    {"destinationCount", nullptr, AddNothing, kNoLimit},
+    {"exclusionCount", nullptr, AddNothing, kNoLimit},
+    {"level", nullptr, AddLevel, kArgumentLengthMax},
+    {"timeSpan", nullptr, AddNumberOperand, kNoLimit},
+    {"varianceThreshold", nullptr, AddNumberOperand, kNoLimit},
+    {"timeThreshold", nullptr, AddNumberOperand, kNoLimit},
+    {"rateThreshold", nullptr, AddNumberOperand, kNoLimit},
+    {"event", nullptr, AddCallbackWord, kNoLimit},
+    {"entry", nullptr, AddCallbackWord, kNoLimit},
+};
+
+// ---- The line. ----
+
+static bool IsPlain(char character)
+{
+    static constexpr std::string_view kPlain =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_./:,+=@%";
+    return kPlain.find(character) != std::string_view::npos;
+}
+
+static std::string Quoted(std::string_view word)
+{
+    if (!word.empty() && std::all_of(word.begin(), word.end(), IsPlain)) {
+        return std::string(word);
+    }
+    std::string text = "'";
+    for (const char character : word) {
+        text += character == '\'' ? "'\\''" : std::string(1, character);
+    }
+    return text + "'";
+}
+
+static void AddWord(std::string_view word, std::string *line)
+{
+    line->append(" ").append(Quoted(word));
+}
+
+// An operand that looks like an option must stand after "--".
+static std::string Line(std::string_view commandWord, const CommandWords &words)
+{
+    std::string line = "plax-tool";
+    for (const std::string &option : words.options) {
+        AddWord(option, &line);
+    }
+    if (std::any_of(words.operands.begin(), words.operands.end(), [](const auto &word) { return word[0] == '-'; })) {
+        AddWord("--", &line);
+    }
+    AddWord(commandWord, &line);
+    for (const std::string &operand : words.operands) {
+        AddWord(operand, &line);
+    }
+    return line;
+}
+
+static std::string Comment(const DecodedRequest &request, const std::vector<std::string> &reasons)
+{
+    std::string line = "# plax-tool cannot send this ";
+    line.append(request.command != nullptr ? request.command->word : "request");
+    const char *separator = ": ";
+    for (const std::string &reason : reasons) {
+        line.append(std::exchange(separator, "; ")).append(reason);
+    }
+    return line;
+}
+
+static CommandWords WordsOf(const DecodedRequest &request)
+{
+    CommandWords words;
+    for (const Field &field : request.fields) {
+        const auto *row = std::find_if(std::begin(kFieldRows), std::end(kFieldRows),
+                                       [&](const FieldRow &candidate) { return candidate.field == field.name; });
+        row->add(*row, request, field, &words);
+    }
+    return words;
+}
+
+static void CheckMoveTarget(const DecodedRequest &request, CommandWords *words)
+{
+    const auto isList = [](const std::string &option) { return option == "-n" || option == "-x"; };
+    if (request.command->word == "component-manual-move" &&
+        std::count_if(words->options.begin(), words->options.end(), isList) != 1) {
+        words->reasons.emplace_back("it needs either a destination or an exclusion list");
+    }
+}
+
+std::string RequestCommand(const DecodedRequest &request)
+{
+    if (!request.violations.empty()) {
+        return Comment(request, request.violations);
+    }
+    CommandWords words = WordsOf(request);
+    CheckMoveTarget(request, &words);
+    return words.reasons.empty() ? Line(request.command->word, words) : Comment(request, words.reasons);
+}
+
+} // namespace standin

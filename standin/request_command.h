@@ -1,0 +1,17 @@
+// A request as the shell command that sends it.
+#ifndef PLAX_STANDIN_REQUEST_COMMAND_H
+#define PLAX_STANDIN_REQUEST_COMMAND_H
+
+#include "decoder.h"
+
+#include <string>
+
+namespace standin {
+
+// The command line of plax-tool that sends exactly the request's bytes, quoted for a POSIX shell: a text with newlines
+// spans lines. A comment that gives the reasons when the tool cannot send them.
+std::string RequestCommand(const DecodedRequest &request);
+
+} // namespace standin
+
+#endif

@@ -1,0 +1,215 @@
+"""The format `commands`: each request as the shell command that sends it, or a comment that says why none does."""
+
+import os
+import socket
+import struct
+import threading
+
+from command_line import record
+from harness import Outcome, PATIENCE, eventually, frame, tool
+from namespaces import run_at_default_path
+from random_requests import random_requests
+from request_table import ONE, ROWS, TWO, UUID_BYTES
+from standin_process import Standin, end, run_standin, start_standin
+import pytest
+
+U = "0123abcd-4567-89ef-fedc-ba9876543210"
+ZERO = "00000000-0000-0000-0000-000000000000"
+ONE_TEXT, TWO_TEXT = ONE.decode(), TWO.decode()
+
+# For each row of the request table, the commands that send its least and its full request.
+LINES = [
+    ("stats", "stats"),
+    ("-a crawler", f"-u {U} crawler"),
+    ("fitness-config-get", "fitness-config-get"),
+    ("-j '' fitness-config-set", "-j '{\"a\": 1}' fitness-config-set"),
+    ("fitness-config-reset", "fitness-config-reset"),
+    ("fitness-stats-get", "fitness-stats-get"),
+    ("log-level 3", "log-level info"),
+    ("fix-object-immediate", f"-u {U} fix-object-immediate"),
+    ("get-object-last-operation", f"-u {U} get-object-last-operation"),
+    ("start-proactive-rebalance 86400 0.3 1800 14913081", "start-proactive-rebalance 3600 0.75 1800 1024"),
+    ("stop-proactive-rebalance", "stop-proactive-rebalance"),
+    ("info-proactive-rebalance", "info-proactive-rebalance"),
+    ("fix-concats", "fix-concats"),
+    ("-a info-rebalance", f"-u {U} info-rebalance"),
+    ("resources-to-fix-unhealthy-objects", f"-u {U} resources-to-fix-unhealthy-objects"),
+    ("-a what-if-entity-decom", f"-u {U} -d 2 -e what-if-entity-decom"),
+    (f"-l {ONE_TEXT} what-if-upgrade", f"-u {U} -d 2 -r 3 -w -l {ONE_TEXT},{TWO_TEXT} what-if-upgrade"),
+    ("what-if-cancel", "what-if-cancel"),
+    ("force-reconfigure-the-object", f"-u {U} -f /new/layout force-reconfigure-the-object"),
+    ("update-plaxdb", "-f /new/layout update-plaxdb"),
+    ("replace-plaxdb", "-f /new/layout replace-plaxdb"),
+    ("-m 0 enable-plax-recovery-mode", f"-u {U} -m 5 enable-plax-recovery-mode"),
+    ("-a get-obj-decom-state", f"-u {U} get-obj-decom-state"),
+    ("-i PLACEMENT enable-workitem", "-i MOVE enable-workitem"),
+    ("-i PLACEMENT disable-workitem", "-i MOVE disable-workitem"),
+    (f"-u {ONE_TEXT} get-obj-crawler-state", f"-u {U} get-obj-crawler-state"),
+    ("-a get-obj-crawler-state", f"-u {U} -a get-obj-crawler-state"),
+    ("pause-decom-state-progress", "pause-decom-state-progress"),
+    ("resume-decom-state-progress", "resume-decom-state-progress"),
+    ("start-decom-state-heartbeat", "start-decom-state-heartbeat"),
+    ("pause-failed-delta-entry-processing", "pause-failed-delta-entry-processing"),
+    ("block-cdb-cb", f"-u {U} block-cdb-cb delete node"),
+    ("refresh-config-opts", "refresh-config-opts"),
+    (f"-u {ONE_TEXT} -n {TWO_TEXT} component-manual-move",
+     f"-u {U} -x {TWO_TEXT},33333333-3333-3333-3333-333333333333 component-manual-move"),
+    ("-x '' set-global-exclusion-list",
+     f"-X 3 -x {TWO_TEXT},33333333-3333-3333-3333-333333333333 set-global-exclusion-list"),
+]
+
+
+def decoded(request):
+    code, output, messages = run_standin("decode", "--format", "commands", "-", stdin=request)
+    assert (code, messages, output[-1:]) == (0, b"", b"\n")
+    return os.fsdecode(output[:-1])
+
+
+@pytest.mark.parametrize("row, lines", zip(ROWS, LINES, strict=True), ids=lambda value: getattr(value, "word", ""))
+def test_every_command(row, lines):
+    requests = (frame(row.code, row.least_payload), frame(row.code, row.full_payload))
+    assert tuple(decoded(request) for request in requests) == tuple(f"plax-tool {line}" for line in lines)
+
+
+def rebalance(real, *numbers):
+    return frame(10, record("QdQQ", 1, real, *(numbers or (2, 3))))
+
+
+@pytest.mark.parametrize("request_bytes, line", [
+    (frame(7), "log-level ''"),
+    (frame(7, b"plax-tool"), "log-level plax-tool"),
+    (frame(7, b"-1"), "-- log-level -1"),
+    (frame(7, b"a=b:c,d@e+f%g./h_i-j"), "log-level a=b:c,d@e+f%g./h_i-j"),
+    (frame(7, b"it's"), "log-level 'it'\\''s'"),
+    (frame(7, b"~ $HOME\t#\"\\"), "log-level '~ $HOME\t#\"\\'"),
+    (frame(7, b"two\nlines"), "log-level 'two\nlines'"),
+    (frame(7, b"\xff"), "log-level '\udcff'"),
+    (frame(4, b"-a\0"), "-j -a fitness-config-set"),
+    (rebalance(-0.5), "-- start-proactive-rebalance 1 -0.5 2 3"),
+    (rebalance(5e-324), "start-proactive-rebalance 1 5e-324 2 3"),
+    (rebalance(float("inf")), "start-proactive-rebalance 1 inf 2 3"),
+    (rebalance(float("nan")), "start-proactive-rebalance 1 nan 2 3"),
+    (rebalance(1.0, 2**64 - 1, 0), "start-proactive-rebalance 1 1.0 18446744073709551615 0"),
+    (frame(26, ZERO.encode() + b"0\0\0\0\0"), f"-u {ZERO} get-obj-crawler-state"),
+    (frame(31, (b"0:3:" + U.encode()).ljust(1024, b"\0")), f"-u {U} block-cdb-cb disk"),
+    (frame(31, (b"2:0:" + U.encode()).ljust(1024, b"\0")), f"-u {U} block-cdb-cb add"),
+    (frame(34, record("II94720s", 0, 1, b"x" * 35 + b",")), f"-x {'x' * 35}, set-global-exclusion-list"),
+], ids=range(18))
+def test_oddities(request_bytes, line):
+    assert decoded(request_bytes) == "plax-tool " + line
+
+
+@pytest.mark.parametrize("character", "!\"#$&()*;<>?[\\]^`{|}~ \t\r\x7f")
+def test_quotes(character):
+    assert decoded(frame(7, b"a" + character.encode())) == f"plax-tool log-level 'a{character}'"
+
+
+def move(destinations, exclusions):
+    counts = [(len(entries) + 1) // 37 for entries in (destinations, exclusions)]
+    return frame(33, record("16sII94720s94720s", UUID_BYTES, *counts, destinations, exclusions))
+
+
+@pytest.mark.parametrize("request_bytes, reason", [
+    (frame(77), "request: unknown code 77"),
+    (b"\0\0\0", "request: cut short: 3 of 8 header bytes"),
+    (frame(13) + b"x", "fix-concats: 1 bytes after the end"),
+    (frame(4, b"x" * 131072 + b"\0"), "fitness-config-set: json is longer than 131071 bytes"),
+    (frame(7, b"x" * 131072), "log-level: level is longer than 131071 bytes"),
+    (frame(10, record("QQQQ", 1, 0x7ff0000000000001, 2, 3)),
+     "start-proactive-rebalance: varianceThreshold is a NaN that no word stands for"),
+    (frame(17, bytes(33)), "what-if-upgrade: uuidList is empty"),
+    (frame(22, U.encode() + b"8\0\0\0\0"), "enable-plax-recovery-mode: recoveryMode is above 7"),
+    (frame(22, U.encode() + b"05\0\0\0"), "enable-plax-recovery-mode: recoveryMode has leading zeros"),
+    (frame(24, b"4\0\0\0"), "enable-workitem: workItemType 4 has no name"),
+    (frame(25, b"23\0\0"), "disable-workitem: workItemType 23 has no name"),
+    (move(b"", b""), "component-manual-move: it needs either a destination or an exclusion list"),
+    (move(ONE, TWO), "component-manual-move: it needs either a destination or an exclusion list"),
+    (move(b"x" * 94719, b""), "component-manual-move: destinationList is longer than 94718 bytes"),
+    (frame(34, record("II94720s", 4, 0, b"")), "set-global-exclusion-list: exclusionMode is above 3"),
+], ids=range(15))
+def test_unsendable(request_bytes, reason):
+    assert decoded(request_bytes) == "# plax-tool cannot send this " + reason
+
+
+def test_log_of_serve(tmp_path):
+    path, log = tmp_path / "plaxd.uds", tmp_path / "log"
+    process = start_standin("serve", "--socket", str(path), "--log", str(log), "--format", "commands")
+    for words in (["fix-concats"], ["log-level", "two words"]):
+        before = log.stat().st_size
+        assert tool("-s", path, *words) == Outcome(b"", b"", 0)
+        assert eventually(lambda size=before: log.stat().st_size > size)
+    assert end(process) == (0, b"")
+    assert log.read_text() == ("plax-tool fix-concats\nplax-tool log-level 'two words'\n"
+                               "# summary: 2 requests, 0 broken; fix-concats 1 answered; log-level 1 answered\n")
+
+
+# ---- The property: what the log's lines send is what came. ----
+
+
+def commands_for(requests, folder):
+    """The log of a stand-in that got the requests."""
+    path, log = os.path.join(folder, "plaxd.uds"), os.path.join(folder, "log")
+    process = start_standin("serve", "--socket", path, "--log", log, "--format", "commands")
+    for request in requests:
+        before = os.path.getsize(log)
+        with socket.socket(socket.AF_UNIX) as connection:
+            connection.connect(path)
+            connection.sendall(request.bytes)
+            connection.shutdown(socket.SHUT_WR)
+            while connection.recv(1 << 16):
+                pass
+        assert eventually(lambda size=before: os.path.getsize(log) > size)
+    assert end(process) == (0, b"")
+    return log
+
+
+def receive_all(connection):
+    """One whole request, and whatever comes after it until the client closes the connection."""
+    received = connection.recv(8, socket.MSG_WAITALL)
+    received += connection.recv(struct.unpack(">II", received)[1], socket.MSG_WAITALL)
+    connection.shutdown(socket.SHUT_WR)
+    while piece := connection.recv(1 << 16):
+        received += piece
+    return received
+
+
+def capture(listener, captured):
+    try:
+        while True:
+            with listener.accept()[0] as connection:
+                captured.append(receive_all(connection))
+    except OSError:
+        pass  # the listener has been shut down
+
+
+def sent_by(script, folder):
+    """The requests that the script's plain plax-tool sends, in their order."""
+    os.mkdir(run_directory := os.path.join(folder, "run"))
+    os.mkdir(tools := os.path.join(folder, "tools"))
+    captured = []
+    with socket.socket(socket.AF_UNIX) as listener:
+        listener.bind(path := os.path.join(run_directory, "plaxd.uds"))
+        listener.listen(16)
+        thread = threading.Thread(target=capture, args=(listener, captured))
+        thread.start()
+        run = run_at_default_path(path, tools, "sh", "-e", script)
+        listener.shutdown(socket.SHUT_RDWR)
+        thread.join(PATIENCE)
+    assert (run.stdout.strip(b"\n"), run.stderr, run.returncode) == (b"", b"", 0)
+    return captured
+
+
+def test_lines_send_the_same_bytes(tmp_path):
+    count = int(os.environ.get("PLAX_RANDOM_REQUESTS", "340"))
+    requests = list(random_requests(int(os.environ.get("PLAX_RANDOM_SEED", "1")), count))
+    sent = sent_by(commands_for(requests, str(tmp_path)), str(tmp_path))
+    rest = iter(sent)
+    expected = next(rest, None)
+    for request in requests:
+        if request.bytes == expected:
+            assert request.sendable is not False
+            expected = next(rest, None)
+        else:
+            assert not request.sendable
+    assert expected is None
+    assert len(sent) >= count * 0.7
