@@ -11,12 +11,11 @@ from request_table import UUID
 NO_OUTPUT = Outcome(b"", b"", 0)
 
 
-def blocked(words, codes, uuid=ZERO_UUID):
-    """Whether the words make the tool ask for the event and entry codes, in a field of 1024 bytes."""
+def assert_blocked(words, codes, uuid=ZERO_UUID):
+    """The words make the tool send the event and entry codes, in a field of 1024 bytes, and succeed."""
     with ScriptedDaemon() as plaxd:
         run = tool("-s", plaxd.path, *words)
-    assert plaxd.received == frame(31, codes + b":" + uuid + b"\0" * 984)
-    return run == NO_OUTPUT
+    assert (run, plaxd.received) == (NO_OUTPUT, frame(31, codes + b":" + uuid + b"\0" * 984))
 
 
 def callback(*words):
@@ -26,7 +25,7 @@ def callback(*words):
 @pytest.mark.parametrize("word, codes", [("update", b"1:0"), ("add", b"2:0"), ("delete", b"3:0"),
                                          ("object", b"0:2"), ("disk", b"0:3"), ("node", b"0:4")])
 def test_every_callback_word(word, codes):
-    assert blocked(callback(word), codes)
+    assert_blocked(callback(word), codes)
 
 
 EVENTS = (("update", b"1"), ("add", b"2"), ("delete", b"3"))
@@ -35,8 +34,8 @@ ENTRIES = (("object", b"2"), ("disk", b"3"), ("node", b"4"))
 
 @pytest.mark.parametrize("event, entry", itertools.product(EVENTS, ENTRIES))
 def test_pairs_in_both_orders(event, entry):
-    assert blocked(callback(event[0], entry[0]), event[1] + b":" + entry[1])
-    assert blocked(callback(entry[0], event[0]), event[1] + b":" + entry[1])
+    assert_blocked(callback(event[0], entry[0]), event[1] + b":" + entry[1])
+    assert_blocked(callback(entry[0], event[0]), event[1] + b":" + entry[1])
 
 
 @pytest.mark.parametrize("words, codes", [
@@ -51,7 +50,7 @@ def test_pairs_in_both_orders(event, entry):
     (("nothing", "add", "of", "interest", "disk", "here"), b"2:3"),
 ])
 def test_later_word_of_a_kind_wins(words, codes):
-    assert blocked(callback(*words), codes)
+    assert_blocked(callback(*words), codes)
 
 
 @pytest.mark.parametrize("word", ["", " ", "Update", "ADD", "Node", "ad", "addd", "add ", " add", "add,disk",
@@ -60,16 +59,16 @@ def test_later_word_of_a_kind_wins(words, codes):
                                   "block-cdb-cb",
                                   b"add\xff", "a" * 100000])
 def test_words_that_match_nothing(word):
-    assert blocked(callback(word), b"0:0")
-    assert blocked(callback("delete", word, "disk"), b"3:3")
+    assert_blocked(callback(word), b"0:0")
+    assert_blocked(callback("delete", word, "disk"), b"3:3")
 
 
 def test_uuid_is_sent_with_the_words():
-    assert blocked(("-u", UUID, *callback("add", "disk")), b"2:3", UUID)
-    assert blocked(("-u", UUID.upper(), *callback("add", "disk")), b"2:3", UUID)
-    assert blocked(("-u", UUID, *callback("nonsense")), b"0:0", UUID)
-    assert blocked(callback("add", "-u", UUID, "disk"), b"2:3", UUID)
-    assert blocked(("-u", UUID[:18], *callback("add")), b"2:0", UUID[:18] + b"-0000-000000000000")
+    assert_blocked(("-u", UUID, *callback("add", "disk")), b"2:3", UUID)
+    assert_blocked(("-u", UUID.upper(), *callback("add", "disk")), b"2:3", UUID)
+    assert_blocked(("-u", UUID, *callback("nonsense")), b"0:0", UUID)
+    assert_blocked(callback("add", "-u", UUID, "disk"), b"2:3", UUID)
+    assert_blocked(("-u", UUID[:18], *callback("add")), b"2:0", UUID[:18] + b"-0000-000000000000")
 
 
 @pytest.mark.parametrize("words, codes", [
@@ -86,7 +85,7 @@ def test_uuid_is_sent_with_the_words():
     (("-o", "add", "block-cdb-cb", "--"), b"2:0"),
 ])
 def test_without_a_word_the_whole_command_line_is_scanned(words, codes):
-    assert blocked(words, codes)
+    assert_blocked(words, codes)
 
 
 @pytest.mark.parametrize("words, codes", [
@@ -98,12 +97,12 @@ def test_without_a_word_the_whole_command_line_is_scanned(words, codes):
     (("--", "block-cdb-cb", "add", "disk"), b"2:3"),
     (("block-cdb-cb", "--", "delete", "-o"), b"3:0"),
 ])
-def test_with_a_word_only_the_words_behind_the_command_are_scanned(words, codes):
-    assert blocked(words, codes)
+def test_with_a_word_only_the_words_after_the_command_are_scanned(words, codes):
+    assert_blocked(words, codes)
 
 
 def test_last_word_of_the_command_line_is_scanned():
-    assert blocked(callback(*["word"] * 5000, "add"), b"2:0")
+    assert_blocked(callback(*["word"] * 5000, "add"), b"2:0")
 
 
 @pytest.mark.parametrize("name, words, codes", [("add", (), b"2:0"), ("node", (), b"0:4"), ("add", ("disk",), b"0:3"),

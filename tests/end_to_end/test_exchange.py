@@ -24,7 +24,7 @@ each_command = pytest.mark.parametrize("command", ROWS, ids=name)
 RUBBISH = {"MALLOC_PERTURB_": "85"}
 
 
-def ask(*steps, words=("info-proactive-rebalance",), env=RUBBISH, **options):
+def outcome_of(*steps, words=("info-proactive-rebalance",), env=RUBBISH, **options):
     """Runs the tool against a daemon that does these steps."""
     return converse(*steps, words=words, env=env, **options)[0]
 
@@ -36,7 +36,7 @@ def test_printed_reply_leaves_the_output_file_alone(command, tmp_path):
     kept, absent = tmp_path / "kept", tmp_path / "absent"
     kept.write_bytes(b"as it was")
     for path in (kept, absent):
-        assert ask(reply(0, b"abc"), words=(*command.least, "-o", path)) == Outcome(b"abc\n", b"", 0)
+        assert outcome_of(reply(0, b"abc"), words=(*command.least, "-o", path)) == Outcome(b"abc\n", b"", 0)
     assert (kept.read_bytes(), absent.exists()) == (b"as it was", False)
 
 
@@ -72,7 +72,7 @@ def test_resetting_without_an_answer(command):
 
 @each_framed
 def test_incomplete_payload_is_reported_and_reads_as_success(command):
-    run = ask(send(b"\0\0\0\0\0\0\x03\xe8" + b"0123456789"), words=command.least)
+    run = outcome_of(send(b"\0\0\0\0\0\0\x03\xe8" + b"0123456789"), words=command.least)
     assert run == Outcome(b"\n" if command.reply == PRINTED else b"", INCOMPLETE, 0)
 
 
@@ -101,7 +101,7 @@ def test_incomplete_payload_is_reported_and_reads_as_success(command):
     (0xffffffff, b"Status 0xffffffff", 0xff),
 ])
 def test_status_of_the_daemon_is_shown_and_becomes_the_exit_status(status, text, code):
-    run = ask(send(struct.pack(">II", status, 4) + b"busy"))
+    run = outcome_of(send(struct.pack(">II", status, 4) + b"busy"))
     assert run == Outcome(b"", b"Error received: " + text + b": busy\n", code)
 
 
@@ -121,7 +121,7 @@ def size_and_start(value):
     (b"x" * 70000, b"x" * 70000),
 ], ids=size_and_start)
 def test_error_payload_is_read_as_a_text(payload, shown):
-    assert ask(reply(5, payload)) == Outcome(b"", b"Error received: Status 0x00000005: " + shown + b"\n", 5)
+    assert outcome_of(reply(5, payload)) == Outcome(b"", b"Error received: Status 0x00000005: " + shown + b"\n", 5)
 
 
 # ---- Payloads, unchanged ----
@@ -131,7 +131,7 @@ def test_error_payload_is_read_as_a_text(payload, shown):
     b"\0" * 100000,
 ], ids=size_and_start)
 def test_printed_payload_is_unchanged(payload):
-    assert ask(reply(0, payload)) == Outcome(payload + b"\n", b"", 0)
+    assert outcome_of(reply(0, payload)) == Outcome(payload + b"\n", b"", 0)
 
 
 @pytest.mark.parametrize("payload", [b"", b"abc", b"x" * 5000], ids=size_and_start)
@@ -163,7 +163,7 @@ EMPTY_LINE_AND_WARNING = Outcome(b"\n", INCOMPLETE, 0)
     (12, Outcome(b"abcd\n", b"", 0)),
 ])
 def test_reply_cut_at_every_byte(cut, outcome):
-    assert ask(send(b"\0\0\0\0\0\0\0\4abcd"[:cut])) == outcome
+    assert outcome_of(send(b"\0\0\0\0\0\0\0\4abcd"[:cut])) == outcome
 
 
 @pytest.mark.parametrize("cut, outcome", [
@@ -177,12 +177,12 @@ def test_reply_cut_at_every_byte(cut, outcome):
     *[(cut, EMPTY_LINE_AND_WARNING) for cut in range(7, 18)],  # 7: a length of 256, whole: of 258
 ])
 def test_error_reply_cut_at_every_byte(cut, outcome):
-    assert ask(send(b"\5\6\7\x08\0\0\1\2busybusybu"[:cut])) == outcome
+    assert outcome_of(send(b"\5\6\7\x08\0\0\1\2busybusybu"[:cut])) == outcome
 
 
 @pytest.mark.parametrize("cut", range(12))
 def test_checked_reply_cut_at_every_byte(cut):
-    run = ask(send(b"\0\0\0\0\0\0\0\4abcd"[:cut]), words=("fix-concats",))
+    run = outcome_of(send(b"\0\0\0\0\0\0\0\4abcd"[:cut]), words=("fix-concats",))
     assert run == Outcome(b"", INCOMPLETE if cut >= 8 else b"", 0)
 
 
@@ -192,16 +192,16 @@ def test_checked_reply_cut_at_every_byte(cut):
 ])
 @pytest.mark.parametrize("size", [1, 3, 5, 7, 8, 9, 15])
 def test_reply_in_pieces(size, status, outcome):
-    assert ask(send_in_pieces(status + b"\0\0\0\x08abcdefgh", size, 0.01)) == outcome
+    assert outcome_of(send_in_pieces(status + b"\0\0\0\x08abcdefgh", size, 0.01)) == outcome
 
 
 def test_long_reply_in_single_bytes():
     payload = bytes(range(256)) * 16
-    assert ask(send_bytewise(struct.pack(">II", 0, 4096) + payload)) == Outcome(payload + b"\n", b"", 0)
+    assert outcome_of(send_bytewise(struct.pack(">II", 0, 4096) + payload)) == Outcome(payload + b"\n", b"", 0)
 
 
 def test_pause_between_header_and_payload():
-    assert ask(send(b"\0\0\0\0\0\0\0\4"), pause(0.3), send(b"abcd")) == Outcome(b"abcd\n", b"", 0)
+    assert outcome_of(send(b"\0\0\0\0\0\0\0\4"), pause(0.3), send(b"abcd")) == Outcome(b"abcd\n", b"", 0)
 
 
 def test_reply_may_come_before_the_request_is_read():
@@ -219,7 +219,7 @@ def test_reply_may_come_before_the_request_is_read():
     (b"\0\0\0\x05\0\0\0\0busy", failed(b"00000005", 5)),
 ])
 def test_answer_that_is_too_long(answer, outcome):
-    assert ask(send(answer)) == outcome
+    assert outcome_of(send(answer)) == outcome
 
 
 def announced_too_much(length):
@@ -233,12 +233,12 @@ def announced_too_much(length):
 @pytest.mark.parametrize("status", [0, 5])
 def test_length_above_what_comes(status, length):
     # Gigabytes of rubbish would have to be written first.
-    assert ask(send(struct.pack(">II", status, length) + b"0123456789"), env={}) == announced_too_much(length)
+    assert outcome_of(send(struct.pack(">II", status, length) + b"0123456789"), env={}) == announced_too_much(length)
 
 
 @pytest.mark.parametrize("status", [0, 5])
 def test_length_without_any_payload(status):
-    assert ask(send(struct.pack(">II", status, 0xffffffff)), env={}) == announced_too_much(0xffffffff)
+    assert outcome_of(send(struct.pack(">II", status, 0xffffffff)), env={}) == announced_too_much(0xffffffff)
 
 
 @pytest.mark.parametrize("status, outcome", [
@@ -247,21 +247,21 @@ def test_length_without_any_payload(status):
 ])
 def test_failed_payload_receive_reads_as_zeros(status, outcome):
     whole_header_then_reset = (await_unread(8), send(status + b"\0\0\0\5"), close())
-    assert ask(*whole_header_then_reset, read_request=False) == outcome
+    assert outcome_of(*whole_header_then_reset, read_request=False) == outcome
 
 
 def test_reset_within_the_payload_reads_as_incomplete():
     steps = (await_unread(8), send(b"\0\0\0\0\0\0\0\5ab"), close())
-    assert ask(*steps, read_request=False) == EMPTY_LINE_AND_WARNING
+    assert outcome_of(*steps, read_request=False) == EMPTY_LINE_AND_WARNING
 
 
 def test_reset_within_the_header_reads_as_zeros():
     steps = (await_unread(8), send(b"\0\0\0\7"), close())
-    assert ask(*steps, read_request=False) == failed(b"00000007", 7)
+    assert outcome_of(*steps, read_request=False) == failed(b"00000007", 7)
 
 
 def test_request_that_is_half_read_before_a_reset():
-    assert ask(read(5), await_unread(3), close(), read_request=False) == Outcome(b"", RESET, 104)
+    assert outcome_of(read(5), await_unread(3), close(), read_request=False) == Outcome(b"", RESET, 104)
 
 
 # ---- The socket path ----
@@ -364,11 +364,11 @@ def test_runs_beside_each_other_do_not_meet():
 
 def test_other_objects_crawler_state_is_printed_for_a_uuid(tmp_path):
     output = tmp_path / "out"
-    run = ask(reply(0, b"state"), words=("get-obj-crawler-state", "-u", UUID, "-o", output))
+    run = outcome_of(reply(0, b"state"), words=("get-obj-crawler-state", "-u", UUID, "-o", output))
     assert (run, output.exists()) == (Outcome(b"state\n", b"", 0), False)
 
 
 def test_crawler_state_of_all_objects_goes_to_the_output_file(tmp_path):
     output = tmp_path / "out"
-    run = ask(send(b"states"), words=("get-obj-crawler-state", "-u", UUID, "-a", "-o", output))
+    run = outcome_of(send(b"states"), words=("get-obj-crawler-state", "-u", UUID, "-a", "-o", output))
     assert (run, output.read_bytes()) == (Outcome(b"", b"", 0), b"states")

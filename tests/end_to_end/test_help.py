@@ -5,9 +5,9 @@ import subprocess
 
 import pytest
 
-from command_line import (LISTING, SOCKET_OPTION, help_text, own_program_name, refuse, run_as, succeeds,
-                          usage_error)
-from harness import TOOL, Outcome
+from command_line import (LISTING, SOCKET_OPTION, USAGE, cut_listing, help_text, own_program_name, refuse, run_as,
+                          succeeds, usage_error)
+from harness import TOOL, Outcome, tool
 
 
 # A text that differs from the listing in any way must not pass for it.
@@ -15,7 +15,18 @@ from harness import TOOL, Outcome
     LISTING[:-1], LISTING + b"\n", LISTING.replace(b"evacAllData) \n", b"evacAllData)\n"),
 ], ids=["shorter", "longer", "no trailing blank"])
 def test_comparison_is_exact(differing):
-    assert refuse("-h") != succeeds(help_text()[:-len(LISTING)] + differing)
+    assert tool("-h") == succeeds(help_text())
+    assert tool("-h") != succeeds(help_text(listing=differing))
+
+
+# Where the listing itself is not compared, there must be one all the same.
+@pytest.mark.parametrize("listing, cut", [
+    (LISTING, b"..."), (b"   stats\t\twords\n\noptions:\n   -h\n", b"..."), (b"", b""), (LISTING[:-1], LISTING[:-1]),
+    (b"\noptions:\n   -h\n", b"\noptions:\n   -h\n"), (b"   stats\t\twords\n", b"   stats\t\twords\n"),
+    (LISTING + b"x", LISTING + b"x"),
+], ids=["listing", "shortest", "nothing", "cut", "no command", "no option", "more"])
+def test_only_a_listing_is_cut(listing, cut):
+    assert cut_listing(help_text(listing=listing)) == help_text(listing=cut)
 
 
 @pytest.mark.parametrize("words", [
@@ -38,7 +49,7 @@ def test_comparison_is_exact(differing):
     ["--help", "-l", ""],
 ])
 def test_asked_for(words):
-    assert refuse(*words) == succeeds(help_text())
+    assert refuse(*words) == succeeds(USAGE)
 
 
 @pytest.mark.parametrize("words, message", [
@@ -54,7 +65,7 @@ def test_earlier_failure_wins(words, message):
 
 
 def test_no_arguments():
-    assert refuse() == Outcome(help_text(), b"", 1)
+    assert refuse() == usage_error("")
 
 
 @own_program_name
@@ -80,4 +91,4 @@ def test_program_name(name):
 ])
 def test_follows_the_message(words, message):
     assert refuse(*words) == usage_error(message)
-    assert refuse(*words, stderr=subprocess.STDOUT) == Outcome(message.encode() + help_text(), None, 1)
+    assert refuse(*words, stderr=subprocess.STDOUT) == Outcome(message.encode() + USAGE, None, 1)

@@ -6,8 +6,8 @@ import pytest
 
 from command_line import converse, record, tool_named
 from harness import LONG_BITS, TOOL, ZERO_UUID, Outcome, ScriptedDaemon, frame, reply, send
-from request_table import (CHECKED, ONE, PRINTED, ROWS, STREAMED, THREE, TWO, UNANSWERED, UUID, UUID_BYTES, name,
-                           rows_of)
+from request_table import (CHECKED, COMMANDS, ONE, PRINTED, ROWS, STREAMED, THREE, TWO, UNANSWERED, UUID, UUID_BYTES,
+                           name, rows_of)
 
 ULONG_MAX = {64: 18446744073709551615, 32: 4294967295}[LONG_BITS]
 SUCCESS = Outcome(b"", b"", 0)
@@ -20,16 +20,21 @@ def exchange(words, code, payload, *steps, may_break=False):
     return run
 
 
-def accepted(words, code, payload):
-    """The same for a command whose request is all that matters: the daemon answers with success."""
-    return exchange(words, code, payload, reply(0)) == SUCCESS
+def assert_accepted(words, code, payload):
+    """The command sends this request, and succeeds when the daemon says so."""
+    is_printed = next(row for row in ROWS if row.code == code).reply == PRINTED
+    assert exchange(words, code, payload, reply(0)) == Outcome(b"\n" if is_printed else b"", b"", 0)
+
+
+def commands_of(*shapes):
+    """Code, word and shape of the commands whose payload has one of these shapes."""
+    return [(command["code"], command["word"], command["shape"]) for command in COMMANDS if command["shape"] in shapes]
 
 
 # ---- Every command: its request, and the four kinds of answer. ----
 
-def test_table_holds_every_command():
-    assert [row.code for row in ROWS] == [*range(1, 27), *range(26, 35)]
-    assert len({row.word for row in ROWS}) == 34
+def test_codes_are_dense():
+    assert [command["code"] for command in COMMANDS] == list(range(1, len(COMMANDS) + 1))
 
 
 def failure(text):
@@ -71,16 +76,7 @@ def test_streamed_answer(row, answer, text):
 
 # ---- UUIDs ----
 
-UUID_SENDERS = ((2, "crawler"), (8, "fix-object-immediate"), (9, "get-object-last-operation"), (14, "info-rebalance"),
-                (15, "resources-to-fix-unhealthy-objects"), (23, "get-obj-decom-state"))
-
-
-def answered(words, code, payload):
-    """For a command of either framed class: the run succeeds, and the request is the expected one."""
-    return exchange(words, code, payload, reply(0)) in (SUCCESS, Outcome(b"\n", b"", 0))
-
-
-@pytest.mark.parametrize("code, word", UUID_SENDERS)
+@pytest.mark.parametrize("code, word, _shape", commands_of("UUID text"))
 @pytest.mark.parametrize("given, sent", [
     (b"ABCDEF01-2345-6789-ABCD-EF0123456789", b"abcdef01-2345-6789-abcd-ef0123456789"),
     (b"aBcDeF01-2345-6789-AbCd-eF0123456789", b"abcdef01-2345-6789-abcd-ef0123456789"),
@@ -91,27 +87,27 @@ def answered(words, code, payload):
     (b"0123abcd-4567-89ef-fedc-ba98765432", b"0123abcd-4567-89ef-fedc-ba9876543200"),
     (b"0123abcd-4567-89ef-fedc-ba9876543210-and-more", UUID),
 ])
-def test_uuid_text(code, word, given, sent):
-    assert answered(("-u", given, word), code, sent)
+def test_uuid_text(code, word, _shape, given, sent):
+    assert_accepted(("-u", given, word), code, sent)
 
 
 def test_all_does_not_stand_for_a_uuid_in_the_request():
-    assert exchange(("info-rebalance", "-a"), 14, ZERO_UUID, reply(0)) == Outcome(b"\n", b"", 0)
-    assert exchange(("info-rebalance", "-a", "-u", UUID), 14, UUID, reply(0)) == Outcome(b"\n", b"", 0)
+    assert_accepted(("info-rebalance", "-a"), 14, ZERO_UUID)
+    assert_accepted(("info-rebalance", "-a", "-u", UUID), 14, UUID)
 
 
 def test_second_uuid_cut_short_keeps_the_rest_of_the_first():
-    assert accepted(("-u", UUID, "-u", "11111111-2222-3333", "crawler"), 2, b"11111111-2222-3333-fedc-ba9876543210")
-    assert accepted(("-u", UUID, "-u", "11111111-2222-3333-4", "crawler"), 2, b"11111111-2222-3333-04dc-ba9876543210")
-    assert accepted(("-u", UUID, "-u", "11111111-2222-3333-44", "crawler"), 2, b"11111111-2222-3333-44dc-ba9876543210")
-    assert accepted(("-u", UUID, "-u", "11111111-2222-3333-4444-555555555", "crawler"), 2,
+    assert_accepted(("-u", UUID, "-u", "11111111-2222-3333", "crawler"), 2, b"11111111-2222-3333-fedc-ba9876543210")
+    assert_accepted(("-u", UUID, "-u", "11111111-2222-3333-4", "crawler"), 2, b"11111111-2222-3333-04dc-ba9876543210")
+    assert_accepted(("-u", UUID, "-u", "11111111-2222-3333-44", "crawler"), 2, b"11111111-2222-3333-44dc-ba9876543210")
+    assert_accepted(("-u", UUID, "-u", "11111111-2222-3333-4444-555555555", "crawler"), 2,
                     b"11111111-2222-3333-4444-555555550510")
-    assert accepted(("-u", UUID, "-u", TWO, "crawler"), 2, TWO)
+    assert_accepted(("-u", UUID, "-u", TWO, "crawler"), 2, TWO)
 
 
 def test_second_uuid_cut_short_in_a_record():
     words = ("-u", UUID, "-u", "11111111-2222-3333", "force-reconfigure-the-object")
-    assert accepted(words, 19, b"\x11\x11\x11\x11\x22\x22\x33\x33\xfe\xdc\xba\x98\x76\x54\x32\x10\0")
+    assert_accepted(words, 19, b"\x11\x11\x11\x11\x22\x22\x33\x33\xfe\xdc\xba\x98\x76\x54\x32\x10\0")
 
 
 # ---- fitness-config-set ----
@@ -122,12 +118,12 @@ JSON_TEXTS = [b"", b"{}", b'{"weight": 0.5,\n\t"name": "\xc3\xa9"}', b"not json"
 @pytest.mark.parametrize("json", JSON_TEXTS,
                          ids=["empty", "braces", "lines", "no-json", "odd-bytes", "largest"])
 def test_json(json):
-    assert accepted(("-j", json, "fitness-config-set"), 4, json + b"\0")
+    assert_accepted(("-j", json, "fitness-config-set"), 4, json + b"\0")
 
 
 def test_later_json_replaces_the_earlier():
-    assert accepted(("-j", '{"first": "and longer"}', "-j", "{}", "fitness-config-set"), 4, b"{}\0")
-    assert accepted(("-j", "{}", "-j", '{"second": "and longer"}', "fitness-config-set"), 4,
+    assert_accepted(("-j", '{"first": "and longer"}', "-j", "{}", "fitness-config-set"), 4, b"{}\0")
+    assert_accepted(("-j", "{}", "-j", '{"second": "and longer"}', "fitness-config-set"), 4,
                     b'{"second": "and longer"}\0')
 
 
@@ -147,12 +143,12 @@ def test_later_json_replaces_the_earlier():
 ], ids=["digit", "empty", "two-words", "blanks", "option-between", "options-around", "minus-one", "long-option-word",
         "its-own-word", "largest"])
 def test_log_level(words, sent):
-    assert accepted(words, 7, sent)
+    assert_accepted(words, 7, sent)
 
 
 @pytest.mark.parametrize("words", [("log-level",), ("-a", "log-level"), ("log-level", "-u", UUID), ("log-level", "--")])
 def test_log_level_without_a_level(words):
-    assert accepted(words, 7, os.fsencode(TOOL))
+    assert_accepted(words, 7, os.fsencode(TOOL))
 
 
 def test_log_level_sends_the_name_that_the_program_was_started_by(tmp_path):
@@ -189,7 +185,7 @@ def rebalance(*words, before=()):
     (("-a", "1", "-u", UUID, "0.5", "-e", "2"), (1, 0.5, 2, 14913081)),
 ])
 def test_rebalance_words(words, values):
-    assert accepted(rebalance(*words), 10, record("QdQQ", *values))
+    assert_accepted(rebalance(*words), 10, record("QdQQ", *values))
 
 
 def test_rebalance_without_words_reads_none(tmp_path):
@@ -224,12 +220,12 @@ def first_letters(value):
 @pytest.mark.parametrize("word, value", INTEGERS, ids=first_letters)
 def test_rebalance_integers(word, value):
     # The leading "--" lets words begin with a minus sign.
-    assert accepted(rebalance(word, "0.5", word, word, before=("--",)), 10, record("QdQQ", value, 0.5, value, value))
+    assert_accepted(rebalance(word, "0.5", word, word, before=("--",)), 10, record("QdQQ", value, 0.5, value, value))
 
 
 @pytest.mark.parametrize("word", NOT_INTEGERS, ids=first_letters)
 def test_rebalance_not_integers(word):
-    assert accepted(rebalance(word, "0.5", word, word, before=("--",)), 10, record("QdQQ", 86400, 0.5, 1800, 14913081))
+    assert_accepted(rebalance(word, "0.5", word, word, before=("--",)), 10, record("QdQQ", 86400, 0.5, 1800, 14913081))
 
 
 INFINITY, MINUS_INFINITY = 0x7ff0000000000000, 0xfff0000000000000
@@ -263,12 +259,12 @@ NOT_DOUBLES = ["", " ", "default", "DEFAULT", "x", ".", "-.", "+", "-", "+-1", "
 
 @pytest.mark.parametrize("word, bits", DOUBLES, ids=first_letters)
 def test_rebalance_doubles(word, bits):
-    assert accepted(rebalance("1", word, "2", "3", before=("--",)), 10, record("QQQQ", 1, bits, 2, 3))
+    assert_accepted(rebalance("1", word, "2", "3", before=("--",)), 10, record("QQQQ", 1, bits, 2, 3))
 
 
 @pytest.mark.parametrize("word", NOT_DOUBLES, ids=first_letters)
 def test_rebalance_not_doubles(word):
-    assert accepted(rebalance("1", word, "2", "3", before=("--",)), 10, record("QQQQ", 1, 0x3fd3333333333333, 2, 3))
+    assert_accepted(rebalance("1", word, "2", "3", before=("--",)), 10, record("QQQQ", 1, 0x3fd3333333333333, 2, 3))
 
 
 # ---- what-if-entity-decom ----
@@ -287,13 +283,13 @@ def test_rebalance_not_doubles(word):
 ])
 def test_entity_decom(options, uuid, mode, durability):
     payload = uuid + record("I", mode) + durability + b"\0\0\0"
-    assert exchange((*options, "what-if-entity-decom"), 16, payload, reply(0)) == Outcome(b"\n", b"", 0)
+    assert_accepted((*options, "what-if-entity-decom"), 16, payload)
 
 
 # ---- what-if-upgrade ----
 
-def upgraded(options, payload):
-    return exchange((*options, "what-if-upgrade"), 17, payload, reply(0)) == Outcome(b"\n", b"", 0)
+def assert_upgraded(options, payload):
+    assert_accepted((*options, "what-if-upgrade"), 17, payload)
 
 
 @pytest.mark.parametrize("options, uuid, mode, reason, wipe", [
@@ -309,40 +305,39 @@ def upgraded(options, payload):
 ])
 def test_upgrade_head(options, uuid, mode, reason, wipe):
     payload = uuid + record("II", mode, reason) + wipe + b"\0\0\0" + record("I", 1) + ONE + b"\0"
-    assert upgraded(("-l", ONE, *options), payload)
+    assert_upgraded(("-l", ONE, *options), payload)
 
 
 def test_upgrade_with_two_uuids_is_106_bytes():
     payload = b"\0" * 28 + record("I", 2) + ONE + b"," + TWO + b"\0"
     assert len(payload) == 106
-    assert upgraded(("-l", ONE + b"," + TWO), payload)
+    assert_upgraded(("-l", ONE + b"," + TWO), payload)
 
 
 def test_upgrade_list_is_sent_as_given():
     upper = b"ABCDEF01-2345-6789-ABCD-EF0123456789"
-    assert upgraded(("-l", upper), b"\0" * 28 + record("I", 1) + upper + b"\0")
-    assert upgraded(("-l", b"?" * 73), b"\0" * 28 + record("I", 2) + b"?" * 73 + b"\0")
+    assert_upgraded(("-l", upper), b"\0" * 28 + record("I", 1) + upper + b"\0")
+    assert_upgraded(("-l", b"?" * 73), b"\0" * 28 + record("I", 2) + b"?" * 73 + b"\0")
 
 
 def test_second_upgrade_list_replaces_the_first():
-    assert upgraded(("-l", TWO + b"," + THREE, "-l", ONE), b"\0" * 28 + record("I", 1) + ONE + b"\0")
-    assert upgraded(("-l", ONE, "-l", TWO + b"," + THREE), b"\0" * 28 + record("I", 2) + TWO + b"," + THREE + b"\0")
+    assert_upgraded(("-l", TWO + b"," + THREE, "-l", ONE), b"\0" * 28 + record("I", 1) + ONE + b"\0")
+    assert_upgraded(("-l", ONE, "-l", TWO + b"," + THREE), b"\0" * 28 + record("I", 2) + TWO + b"," + THREE + b"\0")
 
 
 @pytest.mark.parametrize("count", [2559, 2560])
 def test_long_upgrade_list(count):
     text = (ONE + b",") * (count - 1) + TWO
-    assert upgraded(("-l", text), b"\0" * 28 + record("I", count) + text + b"\0")
+    assert_upgraded(("-l", text), b"\0" * 28 + record("I", count) + text + b"\0")
 
 
 # ---- paths ----
 
-PATH_SENDERS = ((19, "force-reconfigure-the-object", b"\0" * 16), (20, "update-plaxdb", b""),
-                (21, "replace-plaxdb", b""))
+UUID_SIZES = {"File path": 0, "Force reconfigure": 16}  # what goes out before the path, all zero without -u
 LONGEST_PATH = b"/" + b"p" * 4094 + b"q"
 
 
-each_path_sender = pytest.mark.parametrize("code, word, head", PATH_SENDERS)
+each_path_sender = pytest.mark.parametrize("code, word, shape", commands_of(*UUID_SIZES))
 
 
 @each_path_sender
@@ -354,8 +349,8 @@ each_path_sender = pytest.mark.parametrize("code, word, head", PATH_SENDERS)
     (("-f", LONGEST_PATH[:4095]), LONGEST_PATH[:4095]),
     (("-f", LONGEST_PATH), LONGEST_PATH),
 ], ids=["none", "empty", "short", "odd-bytes", "4095", "4096"])
-def test_paths(code, word, head, options, path):
-    assert accepted((*options, word), code, head + path + b"\0")
+def test_paths(code, word, shape, options, path):
+    assert_accepted((*options, word), code, bytes(UUID_SIZES[shape]) + path + b"\0")
 
 
 @each_path_sender
@@ -366,13 +361,13 @@ def test_paths(code, word, head, options, path):
     (("-f", "/a/long/path", "-f", "/second", "-f", "/c"), b"/cecond/path"),
     (("-f", LONGEST_PATH, "-f", "/b"), b"/b" + b"p" * 4093 + b"q"),
 ], ids=["shorter", "empty", "longer", "thrice", "longest-first"])
-def test_second_shorter_file_path_keeps_the_tail(code, word, head, options, path):
-    assert accepted((*options, word), code, head + path + b"\0")
+def test_second_shorter_file_path_keeps_the_tail(code, word, shape, options, path):
+    assert_accepted((*options, word), code, bytes(UUID_SIZES[shape]) + path + b"\0")
 
 
 def test_reconfigure_names_its_object():
-    assert accepted(("-u", UUID, "-f", "/b", "force-reconfigure-the-object"), 19, UUID_BYTES + b"/b\0")
-    assert accepted(("-u", UUID, "force-reconfigure-the-object"), 19, UUID_BYTES + b"\0")
+    assert_accepted(("-u", UUID, "-f", "/b", "force-reconfigure-the-object"), 19, UUID_BYTES + b"/b\0")
+    assert_accepted(("-u", UUID, "force-reconfigure-the-object"), 19, UUID_BYTES + b"\0")
 
 
 # ---- enable-plax-recovery-mode, get-obj-crawler-state ----
@@ -388,80 +383,80 @@ def test_reconfigure_names_its_object():
     (("-u", UUID, "-a"), UUID + b"0"),
 ])
 def test_recovery_mode(options, text):
-    assert accepted((*options, "enable-plax-recovery-mode"), 22, text + b"\0\0\0\0")
+    assert_accepted((*options, "enable-plax-recovery-mode"), 22, text + b"\0\0\0\0")
 
 
 def test_crawler_state():
-    assert answered(("-u", UUID, "-m", "7", "get-obj-crawler-state"), 26, UUID + b"0\0\0\0\0")
+    assert_accepted(("-u", UUID, "-m", "7", "get-obj-crawler-state"), 26, UUID + b"0\0\0\0\0")
     assert exchange(("-a", "-a", "get-obj-crawler-state"), 26, ZERO_UUID + b"1\0\0\0\0") == SUCCESS
     assert exchange(("-u", UUID, "-a", "get-obj-crawler-state"), 26, UUID + b"1\0\0\0\0") == SUCCESS
 
 
 # ---- enable-workitem, disable-workitem ----
 
-@pytest.mark.parametrize("code, word", [(24, "enable-workitem"), (25, "disable-workitem")])
-def test_later_work_item_replaces_the_earlier(code, word):
-    assert accepted(("-i", "MANUAL_MOVE", "-i", "MOVE", word), code, b"7\0\0\0")
+@pytest.mark.parametrize("code, word, _shape", commands_of("Work item"))
+def test_later_work_item_replaces_the_earlier(code, word, _shape):
+    assert_accepted(("-i", "MANUAL_MOVE", "-i", "MOVE", word), code, b"7\0\0\0")
 
 
 # ---- component-manual-move ----
 
-def moved(options, counts, destinations, exclusions):
+def assert_moved(options, counts, destinations, exclusions):
     payload = UUID_BYTES + record("II", *counts) + destinations + exclusions
     assert len(payload) == 189464
-    return accepted(("-u", UUID, *options, "component-manual-move"), 33, payload)
+    assert_accepted(("-u", UUID, *options, "component-manual-move"), 33, payload)
 
 
 EMPTY = b"\0" * 94720
 
 
 def test_move_lists():
-    assert moved(("-n", ONE), (1, 0), ONE + b"\0" * 94684, EMPTY)
-    assert moved(("-x", ONE), (0, 1), EMPTY, ONE + b"\0" * 94684)
-    assert moved(("-n", ONE + b"," + TWO), (2, 0), ONE + b"," + TWO + b"\0" * 94647, EMPTY)
-    assert moved(("-x", ONE + b"," + TWO), (0, 2), EMPTY, ONE + b"," + TWO + b"\0" * 94647)
+    assert_moved(("-n", ONE), (1, 0), ONE + b"\0" * 94684, EMPTY)
+    assert_moved(("-x", ONE), (0, 1), EMPTY, ONE + b"\0" * 94684)
+    assert_moved(("-n", ONE + b"," + TWO), (2, 0), ONE + b"," + TWO + b"\0" * 94647, EMPTY)
+    assert_moved(("-x", ONE + b"," + TWO), (0, 2), EMPTY, ONE + b"," + TWO + b"\0" * 94647)
 
 
 def test_move_lists_are_sent_as_given():
     upper = b"ABCDEF01-2345-6789-ABCD-EF0123456789"
-    assert moved(("-n", upper), (1, 0), upper + b"\0" * 94684, EMPTY)
-    assert moved(("-x", b"?" * 73), (0, 2), EMPTY, b"?" * 73 + b"\0" * 94647)
+    assert_moved(("-n", upper), (1, 0), upper + b"\0" * 94684, EMPTY)
+    assert_moved(("-x", b"?" * 73), (0, 2), EMPTY, b"?" * 73 + b"\0" * 94647)
 
 
 def test_second_move_list_leaves_nothing_of_the_first():
-    assert moved(("-n", TWO + b"," + THREE, "-n", ONE), (1, 0), ONE + b"\0" * 94684, EMPTY)
-    assert moved(("-x", TWO + b"," + THREE, "-x", ONE), (0, 1), EMPTY, ONE + b"\0" * 94684)
-    assert moved(("-n", (TWO + b",") * 2558 + TWO, "-n", "", "-n", ONE), (1, 0), ONE + b"\0" * 94684, EMPTY)
+    assert_moved(("-n", TWO + b"," + THREE, "-n", ONE), (1, 0), ONE + b"\0" * 94684, EMPTY)
+    assert_moved(("-x", TWO + b"," + THREE, "-x", ONE), (0, 1), EMPTY, ONE + b"\0" * 94684)
+    assert_moved(("-n", (TWO + b",") * 2558 + TWO, "-n", "", "-n", ONE), (1, 0), ONE + b"\0" * 94684, EMPTY)
 
 
 def test_longest_move_lists():
     text = (ONE + b",") * 2558 + TWO
-    assert moved(("-n", text), (2559, 0), text + b"\0" * 38, EMPTY)
-    assert moved(("-x", text), (0, 2559), EMPTY, text + b"\0" * 38)
+    assert_moved(("-n", text), (2559, 0), text + b"\0" * 38, EMPTY)
+    assert_moved(("-x", text), (0, 2559), EMPTY, text + b"\0" * 38)
 
 
 # ---- set-global-exclusion-list ----
 
-def excluded(options, mode, count, text):
+def assert_excluded(options, mode, count, text):
     payload = record("II", mode, count) + text
     assert len(payload) == 94728
-    return accepted((*options, "set-global-exclusion-list"), 34, payload)
+    assert_accepted((*options, "set-global-exclusion-list"), 34, payload)
 
 
 @pytest.mark.parametrize("options, mode", [((), 0), (("-X", "0"), 0), (("-X", "1"), 1), (("-X", "2"), 2),
                                            (("-X", "3"), 3),
                                            (("-X", "3", "-X", "1"), 1), (("-u", UUID, "-n", TWO), 0)])
 def test_exclusion_modes(options, mode):
-    assert excluded(("-x", ONE, *options), mode, 1, ONE + b"\0" * 94684)
+    assert_excluded(("-x", ONE, *options), mode, 1, ONE + b"\0" * 94684)
 
 
 def test_exclusion_lists():
-    assert excluded(("-x", ""), 0, 0, EMPTY)
-    assert excluded(("-x", ONE + b"," + TWO), 0, 2, ONE + b"," + TWO + b"\0" * 94647)
+    assert_excluded(("-x", ""), 0, 0, EMPTY)
+    assert_excluded(("-x", ONE + b"," + TWO), 0, 2, ONE + b"," + TWO + b"\0" * 94647)
     text = (ONE + b",") * 2558 + TWO
-    assert excluded(("-x", text), 0, 2559, text + b"\0" * 38)
+    assert_excluded(("-x", text), 0, 2559, text + b"\0" * 38)
 
 
 def test_second_exclusion_list_leaves_nothing_of_the_first():
-    assert excluded(("-x", TWO + b"," + THREE, "-x", ONE), 0, 1, ONE + b"\0" * 94684)
-    assert excluded(("-x", (TWO + b",") * 2558 + TWO, "-x", ""), 0, 0, EMPTY)
+    assert_excluded(("-x", TWO + b"," + THREE, "-x", ONE), 0, 1, ONE + b"\0" * 94684)
+    assert_excluded(("-x", (TWO + b",") * 2558 + TWO, "-x", ""), 0, 0, EMPTY)

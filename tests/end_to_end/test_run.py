@@ -5,7 +5,7 @@ import subprocess
 
 import pytest
 
-from command_line import SOCKET, SOCKET_OPTION, UUID, ask, help_text, refuse, succeeds, usage_error, uuid_list
+from command_line import SOCKET, SOCKET_OPTION, USAGE, UUID, ask, refuse, succeeds, usage_error, uuid_list
 from harness import TOOL, Outcome, ScriptedDaemon, frame, reply, send, tool
 from request_table import ROWS
 
@@ -102,7 +102,7 @@ def test_order_of_checks(words, outcome):
     (["enable-workitem"], b"work-item type must be provided (specify with -i/--work-item)\n"),
 ])
 def test_message_comes_before_the_listing(words, message):
-    assert refuse(*words, stderr=subprocess.STDOUT) == Outcome(message + help_text(), None, 1)
+    assert refuse(*words, stderr=subprocess.STDOUT) == Outcome(message + USAGE, None, 1)
 
 
 def test_words_are_not_limited():

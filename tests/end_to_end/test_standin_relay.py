@@ -4,11 +4,12 @@ import os
 import random
 import signal
 import socket
+import termios
 import threading
 import time
 
-from harness import Outcome, ScriptedDaemon, close, eventually, finish_tool, frame, pause, reply, send, stay_silent
-from harness import start_tool, tool
+from harness import Outcome, ScriptedDaemon, close, eventually, finish_tool, frame, pause, queued, reply, send
+from harness import start_tool, stay_silent, tool
 from request_table import ROWS
 from standin_process import EXAMPLES, Standin, end, entry, framed, read_all, start_standin
 import pytest
@@ -196,7 +197,7 @@ def test_reset_by_the_client(raw):
         client.sendall(frame(13))
         assert daemon.recv(8) == frame(13)
         daemon.sendall(b"unread")
-        time.sleep(0.2)
+        assert eventually(lambda: queued(client, termios.FIONREAD) == 6)
         client.close()
         with pytest.raises(ConnectionResetError):
             daemon.recv(1)
@@ -253,10 +254,14 @@ def test_slow_reader_gets_everything(raw):
     with client, daemon:
         client.sendall(frame(1))
         assert daemon.recv(8) == frame(1)
-        sender = threading.Thread(target=lambda: (daemon.sendall(data), daemon.close()))
+        taken = 0
+        daemon.settimeout(1)
+        with pytest.raises(TimeoutError):
+            while taken < len(data):
+                taken += daemon.send(data[taken:taken + (1 << 16)])
+        daemon.settimeout(60)
+        sender = threading.Thread(target=lambda: (daemon.sendall(data[taken:]), daemon.close()))
         sender.start()
-        time.sleep(0.3)
-        assert sender.is_alive()
         assert read_all(client) == data
         sender.join(60)
 
