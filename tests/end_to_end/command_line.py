@@ -78,9 +78,11 @@ def refuse(*words, **options):
 
 
 def run_as(name, *words):
-    """Runs the tool with the given program name as the first element of its argument vector."""
-    return finish_tool(subprocess.Popen([name, *words], executable=TOOL, stdin=subprocess.DEVNULL,
-                                        stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=environment()))
+    """Runs the tool with the given program name as the first element of its argument vector, which Python does not let
+    be empty."""
+    return finish_tool(subprocess.Popen(["bash", "-c", 'exec -a "$0" "$@"', name, TOOL, *words],
+                                        stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                        env=environment()))
 
 
 # For the tests that use run_as.

@@ -111,9 +111,9 @@ ERRORS_OF = {
 # Symbols of the C library that the tool and the platform library may use without a failure to inject: they compute
 # only, or give back, or end the run.
 HARMLESS = set("""
-    __errno_location __isoc99_sscanf __libc_start_main __memcpy_chk __memset_chk __snprintf_chk __stack_chk_fail
-    __strlen_chk abort free getopt_long htonl mallopt memcmp memcpy memmove memset ntohl optarg optind snprintf sscanf
-    stderr stdout strcmp strerror strlen strnlen strtoul""".split())
+    __errno_location __isoc23_sscanf __isoc23_strtoul __isoc99_sscanf __libc_start_main __memcpy_chk __memset_chk
+    __snprintf_chk __stack_chk_fail __strlen_chk abort free getopt_long htonl mallopt memcmp memcpy memmove memset ntohl
+    optarg optind snprintf sscanf stderr stdout strcmp strerror strlen strnlen strtoul""".split())
 # The names behind which the library finds the functions of ERRORS_OF.
 INJECTED = set("""
     __printf_chk __vfprintf_chk calloc close connect fcntl fcntl64 fputc malloc open open64 perror printf putc

@@ -100,9 +100,10 @@ def test_allocations_of_the_c_library_are_counted_apart():
     # The C library allocates the buffer of standard output; without it, every character is written by itself.
     assert probe("printf", plan="libc-malloc:1:error:12") == (
         0, b"3 words", "printf 7 12\n", "printf\nlibc-malloc = -1 12\n")
-    # Here the first one stands behind the probe's message, not behind its call.
-    assert probe("malloc", plan="libc-malloc:1:error:12") == (
-        0, b"", "malloc 1 0\n", "malloc\nfree\nlibc-malloc = -1 12\n")
+    # The probe's own call is none of them, though some versions of the library allocate for the probe's message later.
+    *told, recorded = probe("malloc", plan="libc-malloc:1:error:12")
+    assert told == [0, b"", "malloc 1 0\n"]
+    assert recorded in ("malloc\nfree\n", "malloc\nfree\nlibc-malloc = -1 12\n")
 
 
 def test_abort_is_recorded():

@@ -137,7 +137,8 @@ TEST(Answers, NoTurnIsTakenTwice)
 TEST(Answers, UnknownCommandIsRefused)
 {
     AnswerBook book = BuiltInAnswers();
-    const Answer &answer = NextAnswer(&book, DecodedRequest{});
+    const DecodedRequest request{};
+    const Answer &answer = NextAnswer(&book, request);
     EXPECT_EQ(answer.status, 0x2bad0016U);
     EXPECT_EQ(answer.pieces[0].bytes, "unknown command");
 }
