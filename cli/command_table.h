@@ -1,5 +1,4 @@
-// The command table. A row holds all that makes a command what it is, and nothing else in the tool asks for a command
-// by its number. Adding a command is adding a row here.
+// The command table. A row holds everything about a command; nothing else in the tool depends on a command's code.
 #ifndef PLAX_CLI_COMMAND_TABLE_H
 #define PLAX_CLI_COMMAND_TABLE_H
 
@@ -14,7 +13,7 @@
 struct CommandRow {
     CommandCode code;
     const char *word;
-    const char *help; // null: the command works, but is not advertised
+    const char *help; // null: the command works but is not advertised
     time_t receiveTimeoutSec;
     ReplyClass replyClass;
     const char *(*rule)(const Invocation &); // null: unchecked
@@ -119,7 +118,7 @@ consteval bool RowsFollowCodes()
 }
 static_assert(RowsFollowCodes(), "codes are dense from 1: the daemon dispatches on them");
 
-// Returns the row of the command called `word`, exactly and case-sensitively, or null when there is none.
+// Returns the row of the command `word`, compared case-sensitively, or null if there is none.
 constexpr const CommandRow *FindCommand(std::string_view word)
 {
     for (const CommandRow &row : kCommands) {

@@ -10,12 +10,10 @@
 #include "platform_support.h"
 #include "safe_allocation.h"
 
-#include <malloc.h>
-
 #include <cstdio>
+#include <cstdlib>
 
-// Returns the row of the command word, which stands where option parsing has left `optind`, or reports why there is
-// none and returns null.
+// Returns the row of the command word, to which option parsing has set `optind`, or reports the error and returns null.
 static const CommandRow *SelectCommand(int argumentCount, char *const *arguments)
 {
     if (optind >= argumentCount) {
@@ -75,29 +73,22 @@ static QRT_ReturnStatus RunCommand(int argumentCount, char **arguments, CommandS
     return HandleReply(command->replyClass, invocation.socket, sent, *settings);
 }
 
-// With a buffer of its own, standard output needs neither a file status nor an allocation for its first byte, and the
-// help text leaves in one write unless the program's name is very long.
+// A buffer of our own saves standard output a file status and an allocation, and has space for the whole help text.
 static void BufferStandardOutput()
 {
     static char buffer[8192];
     setvbuf(stdout, buffer, _IOFBF, sizeof buffer);
 }
 
-// Both allocations come fresh from the system, zero already; glibc clears what it takes from a heap grown in advance.
-static char *AllocateList()
-{
-    return static_cast<char *>(PLAX_SafeCalloc(kUuidListCapacity, sizeof(char)));
-}
-
 QRT_ReturnStatus RunTool(int argumentCount, char **arguments)
 {
-    mallopt(M_TOP_PAD, 0); // grow the heap as asked, not in advance (see AllocateList)
+    // Both buffers in one allocation, which is large enough for the C library to take fresh zero pages for it.
+    auto *lists = static_cast<char *>(PLAX_SafeCalloc(2, kUuidListCapacity));
     CommandSettings settings;
-    settings.destinationList = AllocateList();
-    settings.exclusionList = AllocateList();
+    settings.destinationList = lists;
+    settings.exclusionList = lists + kUuidListCapacity;
     BufferStandardOutput();
     const QRT_ReturnStatus status = RunCommand(argumentCount, arguments, &settings);
-    free(settings.destinationList);
-    free(settings.exclusionList);
+    free(lists);
     return status;
 }

@@ -4,8 +4,7 @@
 
 #include "return_status.h"
 
-// Performs the one command that the argument vector asks for and returns its outcome. The vector is permuted by the
-// option parser.
+// Performs the command in the argument vector and returns its status. Option parsing permutes the vector.
 QRT_ReturnStatus RunTool(int argumentCount, char **arguments);
 
 #endif

@@ -1,4 +1,4 @@
-// The help text. All of it but the program's name is put together from the two tables when the tool is compiled.
+// The help text, made from the two tables at compile time except for the program's name.
 
 #include "help_text.h"
 
@@ -9,7 +9,7 @@
 #include <cstdio>
 #include <string_view>
 
-// Calls `append` with each piece of the text that follows the header.
+// Calls `append` with each piece of the text after the header.
 template <typename Append>
 static consteval void ForEachPiece(Append append)
 {
@@ -38,7 +38,7 @@ static consteval size_t ListingLength()
 
 static consteval auto MakeListing()
 {
-    std::array<char, ListingLength() + 1> listing{}; // the last character stays zero and ends the text
+    std::array<char, ListingLength() + 1> listing{}; // the last character stays zero: the terminator
     char *end = listing.data();
     ForEachPiece([&end](std::string_view piece) {
         for (const char character : piece) {

@@ -1,4 +1,4 @@
-// What each option does with its argument.
+// The option handlers: each stores its option's argument in the settings.
 
 #include "option_handlers.h"
 
@@ -12,12 +12,11 @@
 
 static constexpr uint32_t kRecoveryModeMax = 7;
 static constexpr uint32_t kExclusionModeMax = 3;
-// A list this long and its terminator leave one byte of the capacity unused, so one entry less than a UUID list may
-// hold.
+// One byte of the capacity stays unused, so these lists hold one entry less than that of -l.
 static constexpr size_t kEntityListLengthMax = kUuidListCapacity - 2;
 
-// Stores the low 32 bits of the decimal number that `text` begins with, 0 if it begins with none. Returns false, with
-// *number left alone, when the number is out of the range of unsigned long.
+// Stores the low 32 bits of the decimal number at the start of `text`, or 0 if there is none. If the number does not
+// fit an unsigned long, returns false and leaves *number unchanged.
 static bool ParseNumber(const char *text, uint32_t *number)
 {
     errno = 0;
@@ -40,7 +39,7 @@ static ParseOutcome StoreNumber(const char *what, const char *argument, uint32_t
     return ParseNumber(argument, number) ? ParseOutcome::Parsed : FailNumber(what, argument);
 }
 
-// Only the list's length is looked at: its content is for the daemon to judge.
+// Only the length of a list is checked. The daemon judges its content.
 static bool IsWholeEntries(size_t listLength)
 {
     return (listLength + 1) % kUuidListEntrySize == 0;
@@ -84,14 +83,14 @@ ParseOutcome SetSocketPath(const char *argument, CommandSettings *settings)
     return ParseOutcome::Parsed;
 }
 
-// The number is checked and dropped: the receive timeout is the command's own. (test timeout_changes_nothing)
+// The number is checked and not used: each command has a fixed receive timeout. (test timeout_changes_nothing)
 ParseOutcome CheckTimeout(const char *argument, CommandSettings * /*settings*/)
 {
     uint32_t timeout = 0;
     return StoreNumber("wait timeout", argument, &timeout);
 }
 
-// A UUID may be cut off after its third group; the bytes not given keep what they held.
+// A UUID may end after its third group; the remaining bytes keep their value.
 ParseOutcome SetUuid(const char *argument, CommandSettings *settings)
 {
     static constexpr int kConversionsMin = 8;
@@ -117,7 +116,7 @@ ParseOutcome SetUuidList(const char *argument, CommandSettings *settings)
         return FailList(argument);
     }
     if (length >= kUuidListCapacity) {
-        // A plan for a part of the hosts would look like a plan for all of them.
+        // Abort, since a plan for a truncated list would look like a plan for the whole one.
         Warning("UUID list is longer than max limit\n");
         abort();
     }
@@ -133,7 +132,7 @@ ParseOutcome SetJson(const char *argument, CommandSettings *settings)
     return ParseOutcome::Parsed;
 }
 
-// No terminator is written: the field begins as zero, and a second, shorter path keeps the tail of the first.
+// No terminator is written: the field starts out zero, and after a longer path its end remains.
 // (test second_shorter_file_path_keeps_the_tail)
 ParseOutcome SetFilePath(const char *argument, CommandSettings *settings)
 {

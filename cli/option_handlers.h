@@ -1,4 +1,4 @@
-// One handler for each option, named in the option's row. See OptionHandler for what they take and return.
+// One handler for each option, named in the option's row. OptionHandler describes parameters and result.
 #ifndef PLAX_CLI_OPTION_HANDLERS_H
 #define PLAX_CLI_OPTION_HANDLERS_H
 

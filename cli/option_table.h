@@ -1,5 +1,5 @@
-// The option table: a row for each option, in the order in which getopt_long sees them. That order is behaviour, since
-// the word test of two commands reads the index of the last long option.
+// The option table, in getopt_long's order. The order is behaviour: the word test of two commands uses the index of the
+// last long option.
 #ifndef PLAX_CLI_OPTION_TABLE_H
 #define PLAX_CLI_OPTION_TABLE_H
 

@@ -1,4 +1,4 @@
-// Option parsing: getopt_long takes the command line apart, and each option's row says what becomes of it.
+// Option parsing: getopt_long finds the options, and each option's row has the handler that stores it.
 
 #include "options.h"
 
@@ -8,7 +8,7 @@
 
 static consteval auto MakeLongOptions()
 {
-    std::array<option, std::size(kOptions) + 1> longOptions{}; // the last entry stays zero and ends the table
+    std::array<option, std::size(kOptions) + 1> longOptions{}; // the last entry stays zero: the end of the table
     for (size_t i = 0; i < std::size(kOptions); ++i) {
         longOptions[i] = {kOptions[i].longName, kOptions[i].argumentKind, nullptr, kOptions[i].letter};
     }
@@ -23,7 +23,7 @@ ParseOutcome ParseOptions(int argumentCount, char **arguments, CommandSettings *
                                  &settings->longOptionIndex)) != -1) {
         const OptionRow *row = FindOption(letter);
         if (row == nullptr) {
-            return ParseOutcome::Failed; // getopt_long has said what is wrong
+            return ParseOutcome::Failed; // getopt_long has printed a message
         }
         const ParseOutcome outcome = row->handler(optarg, settings);
         if (outcome != ParseOutcome::Parsed) {

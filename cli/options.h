@@ -1,4 +1,4 @@
-// The command line's options: their table, and the parser that turns them into CommandSettings.
+// Parsing the command line's options into CommandSettings.
 #ifndef PLAX_CLI_OPTIONS_H
 #define PLAX_CLI_OPTIONS_H
 
@@ -10,11 +10,11 @@
 
 enum class ParseOutcome : uint8_t {
     Parsed,
-    HelpRequested, // -h: the help text is to be shown, and the run is a success
-    Failed,        // the message is out, the help text is to follow
+    HelpRequested, // -h: print the help text and exit 0
+    Failed,        // a message was printed; the help text is to follow
 };
 
-// Takes one option's argument (null if it has none) into the settings. Returns Parsed to go on with the next option.
+// Stores an option's argument (null if it has none) in the settings. Parsing goes on if the result is Parsed.
 using OptionHandler = ParseOutcome (*)(const char *argument, CommandSettings *settings);
 
 struct OptionRow {
@@ -25,9 +25,9 @@ struct OptionRow {
     const char *help; // the option's line of the help text
 };
 
-// Parses the options of the argument vector in their order up to the first that fails, which it reports, and moves them
-// to the vector's front: the words that are no options follow them from `optind` on. `settings` must hold the defaults;
-// after a failure it holds what the options before had set, and is of no further use.
+// Parses the options in command-line order into `settings`, which must hold the defaults, and permutes the vector so
+// that the operands start at `optind`. Stops at the first option that fails, after printing its message; `settings`
+// then holds the options before it.
 ParseOutcome ParseOptions(int argumentCount, char **arguments, CommandSettings *settings);
 
 #endif

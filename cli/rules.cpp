@@ -1,4 +1,4 @@
-// The argument rules. They are few on purpose: most judgement is the daemon's.
+// The argument rules. They are few: the daemon judges most requests.
 
 #include "rules.h"
 
@@ -12,9 +12,9 @@ static const char *FailUnless(bool met, const char *message)
     return met ? nullptr : message;
 }
 
-// The word looked at is the one whose position in the vector equals the table index of the last long option, or 1. That
-// is rarely the word that is sent, and scripts have come to depend on what passes. (test word_test)
-// An index beyond the vector passes, so that nothing outside it is read.
+// Tests the argument whose position is the table index of the last long option, or 1 without one. That is rarely the
+// word that is sent, but changing it would change which command lines are accepted. (test word_test)
+// A position beyond the end of the vector passes without a read.
 static bool PassesWordTest(const Invocation &invocation)
 {
     const int index = invocation.settings.longOptionIndex;

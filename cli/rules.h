@@ -1,5 +1,5 @@
-// The argument rules: what a command must have been given before the daemon is bothered. A rule is a function that
-// returns null when it is met, and otherwise the message for the user.
+// The argument rules: what a command needs before a connection is made. A rule returns null if it is met, otherwise the
+// message for the user.
 #ifndef PLAX_CLI_RULES_H
 #define PLAX_CLI_RULES_H
 

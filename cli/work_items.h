@@ -1,4 +1,4 @@
-// The work items that can be enabled and disabled, by name.
+// The types of work items that can be enabled and disabled.
 #ifndef PLAX_CLI_WORK_ITEMS_H
 #define PLAX_CLI_WORK_ITEMS_H
 
@@ -10,7 +10,7 @@ struct WorkItem {
     uint32_t number;
 };
 
-// No name carries number 4: the daemon reads these numbers, so the gap stays. (test every_work_item)
+// No name has the number 4: the daemon reads these numbers, so they are not renumbered. (test every_work_item)
 inline constexpr WorkItem kWorkItems[] = {
     {"PLACEMENT", 1},
     {"DECOM_CLEANUP", 2},

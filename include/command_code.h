@@ -1,5 +1,5 @@
 // The number of a command, which is also its request code on the wire. The daemon dispatches on these numbers, so they
-// are never given out again. In the tool the numbers stand in the command table's rows and nowhere else.
+// are never reused. In the tool only the rows of the command table hold such numbers.
 #ifndef PLAX_INCLUDE_COMMAND_CODE_H
 #define PLAX_INCLUDE_COMMAND_CODE_H
 

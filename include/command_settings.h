@@ -1,4 +1,4 @@
-// Everything that the command line's options set. The driver owns the one record of a run; the initialisers are the
+// Everything that the command line's options set. The driver owns the one record of a run. The initializers are the
 // defaults.
 #ifndef PLAX_INCLUDE_COMMAND_SETTINGS_H
 #define PLAX_INCLUDE_COMMAND_SETTINGS_H
@@ -29,7 +29,7 @@ struct CommandSettings {
 
     const char *uuidList = ""; // the argument of the last -l
     bool uuidListGiven = false;
-    // Two buffers of kUuidListCapacity bytes that the driver owns, empty texts at the start.
+    // Two buffers of kUuidListCapacity bytes, owned by the driver and zero at the start.
     char *destinationList = nullptr;
     bool destinationListGiven = false;
     char *exclusionList = nullptr;

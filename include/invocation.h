@@ -8,11 +8,10 @@
 struct Invocation {
     CommandCode code;
     const CommandSettings &settings;
-    // The argument vector as option parsing left it: the operands stand at its end.
     int argumentCount;
-    char *const *arguments;
-    int argumentIndex; // position of the first word after the command word, or 0 when there is none
-    int socket;        // -1 until the run is connected
+    char *const *arguments; // after option parsing: options first, then the operands
+    int argumentIndex;      // of the first operand after the command word, or 0 if there is none
+    int socket;             // -1 until the run is connected
 };
 
 #endif

@@ -1,5 +1,5 @@
-// The platform support library, as far as the tool uses it. It is a shared library of its own: the project builds a
-// stand-alone one from platform/, and a platform that has its own puts that in its place when the build is configured.
+// The four functions of the platform support library that the tool uses. The project builds a stand-alone library from
+// platform/; PLAX_PLATFORM_LIBRARY selects another one when the build is configured.
 #ifndef PLAX_INCLUDE_PLATFORM_SUPPORT_H
 #define PLAX_INCLUDE_PLATFORM_SUPPORT_H
 
@@ -16,7 +16,7 @@ void Warning(const char *format, ...) __attribute__((format(printf, 1, 2)));
 // Returns a new copy of a text, which the caller owns and releases with free.
 char *UtilSafeStrdup0(const char *text);
 
-// Returns the text of a status. It belongs to the library and holds until the next call.
+// Returns the text of a status. The library owns the text, which is valid until the next call.
 const char *QRT_ReturnStatusToString(QRT_ReturnStatus status);
 }
 

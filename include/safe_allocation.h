@@ -1,4 +1,4 @@
-// Allocation for a one-shot program that cannot go on without the memory it asks for: it is given, or the run ends.
+// Allocate or abort.
 #ifndef PLAX_INCLUDE_SAFE_ALLOCATION_H
 #define PLAX_INCLUDE_SAFE_ALLOCATION_H
 
@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <cstdlib>
 
-// The numbers that the messages carry are fixed, whatever line the code stands on: log watchers know them.
+// The line numbers in the messages are fixed, so that programs that watch for them keep working when the code moves.
 inline constexpr const char *kAllocationFailureFormat = "%s:%d: Failed to allocate new memory";
 inline constexpr int kSafeMallocLine = 2888;
 inline constexpr int kSafeCallocLine = 2898;

@@ -14,7 +14,8 @@ static_assert(sizeof(Uuid) == 16);
 // Characters of the text form: two hex digits a byte, grouped 8-4-4-4-12 by hyphens.
 inline constexpr size_t kUuidTextLength = 36;
 
-// UUID lists are texts: UUIDs joined by single commas. Each entry takes its text and the comma or terminator behind it.
+// A UUID list is a text: UUIDs joined by single commas. Each entry occupies its text and the comma or terminator after
+// it.
 inline constexpr size_t kUuidListEntrySize = kUuidTextLength + 1;
 inline constexpr size_t kUuidListEntriesMax = 2560;
 inline constexpr size_t kUuidListCapacity = kUuidListEntriesMax * kUuidListEntrySize;

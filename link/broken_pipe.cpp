@@ -1,4 +1,4 @@
-// The disposition of SIGPIPE, and the one that was inherited.
+// Changing and restoring the disposition of SIGPIPE.
 
 #include "broken_pipe.h"
 

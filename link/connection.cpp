@@ -13,8 +13,8 @@
 #include <cstdio>
 #include <cstring>
 
-// A caller may have closed standard descriptors, and the system hands out the lowest free one. A socket in the place of
-// standard output would get the answer written back into it. Returns the socket above them, or -1 with errno set.
+// Returns a descriptor of the socket above the standard ones, or -1 with errno set. If the caller has closed standard
+// output, the socket gets its number, and a printed reply would be written back to the daemon.
 static int MoveAboveStandardDescriptors(int socket)
 {
     if (socket < 0 || socket > STDERR_FILENO) {

@@ -4,9 +4,9 @@
 
 #include <ctime>
 
-// Connects to the daemon at `socketPath` (only its first 107 bytes count) and returns the socket, whose receives give
-// up after `receiveTimeoutSec` seconds. Returns -1 after a message through perror when that fails. The socket is never
-// 0, 1 or 2, and it stays open until the process exits.
+// Connects to the daemon at `socketPath`, truncated to 107 bytes, and returns the socket. Its receives time out after
+// `receiveTimeoutSec` seconds. On failure, prints a message through perror and returns -1. The socket is never 0, 1 or
+// 2. It is left open until the process exits.
 int OpenDaemonConnection(const char *socketPath, time_t receiveTimeoutSec);
 
 #endif

@@ -32,28 +32,28 @@ QRT_ReturnStatus SendCommand(int socket, CommandCode code, const void *payload, 
     return kStatusSuccess;
 }
 
-// The zero byte behind a payload ends it when it is read as text. Where the sum does not fit a size_t it wraps to 0,
-// and the largest size stands for it, which no allocator grants.
+// Payloads get a terminating zero byte, since error replies are read as text. If size_t has 32 bits, the sum may wrap
+// to 0; the result is then SIZE_MAX, which every allocator refuses.
 static size_t SizeWithTerminator(uint32_t length)
 {
     const size_t size = size_t{length} + 1;
     return size - static_cast<size_t>(size == 0);
 }
 
-// Returns `length` bytes and a zero byte, owned by the caller, or null when the daemon closed the connection before all
-// of them had come.
+// Returns `length` bytes and a terminating zero byte, owned by the caller, or null if only a part of them was received.
 static char *ReceivePayload(int socket, uint32_t length)
 {
     const size_t size = SizeWithTerminator(length);
     auto *payload = static_cast<char *>(PLAX_SafeMalloc(size));
     const ssize_t received = recv(socket, payload, length, MSG_WAITALL);
-    // Unsigned, so that a failed receive (-1) counts as whole: callers have always been handed a payload then.
+    // Unsigned: a failed receive (-1) compares as large, so it is not an incomplete payload.
+    // (test failed_payload_receive_reads_as_zeros)
     if (static_cast<size_t>(received) < length) {
         free(payload);
         return nullptr;
     }
     if (received < 0) {
-        // Fresh zero memory rather than zeroed old: a length of 4 GiB is the daemon's word alone and costs no page.
+        // Fresh zero pages instead of memset: the daemon may announce 4 GiB without sending a byte.
         free(payload);
         return static_cast<char *>(PLAX_SafeCalloc(size, 1));
     }

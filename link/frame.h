@@ -1,4 +1,4 @@
-// The frame that carries requests and replies: an 8-byte header in network byte order, then the payload as it is.
+// The frame that carries requests and replies: an 8-byte header in network byte order, then the payload.
 #ifndef PLAX_LINK_FRAME_H
 #define PLAX_LINK_FRAME_H
 
@@ -9,28 +9,26 @@
 #include <cstdint>
 
 struct FrameHeader {
-    uint32_t codeOrStatus;  // of a request, the command code; of a reply, the status
-    uint32_t payloadLength; // bytes that follow the header
+    uint32_t codeOrStatus;  // command code of a request, status of a reply
+    uint32_t payloadLength; // in bytes
 };
 static_assert(sizeof(FrameHeader) == 8);
 static_assert(offsetof(FrameHeader, codeOrStatus) == 0 && offsetof(FrameHeader, payloadLength) == 4);
 
-// Returns the status that stands for a local system error: success for 0, the same status for an errno and its
-// negative.
+// Returns the status of a local system error: success for 0, the same status for an errno and its negative.
 QRT_ReturnStatus ErrnoToStatus(int error);
 
-// Sends one request: the header, then `length` bytes of `payload` unless `length` is 0.
-// Returns success, or the wrapped errno of the send that failed; after a failed header the payload is not tried.
-// A send that takes only a part is neither noticed nor repeated.
+// Sends one request: the header, then `length` bytes of `payload` unless `length` is 0. Returns success, or the wrapped
+// errno of the send that failed; if sending the header fails, the payload is not sent. A short send is not detected.
 QRT_ReturnStatus SendCommand(int socket, CommandCode code, const void *payload, size_t length);
 
-// Receives one reply and returns the status in it, or the wrapped errno when the header cannot be received. Header
-// bytes that the daemon never sent read as zero, so a daemon that closes without an answer has answered success. An
-// incomplete payload is reported through Warning and reads as success without a payload; one whose receive fails is
-// handed on as zeros of the announced length.
-// When the header cannot be received or the payload is incomplete, *length and *payload keep what they held. Otherwise
-// they hold the reply's length in bytes and its payload: null for length 0, else followed in memory by a zero byte, and
-// released by the caller with free.
+// Receives one reply and returns its status, or the wrapped errno if receiving the header fails.
+// - Header bytes that were not received read as zero. A closed connection without a reply is therefore a success.
+// - An incomplete payload is reported through Warning and is a success without a payload.
+// - A payload whose receive fails reads as `length` zero bytes.
+// If receiving the header fails or the payload is incomplete, *length and *payload are unchanged. Otherwise *length is
+// the payload's length in bytes and *payload is null for length 0, or the payload and a terminating zero byte, which
+// the caller releases with free.
 QRT_ReturnStatus ReceiveResponse(int socket, uint32_t *length, char **payload);
 
 #endif

@@ -12,14 +12,15 @@
 #include <cstdio>
 #include <cstdlib>
 
-// Silent are the commands whose answer never holds a status. The one whose answer may, speaks in both its forms.
+// Commands whose reply has no status fail silently. The command that only streams with --all reports the failure in
+// both forms.
 static bool IsSendFailureReported(ReplyClass replyClass)
 {
     return replyClass != ReplyClass::None && replyClass != ReplyClass::Streamed;
 }
 
-// Receives the reply and reports a status other than success. On success the caller owns *payload (null if empty); on
-// failure it is released.
+// Receives the reply and reports a status other than success. On success the caller owns *payload (null if empty). On
+// failure the payload is released.
 static QRT_ReturnStatus ReceiveAndReport(int socket, uint32_t *length, char **payload)
 {
     const QRT_ReturnStatus status = ReceiveResponse(socket, length, payload);
@@ -46,7 +47,7 @@ static QRT_ReturnStatus PrintReply(int socket)
     if (status != kStatusSuccess) {
         return status;
     }
-    // Also when there is nothing to write: a closed or full standard output is to be noticed.
+    // An empty reply is written as well, so that a closed standard output is noticed.
     if (write(STDOUT_FILENO, payload, length) < 0) {
         return ErrnoToStatus(errno);
     }

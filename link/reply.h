@@ -1,4 +1,4 @@
-// What becomes of the daemon's answer: each command belongs to one reply class.
+// Reply classes: what is read after a request, and where it goes.
 #ifndef PLAX_LINK_REPLY_H
 #define PLAX_LINK_REPLY_H
 
@@ -8,15 +8,15 @@
 #include <cstdint>
 
 enum class ReplyClass : uint8_t {
-    Printed,               // a frame, whose payload goes to standard output
-    Checked,               // a frame, of which only the status counts
+    Printed,               // one frame; its payload goes to standard output
+    Checked,               // one frame; only its status is used
     None,                  // nothing is read
-    Streamed,              // raw text until the daemon closes, to standard output or the output file
+    Streamed,              // text without a frame until the daemon closes; to standard output or the output file
     StreamedForAllObjects, // Streamed with --all, Printed without
 };
 
-// Ends the exchange after a request whose sending ended with `sendStatus`: reports its failure where
-// the class asks for it, or reads and shows the reply. Returns the status that the run ends with.
+// Finishes a run whose request was sent with `sendStatus`: reports a send failure if the class reports it, or receives
+// and shows the reply. Returns the status of the run.
 QRT_ReturnStatus HandleReply(ReplyClass replyClass, int socket, QRT_ReturnStatus sendStatus,
                              const CommandSettings &settings);
 

@@ -1,7 +1,7 @@
 // Streamed answers.
 //
-// The text is gathered in one buffer and written when the next piece might not fit, or when the daemon pauses: a read
-// that would have to wait first empties the buffer. So a fast stream costs few writes, and a slow one is never late.
+// The text is collected in one buffer, which is written when the next chunk might not fit and before every receive that
+// would have to wait. A fast stream thus needs few writes, and a slow one is never delayed.
 
 #include "stream.h"
 
@@ -21,7 +21,7 @@ static constexpr mode_t kOutputFileMode = 0666;
 
 struct StreamBuffer {
     int output;
-    size_t length; // bytes gathered and not yet written
+    size_t length; // of the bytes that are not yet written
     char bytes[kBufferSize];
 };
 
@@ -38,7 +38,7 @@ static void Flush(StreamBuffer *buffer)
     buffer->length = 0;
 }
 
-// Reads the next chunk to the buffer's end, which has room for it, and returns what the read returned.
+// Appends the next chunk to the buffer, which has space for it, and returns the result of the receive.
 static ssize_t ReadChunk(int socket, StreamBuffer *buffer)
 {
     if (buffer->length != 0) {
@@ -62,7 +62,7 @@ QRT_ReturnStatus StreamReply(int socket, const char *outputPath)
     }
     ssize_t count = 0;
     while ((count = ReadChunk(socket, &buffer)) > 0) {
-        // Each chunk is text: it ends at its first zero byte, and the next one begins anew.
+        // A chunk is cut at its first zero byte; the next chunk is not affected. (test zero_byte_cuts_its_chunk)
         buffer.length += strnlen(buffer.bytes + buffer.length, static_cast<size_t>(count));
         if (sizeof buffer.bytes - buffer.length < kChunkSizeMax) {
             Flush(&buffer);

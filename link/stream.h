@@ -4,9 +4,9 @@
 
 #include "return_status.h"
 
-// Copies the daemon's text to the file at `outputPath`, created or emptied, or to standard output when it is null.
-// Returns success when the daemon closes the connection, or the wrapped errno of the open or the read that failed.
-// Write errors are not noticed. The file stays open until the process exits.
+// Copies the daemon's text to the file at `outputPath`, which is created or truncated, or to standard output if
+// `outputPath` is null. Returns success when the daemon closes the connection, or the wrapped errno of the open or the
+// receive that failed. Write errors are ignored. The file is left open until the process exits.
 QRT_ReturnStatus StreamReply(int socket, const char *outputPath);
 
 #endif

@@ -11,7 +11,7 @@ struct CallbackWord {
 };
 
 inline constexpr CallbackWord kEventWords[] = {{"update", 1}, {"add", 2}, {"delete", 3}};
-// No word stands for entry 1: the daemon reads these numbers, so the gap stays. (test every_callback_word)
+// No word has the number 1: the daemon reads these numbers, so they are not renumbered. (test every_callback_word)
 inline constexpr CallbackWord kEntryWords[] = {{"object", 2}, {"disk", 3}, {"node", 4}};
 
 #endif

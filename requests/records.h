@@ -1,5 +1,5 @@
-// The records that requests carry, in the order in which their bytes travel. Numbers are in the host's byte order; only
-// the frame header is in network order. Every record is filled whole from zero, so gaps and unused tails are zero.
+// The payload records, in wire order. Numbers are in the host's byte order; only the frame header is in network byte
+// order. Records start out zero, so padding and the unused ends of text fields are sent as zero.
 #ifndef PLAX_REQUESTS_RECORDS_H
 #define PLAX_REQUESTS_RECORDS_H
 
@@ -25,11 +25,11 @@ struct WhatIfEntityDecomRequest {
     Uuid uuid;
     uint32_t decomMode;
     uint8_t ensureDurability;
-    uint8_t gap[3]; // always zero
+    uint8_t padding[3]; // always zero
 };
 static_assert(offsetof(WhatIfEntityDecomRequest, uuid) == 0 && offsetof(WhatIfEntityDecomRequest, decomMode) == 16);
 static_assert(offsetof(WhatIfEntityDecomRequest, ensureDurability) == 20);
-static_assert(offsetof(WhatIfEntityDecomRequest, gap) == 21 && sizeof(WhatIfEntityDecomRequest) == 24);
+static_assert(offsetof(WhatIfEntityDecomRequest, padding) == 21 && sizeof(WhatIfEntityDecomRequest) == 24);
 static_assert(std::has_unique_object_representations_v<WhatIfEntityDecomRequest>, "no hidden padding");
 
 struct WhatIfUpgradeRequest {
@@ -37,13 +37,13 @@ struct WhatIfUpgradeRequest {
     uint32_t decomMode;
     uint32_t reason;
     uint8_t wipeDisk;
-    uint8_t gap[3]; // always zero
+    uint8_t padding[3]; // always zero
     uint32_t uuidCount;
     char uuidList[kUuidListCapacity]; // only the text and its terminator are sent
 };
 static_assert(offsetof(WhatIfUpgradeRequest, uuid) == 0 && offsetof(WhatIfUpgradeRequest, decomMode) == 16);
 static_assert(offsetof(WhatIfUpgradeRequest, reason) == 20 && offsetof(WhatIfUpgradeRequest, wipeDisk) == 24);
-static_assert(offsetof(WhatIfUpgradeRequest, gap) == 25 && offsetof(WhatIfUpgradeRequest, uuidCount) == 28);
+static_assert(offsetof(WhatIfUpgradeRequest, padding) == 25 && offsetof(WhatIfUpgradeRequest, uuidCount) == 28);
 static_assert(offsetof(WhatIfUpgradeRequest, uuidList) == 32 && sizeof(WhatIfUpgradeRequest) == 94752);
 static_assert(std::has_unique_object_representations_v<WhatIfUpgradeRequest>, "no hidden padding");
 
@@ -62,10 +62,10 @@ static_assert(sizeof(RecoveryModeRequest) == 41);
 
 struct CrawlerStateRequest {
     char text[38]; // UUID and --all flag, terminated
-    // The request has always gone out in the length of RecoveryModeRequest: three more bytes travel, always zero.
-    uint8_t beyond[3];
+    // 41 bytes go out: the daemon reads the same length as for RecoveryModeRequest.
+    uint8_t padding[3];
 };
-static_assert(offsetof(CrawlerStateRequest, text) == 0 && offsetof(CrawlerStateRequest, beyond) == 38);
+static_assert(offsetof(CrawlerStateRequest, text) == 0 && offsetof(CrawlerStateRequest, padding) == 38);
 static_assert(sizeof(CrawlerStateRequest) == sizeof(RecoveryModeRequest));
 
 struct WorkItemRequest {

@@ -11,8 +11,8 @@
 #include <cstdio>
 #include <cstring>
 
-// Replaces the list in the field of a record that is otherwise zero and returns the number of its entries. An empty
-// list counts 0, since its terminator alone is less than an entry.
+// Stores the list in a field, whose unused end stays zero, and returns the number of its entries. An empty list has 0
+// entries: its terminator alone is shorter than an entry.
 static uint32_t FillList(const char *list, char *field)
 {
     const size_t length = strlen(list);
@@ -21,14 +21,14 @@ static uint32_t FillList(const char *list, char *field)
     return static_cast<uint32_t>((length + 1) / kUuidListEntrySize);
 }
 
-// Writes the UUID text and behind it one decimal digit, `number`.
+// Writes the UUID text followed by `number`, which has one decimal digit.
 static void WriteUuidAndDigit(const Uuid &uuid, uint32_t number, char *text)
 {
     *WriteUuidText(uuid, text) = static_cast<char>('0' + number);
 }
 
-// Reads words as numbers. A word that begins with no number, such as "default", leaves its number alone; what follows a
-// number is dropped.
+// A word that does not start with a number, such as "default", leaves *number unchanged. Text after a number is
+// ignored.
 static void ReadUnsigned(const char *word, uint64_t *number)
 {
     unsigned long value = 0; // narrower than the field on 32-bit hosts
@@ -62,8 +62,7 @@ QRT_ReturnStatus SendJson(const Invocation &invocation)
 
 QRT_ReturnStatus SendLogLevel(const Invocation &invocation)
 {
-    // With no word after the command word the index is 0, and the program's own name goes out as the level: the daemon
-    // is the one to refuse it. (test log_level_without_a_level)
+    // Without a level the index is 0, and the program's own name is sent. (test log_level_without_a_level)
     const char *level = invocation.arguments[invocation.argumentIndex];
     return SendCommand(invocation.socket, invocation.code, level, strlen(level));
 }
@@ -95,7 +94,7 @@ QRT_ReturnStatus SendWhatIfEntityDecom(const Invocation &invocation)
         .uuid = settings.uuid,
         .decomMode = settings.decomMode,
         .ensureDurability = settings.ensureDurability,
-        .gap = {},
+        .padding = {},
     };
     return SendCommand(invocation.socket, invocation.code, &record, sizeof record);
 }
@@ -103,7 +102,7 @@ QRT_ReturnStatus SendWhatIfEntityDecom(const Invocation &invocation)
 QRT_ReturnStatus SendWhatIfUpgrade(const Invocation &invocation)
 {
     const CommandSettings &settings = invocation.settings;
-    static WhatIfUpgradeRequest record; // static: the pages that no list reaches are never touched
+    static WhatIfUpgradeRequest record; // static and zero: pages that the list does not reach are never touched
     record.uuid = settings.uuid;
     record.decomMode = settings.decomMode;
     record.reason = settings.reason;

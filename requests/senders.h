@@ -1,5 +1,5 @@
-// One sender for each payload shape. A sender builds the payload of `invocation`, sends it with the command's code, and
-// returns what SendCommand returns.
+// One sender for each payload shape. It builds the payload from `invocation`, sends it with the command's code, and
+// returns the result of SendCommand.
 #ifndef PLAX_REQUESTS_SENDERS_H
 #define PLAX_REQUESTS_SENDERS_H
 
@@ -21,9 +21,9 @@ QRT_ReturnStatus SendCrawlerState(const Invocation &invocation);
 QRT_ReturnStatus SendComponentManualMove(const Invocation &invocation);
 QRT_ReturnStatus SendGlobalExclusionList(const Invocation &invocation);
 
-// Finds the event and entry words among the arguments from the argument index to the end, for the callback-block
-// request. Of several words of one kind the last counts, none counts as 0, other words are skipped. With argument index
-// 0 the whole vector is searched, program name and options included.
+// Searches the arguments from the argument index to the end for the event and entry words of a callback-block request.
+// The last word of each kind takes effect; a kind without a word has code 0; other words are ignored. With argument
+// index 0, the search covers the whole vector, program name and options included.
 QRT_ReturnStatus SendBlockCdbCbCommand(const Invocation &invocation);
 
 #endif

@@ -4,8 +4,7 @@
 
 #include "uuid.h"
 
-// Writes the 36 characters of `uuid` in lower case to `text`, without a terminator, and returns the end of what it
-// wrote.
+// Writes the 36 lower-case characters of `uuid` to `text`, without a terminator, and returns their end.
 char *WriteUuidText(const Uuid &uuid, char *text);
 
 #endif

@@ -289,7 +289,7 @@ static void DecodeWhatIfEntityDecom(Bytes payload, DecodedRequest *request)
     AddField(request, "decomMode", record->decomMode, Meaning(kDecomModes, record->decomMode));
     AddField(request, "ensureDurability", record->ensureDurability);
     CheckFlag(request, "ensureDurability", record->ensureDurability);
-    CheckZero(request, "the gap behind ensureDurability", payload, offsetof(WhatIfEntityDecomRequest, gap),
+    CheckZero(request, "the gap behind ensureDurability", payload, offsetof(WhatIfEntityDecomRequest, padding),
               sizeof *record);
 }
 const PayloadShape kWhatIfEntityDecomPayload = {sizeof(WhatIfEntityDecomRequest), sizeof(WhatIfEntityDecomRequest),
@@ -303,7 +303,7 @@ static void DecodeWhatIfUpgrade(Bytes payload, DecodedRequest *request)
     AddField(request, "reason", record->reason, Meaning(kReasons, record->reason));
     AddField(request, "wipeDisk", record->wipeDisk);
     CheckFlag(request, "wipeDisk", record->wipeDisk);
-    CheckZero(request, "the gap behind wipeDisk", payload, offsetof(WhatIfUpgradeRequest, gap),
+    CheckZero(request, "the gap behind wipeDisk", payload, offsetof(WhatIfUpgradeRequest, padding),
               offsetof(WhatIfUpgradeRequest, uuidCount));
     DecodeList(request, {"uuidCount", "uuidList"}, record->uuidCount,
                WholeText(request, "uuidList", payload, offsetof(WhatIfUpgradeRequest, uuidList)));
