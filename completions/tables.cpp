@@ -27,8 +27,8 @@ static const char *ReplyClassName(ReplyClass replyClass)
 void WriteTables(std::ostream &out)
 {
     for (const CommandRow &row : kCommands) {
-        out << "command\t" << row.word << '\t' << row.receiveTimeoutSec << '\t' << ReplyClassName(row.replyClass)
-            << '\t' << (row.help == nullptr ? "" : row.help) << '\n';
+        out << "command\t" << static_cast<uint32_t>(row.code) << '\t' << row.word << '\t' << row.receiveTimeoutSec
+            << '\t' << ReplyClassName(row.replyClass) << '\t' << (row.help == nullptr ? "" : row.help) << '\n';
     }
     for (const OptionRow &row : kOptions) {
         out << "option\t" << row.letter << '\t' << row.longName << '\t'

@@ -24,9 +24,9 @@ UUID_BYTES = b"\x01\x23\x45\x67\x89\xab\xcd\xef\x01\x23\x45\x67\x89\xab\xcd\xef"
 INCOMPLETE = b"Failed to receive the complete UDS message sent. Please try again"
 
 # What follows the first two lines of the help text, tabs and trailing blanks included.
-LISTING = os.fsencode("".join(
-    [f"   {command['word']}\t\t{command['help']}\n" for command in COMMANDS if command["help"]] + ["\noptions:\n"] +
-    [option["help"] + "\n" for letter in EXPECTED["optionsInHelp"] for option in OPTIONS if option["letter"] == letter]))
+COMMAND_LINES = [f"   {command['word']}\t\t{command['help']}\n" for command in COMMANDS if command["help"]]
+OPTION_LINES = {option["letter"]: option["help"] + "\n" for option in OPTIONS}
+LISTING = "".join([*COMMAND_LINES, "\noptions:\n", *map(OPTION_LINES.get, EXPECTED["optionsInHelp"])]).encode()
 
 
 def help_text(program=TOOL, listing=LISTING):

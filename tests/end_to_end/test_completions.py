@@ -1,66 +1,27 @@
 """The completions, as bash, zsh and fish offer them at a prompt."""
 
+import re
+
 import pytest
+
+import request_table
 from shells import Offer, bash, bash_list, fish, words, zsh
 
 SHELLS = [bash, zsh, fish]
 
-# Word and description of every advertised command.
-COMMANDS = [
-    ("block-cdb-cb", "block certain cdb callbacks for testing"),
-    ("component-manual-move", "Move the component based on given destination list or exclusion list"),
-    ("crawler", "Queue crawler run on an object specified by -u/--uuid"),
-    ("disable-workitem", "Disable work item type specified by -i/--work-item"),
-    ("enable-plax-recovery-mode", "Put PLAX in recovery mode"),
-    ("enable-workitem", "Enable work item type specified by -i/--work-item"),
-    ("fitness-stats-get", "Get current fitness stats for each disk"),
-    ("fix-concats", "Fix concats for all objects owned by the node now"),
-    ("fix-object-immediate", "Fix absent and degraded components in object immediately"),
-    ("force-reconfigure-the-object", "Force apply the new object configuration to the object"),
-    ("get-obj-crawler-state", "Get crawler state of an object specified by -u/--uuid OR Get crawler stats of all "
-                              "objects with -a/--all"),
-    ("info-proactive-rebalance", "Get the info of proactive rebalance"),
-    ("info-rebalance", "Get the info of rebalance for a disk specified by -u/--uuid"),
-    ("log-level", "Set plaxd log level"),
-    ("pause-decom-state-progress", "pause progressing the decom state machine"),
-    ("pause-failed-delta-entry-processing", "pause the controller PLAX just before it processes a failed delta entry"),
-    ("refresh-config-opts", "Refresh advanced config options"),
-    ("replace-plaxdb", "Update nodes/disks/DOM_objects in plaxdb, delete not present objects"),
-    ("resources-to-fix-unhealthy-objects", "Resources required to fix unhealthy objects"),
-    ("resume-decom-state-progress", "resume progressing the decom state machine"),
-    ("set-global-exclusion-list", "Set global exclusion list so that none of new component goes to excluded "
-                                  "disk/dg/host/fd as per exclusion mode"),
-    ("start-decom-state-heartbeat", "start the heartbeat of state in decom state machine"),
-    ("start-proactive-rebalance", "Start proactive rebalance"),
-    ("stats", "Retrieve PLAX stats"),
-    ("stop-proactive-rebalance", "Stop proactive rebalance"),
-    ("update-plaxdb", "Update nodes/disks/DOM_objects in plaxdb"),
-    ("what-if-cancel", "Cancel on-going what-if operation"),
-    ("what-if-entity-decom", "Resources needed for entity decommissioning"),
-    ("what-if-upgrade", "Resources needed for host or disk upgrade"),
-]
+# Word and description of every advertised command: the first sentence of its help line, without its full stop.
+COMMANDS = sorted((command["word"], command["help"].split(". ")[0].rstrip(".")) for command in request_table.COMMANDS
+                  if command["help"])
+
+
+def description(option):
+    """The help line without the option's names and without the list of its arguments."""
+    text = re.fullmatch(r" +-./--[\w-]+(?:=<.*?>)?[ :]+(.*?) ?", option["help"])[1]
+    return re.split(r" \((?=\d:|example:)", text)[0]
+
 
 # Letter, long name and description of every option.
-OPTIONS = [
-    ("h", "help", "Print this help text"),
-    ("o", "output-path", "Write output to a file"),
-    ("s", "socket-path", "Alternative Unix Domain Socket path"),
-    ("t", "timeout", "Max time for wait (0 for infinite wait)"),
-    ("u", "uuid", "Entry uuid"),
-    ("l", "uuid-list", "List of uuids (comma separated)"),
-    ("j", "json", "Stringified JSON object"),
-    ("f", "file-path", "File with new configuration for object"),
-    ("d", "decom-mode", "Entity decomMode"),
-    ("e", "ensure-durability", "ensure data durability in ensure access decom"),
-    ("r", "reason", "Reason for what-if-upgrade"),
-    ("i", "work-item", "Work item type name"),
-    ("m", "recovery-mode", "Recovery mode"),
-    ("w", "wipe-disk", "Wipe disk in what-if-upgrade"),
-    ("a", "all", "Print crawler states of all objects owned by this node"),
-    ("n", "destination-list", "List of uuids for destination disk/dg/host/FD"),
-    ("x", "exclusion-list", "List of uuids for exclusion disk/dg/host/FD"),
-    ("X", "exclusion-mode", "Exclusion mode"),
-]
+OPTIONS = [(option["letter"], option["name"], description(option)) for option in request_table.OPTIONS]
 
 WORK_ITEMS = [
     "CHANGE", "CHANGE_PENDING", "CLEANUP", "COMPLIANCE", "CONCAT", "DECOM", "DECOM_CLEANUP", "DELTA_DECOM",
@@ -82,6 +43,11 @@ NUMBERS = {
 NUMBER_CASES = [(option, separator, numbers) for names, numbers in NUMBERS.items() for option in names
                 for separator in ([" ", "="] if option.startswith("--") else [" "])]
 
+# Options whose argument is free: it is not one of some words or numbers, nor the name of a file.
+FREE = [option for option in request_table.OPTIONS if option["argument"] not in (None, "str")
+        and not re.search(r"\d:", option["help"])]
+
+# What they mean is tested with the requests.
 CALLBACK_WORDS = ["add", "delete", "disk", "node", "object", "update"]
 
 all_shells = pytest.mark.parametrize("shell", SHELLS)
@@ -179,8 +145,7 @@ def test_bash_lists_numbers_with_their_meanings(option, separator, numbers):
 
 
 @all_shells
-@pytest.mark.parametrize("option", ["-t", "-u", "-l", "-j", "-n", "-x", "--timeout", "--uuid", "--uuid-list", "--json",
-                                    "--destination-list", "--exclusion-list"])
+@pytest.mark.parametrize("option", [form for option in FREE for form in ("-" + option["letter"], "--" + option["name"])])
 def test_arguments_that_nobody_can_guess(shell, option):
     assert shell(f"plax-tool {option} ") == []
 
@@ -227,3 +192,17 @@ def test_command_behind_options(shell, before):
 @pytest.mark.parametrize("before", ["-o out stats ", "-- stats ", "stats -o out ", "stats --socket-path=x "])
 def test_no_command_behind_a_command(shell, before):
     assert shell(f"plax-tool {before}fitn") == []
+
+
+@all_shells
+@pytest.mark.parametrize("option", request_table.OPTIONS, ids=lambda option: option["name"])
+def test_which_options_take_an_argument(shell, option):
+    # The first word after an option is its argument, or else the command, and then there is nothing more to offer.
+    expected = ["fitness-stats-get"] if option["argument"] else []
+    for form in ("-" + option["letter"], "--" + option["name"]):
+        assert words(shell(f"plax-tool {form} fix-concats fitn")) == expected
+
+
+def test_numbers_of_every_option_that_takes_one_of_some():
+    assert list(NUMBERS) == [("-" + option["letter"], "--" + option["name"])
+                             for option in request_table.OPTIONS if re.search(r"\d:", option["help"])]

@@ -3,9 +3,9 @@
 import os
 import shutil
 import signal
+import string
 import subprocess
 import tempfile
-from typing import NamedTuple
 
 import pytest
 
@@ -13,6 +13,8 @@ from command_line import (SOCKET, SOCKET_OPTION, UUID, UUID_BYTES, ask, entity_d
                           refuse, succeeds, upgrade, usage_error, uuid_list)
 from harness import (LONG_BITS, RUNNER, TOOL, ZERO_UUID, Outcome, ScriptedDaemon, environment, finish_tool, frame,
                      pause, reply, send, tool)
+from request_table import OPTIONS, PRINTED, ROWS, payload
+
 
 def recovery_mode(digit):
     return frame(22, ZERO_UUID + digit + bytes(4))
@@ -28,69 +30,48 @@ def content(path):
         return file.read()
 
 
-class Case(NamedTuple):
-    letter: str
-    name: str
-    abbreviation: str  # the shortest that is not ambiguous
-    argument: str | None
-    words: list  # the command word and the options that it needs besides
-    request: bytes
-    steps: list = []
-    stdout: bytes = b""
-    written: bytes | None = None  # what the file "answer" holds at the end
-    socket: list = [SOCKET_OPTION]
+CASES = [option for option in OPTIONS if "line" in option]
+TAKERS = [option for option in CASES if option["argument"]]
 
 
-CASES = [
-    Case("o", "output-path", "o", "answer", ["stats"], frame(1), [send(b"abc")], b"", b"abc"),
-    Case("s", "socket-path", "s", SOCKET, ["fix-concats"], frame(13), socket=[]),
-    Case("t", "timeout", "t", "5", ["fix-concats"], frame(13)),
-    Case("u", "uuid", "uuid", UUID, ["info-rebalance"], frame(14, UUID.encode()), [], b"\n"),
-    Case("l", "uuid-list", "uuid-", uuid_list(2), ["what-if-upgrade"], upgrade(uuid_list(2), 2), [], b"\n"),
-    Case("j", "json", "j", '{"a": 1}', ["fitness-config-set"], frame(4, b'{"a": 1}\0')),
-    Case("f", "file-path", "f", "/a/path", ["update-plaxdb"], frame(20, b"/a/path\0")),
-    Case("d", "decom-mode", "dec", "2", ["what-if-entity-decom", "-a"], entity_decom(mode=2), [], b"\n"),
-    Case("e", "ensure-durability", "en", None, ["what-if-entity-decom", "-a"], entity_decom(durability=1), [], b"\n"),
-    Case("r", "reason", "rea", "3", ["what-if-upgrade", "-l" + UUID], upgrade(UUID, 1, reason=3), [], b"\n"),
-    Case("i", "work-item", "wo", "MANUAL_MOVE", ["enable-workitem"], frame(24, b"22\0\0")),
-    Case("m", "recovery-mode", "rec", "7", ["enable-plax-recovery-mode"], recovery_mode(b"7")),
-    Case("w", "wipe-disk", "wi", None, ["what-if-upgrade", "-l" + UUID], upgrade(UUID, 1, wipe=1), [], b"\n"),
-    Case("a", "all", "a", None, ["get-obj-crawler-state"], frame(26, ZERO_UUID + b"1" + bytes(4)), [send(b"x")], b"x"),
-    Case("n", "destination-list", "des", UUID, ["component-manual-move", "-u" + UUID], manual_move(UUID, 1)),
-    Case("x", "exclusion-list", "exclusion-l", UUID, ["set-global-exclusion-list"], exclusion_list(UUID, 1)),
-    Case("X", "exclusion-mode", "exclusion-m", "3", ["set-global-exclusion-list", "-x", ""],
-         exclusion_list("", 0, mode=3)),
-]
+def option_request(option):
+    """The request of the option's line, and what the run prints of an answer without a payload."""
+    row = [row for row in ROWS if row.word == option["line"][0]][-1]  # the one for all objects, if there are two
+    return frame(row.code, payload(option["payload"])), b"\n" if row.reply == PRINTED else b""
+
 
 FORMS = {
-    "separate": lambda case: ["-" + case.letter, case.argument],
-    "attached": lambda case: ["-" + case.letter + case.argument],
-    "long separate": lambda case: ["--" + case.name, case.argument],
-    "long attached": lambda case: ["--" + case.name + "=" + case.argument],
-    "short long separate": lambda case: ["--" + case.abbreviation, case.argument],
-    "short long attached": lambda case: ["--" + case.abbreviation + "=" + case.argument],
+    "separate": lambda letter, name, shortest, argument: ["-" + letter, argument],
+    "attached": lambda letter, name, shortest, argument: ["-" + letter + argument],
+    "long separate": lambda letter, name, shortest, argument: ["--" + name, argument],
+    "long attached": lambda letter, name, shortest, argument: ["--" + name + "=" + argument],
+    "shortest separate": lambda letter, name, shortest, argument: ["--" + shortest, argument],
+    "shortest attached": lambda letter, name, shortest, argument: ["--" + shortest + "=" + argument],
 }
 FLAG_FORMS = {
-    "short": lambda case: ["-" + case.letter],
-    "long": lambda case: ["--" + case.name],
-    "short long": lambda case: ["--" + case.abbreviation],
+    "short": lambda letter, name, shortest, argument: ["-" + letter],
+    "long": lambda letter, name, shortest, argument: ["--" + name],
+    "shortest": lambda letter, name, shortest, argument: ["--" + shortest],
 }
 PLACES = {
-    "before": lambda case, option: [*option, *case.words],
-    "after": lambda case, option: [*case.words, *option],
-    "behind a word": lambda case, option: [*case.words, "word", *option],
+    "before": lambda line, option: [*option, *line],
+    "after": lambda line, option: [*line, *option],
+    "after a word": lambda line, option: [*line, "word", *option],
 }
-COMBINATIONS = [pytest.param(case, form, place, id=f"{case.name}-{form}-{place}")
-                for case in CASES for form in (FORMS if case.argument else FLAG_FORMS) for place in PLACES]
+COMBINATIONS = [pytest.param(option, form, place, id=f"{option['name']}-{form}-{place}")
+                for option in CASES for form in (FORMS if option["argument"] else FLAG_FORMS) for place in PLACES]
 
 
-@pytest.mark.parametrize("case, form, place", COMBINATIONS)
-def test_every_form(case, form, place):
-    words = PLACES[place](case, {**FORMS, **FLAG_FORMS}[form](case))
-    with ScriptedDaemon(*case.steps) as plaxd:
-        run = tool(*case.socket, *words, cwd=plaxd.folder)
+@pytest.mark.parametrize("option, form, place", COMBINATIONS)
+def test_every_form(option, form, place):
+    given = {**FORMS, **FLAG_FORMS}[form](*(option[key] for key in ("letter", "name", "shortest", "sample")))
+    words = PLACES[place](option["line"], given)
+    request, stdout = option_request(option)
+    text = b"abc" if option["letter"] == "o" else b""
+    with ScriptedDaemon(send(text)) as plaxd:
+        run = tool(*([] if option["letter"] == "s" else [SOCKET_OPTION]), *words, cwd=plaxd.folder)
         written = content(os.path.join(plaxd.folder, "answer"))
-    assert (run, plaxd.received, written) == (succeeds(case.stdout), case.request, case.written)
+    assert (run, plaxd.received, written) == (succeeds(stdout), request, text or None)
 
 
 def test_flags_share_a_word():
@@ -111,28 +92,23 @@ def test_arguments_are_taken_whole(words, json):
 
 # ---- What getopt_long refuses, in its words. ----
 
-ALIKE = {
-    "--uuid' '--uuid-list": ["u", "uu", "uui"],
-    "--decom-mode' '--destination-list": ["d", "de"],
-    "--ensure-durability' '--exclusion-list' '--exclusion-mode": ["e"],
-    "--exclusion-list' '--exclusion-mode": ["ex", "exclusion", "exclusion-"],
-    "--reason' '--recovery-mode": ["r", "re"],
-    "--work-item' '--wipe-disk": ["w"],
-}
+NAMES = [option["name"] for option in OPTIONS]
+# The beginnings that several names share, which are no names themselves, each with those names.
+ALIKE = {name[:length]: [other for other in NAMES if other.startswith(name[:length])]
+         for name in NAMES for length in range(1, len(name)) if name[:length] not in NAMES}
 REFUSED = [
-    *[(["--" + name], f"option '--{name}' is ambiguous; possibilities: '{possible}'")
-      for possible, names in ALIKE.items() for name in names],
+    *[(["--" + begun], f"option '--{begun}' is ambiguous; possibilities: " + " ".join(f"'--{name}'" for name in names))
+      for begun, names in ALIKE.items() if len(names) > 1],
     (["--u=" + UUID], f"option '--u={UUID}' is ambiguous; possibilities: '--uuid' '--uuid-list'"),
-    *[(["-" + case.letter], f"option requires an argument -- '{case.letter}'") for case in CASES if case.argument],
-    *[(["--" + case.name], f"option '--{case.name}' requires an argument") for case in CASES if case.argument],
-    *[(["--" + case.name + "=1"], f"option '--{case.name}' doesn't allow an argument")
-      for case in CASES if not case.argument],
-    (["--help=yes"], "option '--help' doesn't allow an argument"),
+    *[(["-" + option["letter"]], f"option requires an argument -- '{option['letter']}'") for option in TAKERS],
+    *[(["--" + option["name"]], f"option '--{option['name']}' requires an argument") for option in TAKERS],
+    *[(["--" + option["name"] + "=1"], f"option '--{option['name']}' doesn't allow an argument")
+      for option in OPTIONS if option not in TAKERS],
     (["--h=yes"], "option '--help' doesn't allow an argument"),
     (["--o"], "option '--output-path' requires an argument"),
     (["-aej"], "option requires an argument -- 'j'"),
     *[(["-" + letter], f"invalid option -- '{letter}'")
-      for letter in "bcgkpqvyzABCDEFGHIJKLMNOPQRSTUVWYZ0123456789?:;=+,"],
+      for letter in string.ascii_letters + "0123456789?:;=+," if letter not in [row["letter"] for row in OPTIONS]],
     (["-aZ"], "invalid option -- 'Z'"),
     (["-a-"], "invalid option -- '-'"),
     (["-1"], "invalid option -- '1'"),
@@ -141,9 +117,7 @@ REFUSED = [
     (["--Help"], "unrecognized option '--Help'"),
     (["--help-"], "unrecognized option '--help-'"),
     # Every name begins with the empty one: the table as a whole, in its order.
-    (["--="], "option '--=' is ambiguous; possibilities: '--help' '--output-path' '--socket-path' '--timeout' '--uuid' "
-              "'--uuid-list' '--json' '--file-path' '--decom-mode' '--ensure-durability' '--reason' '--work-item' "
-              "'--recovery-mode' '--wipe-disk' '--all' '--destination-list' '--exclusion-list' '--exclusion-mode'"),
+    (["--="], "option '--=' is ambiguous; possibilities: " + " ".join(f"'--{name}'" for name in NAMES)),
     (["---help"], "unrecognized option '---help'"),
     (["--uuids"], "unrecognized option '--uuids'"),
 ]

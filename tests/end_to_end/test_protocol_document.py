@@ -13,35 +13,12 @@ import uuid
 
 import pytest
 
-from harness import HOST_ORDER, Outcome, ScriptedDaemon, send, tool
+import request_table
+from harness import HOST_ORDER, ScriptedDaemon, send, tool
+from request_table import EXPECTED, assert_agrees
 
 DOCUMENT = pathlib.Path(__file__).parents[2].joinpath("docs", "protocol.md").read_text(encoding="utf-8")
 HEADER_SIZE = 8
-
-UUID = "52e6f3a1-0c94-4d1b-9a77-3f2b8c5d6e01"
-# The shortest command line of each command that is more than its word.
-COMMAND_LINES = {
-    "crawler": f"-u {UUID} crawler",
-    "fitness-config-set": "-j {} fitness-config-set",
-    "log-level": "log-level 3",
-    "info-rebalance": f"-u {UUID} info-rebalance",
-    "what-if-entity-decom": f"-u {UUID} what-if-entity-decom",
-    "what-if-upgrade": f"-l {UUID} what-if-upgrade",
-    "enable-plax-recovery-mode": "-m 1 enable-plax-recovery-mode",
-    "get-obj-decom-state": f"-u {UUID} get-obj-decom-state",
-    "enable-workitem": "-i MOVE enable-workitem",
-    "disable-workitem": "-i MOVE disable-workitem",
-    "get-obj-crawler-state": f"-u {UUID} get-obj-crawler-state",
-    "component-manual-move": f"-u {UUID} -n {UUID} component-manual-move",
-    "set-global-exclusion-list": f"-x {UUID} set-global-exclusion-list",
-}
-# The payload sizes of those command lines, by what the document calls the payload.
-SIZES = {
-    "none": 0, "UUID text": 36, "JSON text": 3, "Log level": 1, "Proactive rebalance": 32,
-    "What-if entity decommissioning": 24, "What-if upgrade": 69, "Force reconfigure": 17, "File path": 1,
-    "Recovery mode": 41, "Work item": 4, "Crawler state": 41, "Callback block": 1024, "Component manual move": 189464,
-    "Global exclusion list": 94728,
-}
 
 
 def parse_dump(text):
@@ -100,16 +77,16 @@ COMMANDS = rows(sections()["Commands"])
 
 def test_nothing_is_left_out():
     kinds = [kind for kind, _ in blocks(DOCUMENT)]
-    assert (len(PAYLOADS), len(EXCHANGES)) == (14, 2)
+    assert len(EXCHANGES) == 2
     assert len(kinds) == 2 * len(PAYLOADS) + 3 * len(EXCHANGES)
-    assert [code for code, *_ in COMMANDS] == [str(code) for code in range(1, 35)]
-    assert {payload for _, _, payload, *_ in COMMANDS} - {"none"} == set(PAYLOADS)
+    assert_agrees("docs/protocol.md", sorted(PAYLOADS), sorted(set(EXPECTED["shapes"]) - {"none"}))
 
 
 @pytest.mark.skipif(HOST_ORDER != "<", reason="the document shows the bytes of a little-endian host")
 @pytest.mark.parametrize("title", PAYLOADS)
 def test_request(title):
     (_, line), (_, dump) = blocks(PAYLOADS[title])
+    assert [row["shape"] for row in request_table.COMMANDS if row["word"] in shlex.split(line)] == [title]
     _, received = run(line)
     assert received == parse_dump(dump)
 
@@ -154,30 +131,24 @@ def test_exchange(shown, request_dump, reply_dump):
     assert status == f"[exit status {outcome.code}]"
 
 
-# What an answer comes to, by class: the frame of a success with the payload "answer", and a text without a frame.
-FRAMED_ANSWER = b"\0\0\0\0\0\0\0\6answer"
-OUTCOMES = {
-    "Printed": (FRAMED_ANSWER, Outcome(b"answer\n", b"", 0)),
-    "Checked": (FRAMED_ANSWER, Outcome(b"", b"", 0)),
-    "None": (b"", Outcome(b"", b"", 0)),
-    "Streamed": (b"answer", Outcome(b"answer", b"", 0)),
-}
+def classes(command):
+    return command["reply"].capitalize() + (", Streamed with -a" if "allObjects" in command else "")
 
 
-@pytest.mark.parametrize("code, word, payload, classes", [row[:4] for row in COMMANDS],
-                         ids=[row[1] for row in COMMANDS])
-def test_command_row(code, word, payload, classes):
-    answer, expected = OUTCOMES[classes.partition(",")[0]]
-    outcome, received = run(f"plax-tool {COMMAND_LINES.get(word, word)}", answer)
-    assert struct.unpack(">II", received[:HEADER_SIZE]) == (int(code), SIZES[payload])
-    assert len(received) == HEADER_SIZE + SIZES[payload]
-    assert outcome == expected
+def test_table_of_commands():
+    """Code, word, payload, class, whether the command needs something and whether it is advertised."""
+    found = [[*row[:4], row[4] != "-", not row[6].endswith("; not advertised")] for row in COMMANDS]
+    assert_agrees("docs/protocol.md", found, [
+        [str(command["code"]), command["word"], command["shape"], classes(command), command["rule"] is not None,
+         command["help"] is not None] for command in request_table.COMMANDS])
 
 
-def test_crawler_state_of_all_objects():
-    assert COMMANDS[25][3] == "Printed, Streamed with -a"
-    outcome, _ = run("plax-tool -a get-obj-crawler-state", b"answer")
-    assert outcome == Outcome(b"answer", b"", 0)
+def test_receive_timeouts():
+    most = re.search(r"^The receive timeout is (\d+) s;", DOCUMENT, re.MULTILINE)[1]
+    others = re.findall(r"(\d+) s for codes? (\d+(?:(?:, | and )\d+)*)", DOCUMENT)
+    found = [[code, seconds] for seconds, codes in others for code in re.findall(r"\d+", codes)]
+    assert_agrees("docs/protocol.md", found, [[str(command["code"]), str(command["timeout"])]
+                                              for command in request_table.COMMANDS if str(command["timeout"]) != most])
 
 
 def test_work_item_table():

@@ -4,28 +4,21 @@ import os
 
 import pytest
 
-from command_line import (SOCKET, SOCKET_OPTION, UUID, UUID_BYTES, ask, entity_decom, exclusion_list, manual_move,
-                          own_program_name, record, refuse, run_as, succeeds, upgrade, usage_error)
+from command_line import (SOCKET, SOCKET_OPTION, UUID, UUID_BYTES, ask, entity_decom, manual_move, own_program_name,
+                          refuse, run_as, succeeds, usage_error)
 from harness import LONG_BITS, ZERO_UUID, ScriptedDaemon, frame
+from request_table import COMMANDS, OPTIONS, PRINTED, ROWS, name
 
-NO_UUID = "UUID must be provided (specify with --uuid)\n"
-NO_CONFIG = "Fitness config must be provided (specify with --json <json object>)\n"
-NO_LEVEL = "Log level must be specified. E.g.: plax-tool log-level 2\n"
-NO_UUID_LIST = "UUID's must be provided, separated by comma (specify with --uuid-list)\n"
-NO_MODE = "Either recovery mode(specify with -m/--recovery-Mode) or uuid(specify with -u/--uuid) must be provided\n"
-NO_WORK_ITEM = "work-item type must be provided (specify with -i/--work-item)\n"
-NO_CALLBACK = "Callback entry and event type must be provided.\n"
+RULES = {command["word"]: command["rule"] for command in COMMANDS if command["rule"]}
+NEEDS = {command["word"]: command["needs"] for command in COMMANDS if command.get("needs")}
+NO_UUID = RULES["component-manual-move"]
 NO_MOVE_LIST = ("Either destination list(specify with -n/--destination-list) or exclusion list (specify with "
                 "-x/--exclusion-list) should be provided \n")
 EMPTY_LIST = "Empty destination or exclusion list not allowed."
-NO_EXCLUSION_LIST = "Exclusion list must be provided (specify with -x/--exclusion-list)"
 
 # Every option that a rule could look at by mistake, each with an argument that it accepts.
-OTHERS = {
-    "u": "-u" + UUID, "a": "-a", "j": "-j{}", "l": "-l" + UUID, "m": "-m1", "i": "-iMOVE", "n": "-n" + UUID,
-    "x": "-x" + UUID, "t": "-t1", "f": "-f/path", "d": "-d1", "e": "-e", "r": "-r1", "w": "-w", "X": "-X1",
-    "o": "-oanswer",
-}
+OTHERS = {option["letter"]: "-" + option["letter"] + (option["sample"] or "")
+          for option in OPTIONS if option["letter"] not in "hs"}
 
 
 def all_but(letters):
@@ -35,20 +28,10 @@ def all_but(letters):
 # ---- The rules that look at options: the command, the options without which it fails, and the message. ----
 
 MISSING = [
-    ("crawler", "ua", NO_UUID),
-    ("info-rebalance", "ua", NO_UUID),
-    ("what-if-entity-decom", "ua", NO_UUID),
-    ("get-obj-decom-state", "ua", NO_UUID),
-    ("get-obj-crawler-state", "ua", NO_UUID),
-    ("fitness-config-set", "j", NO_CONFIG),
-    ("what-if-upgrade", "l", NO_UUID_LIST),
-    ("enable-plax-recovery-mode", "um", NO_MODE),
-    ("enable-workitem", "i", NO_WORK_ITEM),
-    ("disable-workitem", "i", NO_WORK_ITEM),
+    *((word, letters, RULES[word]) for word, letters in NEEDS.items()),
     ("component-manual-move", "u", NO_UUID),
     ("component-manual-move", "nx", NO_MOVE_LIST),
     ("component-manual-move", "", NO_MOVE_LIST),  # both are given
-    ("set-global-exclusion-list", "x", NO_EXCLUSION_LIST),
 ]
 
 
@@ -58,51 +41,55 @@ def test_fails(word, letters, message):
     assert refuse(SOCKET_OPTION, *all_but(letters), word, UUID, "1") == usage_error(message)
 
 
-ALONE = {(word, message) for word, _, message in MISSING if word != "component-manual-move"}
+@pytest.mark.parametrize("word", [*NEEDS, "component-manual-move"])
+def test_fails_without_options(word):
+    assert refuse(SOCKET_OPTION, word) == usage_error(RULES[word])
 
 
-@pytest.mark.parametrize("word, message", sorted({*ALONE, ("component-manual-move", NO_UUID)}))
-def test_fails_without_options(word, message):
-    assert refuse(SOCKET_OPTION, word) == usage_error(message)
+def assert_passes(code, words, stdout=b""):
+    """The command is sent, and succeeds when the daemon closes without an answer."""
+    run, received = ask(*words)
+    assert (run, received[:4]) == (succeeds(stdout), code.to_bytes(4, "big"))
+
+
+def shown(row):
+    """What a run prints when the daemon closes without an answer."""
+    return b"\n" if row.reply == PRINTED else b""
+
+
+@pytest.mark.parametrize("word, letter", [(word, letter) for word, letters in NEEDS.items() for letter in letters])
+def test_passes_with_one_of_the_options(word, letter):
+    row = [row for row in ROWS if row.word == word][-1 if letter == "a" else 0]
+    assert_passes(row.code, [SOCKET_OPTION, word, OTHERS[letter]], shown(row))
+
+
+# Nor do further words, which look like commands, options and numbers, keep what is enough from passing.
+@pytest.mark.parametrize("extra", [[], ["default"], ["default", "-", "default", "crawler", "5", "stats", "", "-1"]],
+                         ids=["alone", "a word", "many words"])
+@pytest.mark.parametrize("row", ROWS, ids=name)
+def test_least_passes(row, extra):
+    position = row.least.index(row.word)
+    words = [*row.least[:position], "--", *row.least[position:], *extra]
+    assert ask(SOCKET_OPTION, *words) == (succeeds(shown(row)), row.least_request())
 
 
 ENCODED = UUID.encode()
-# The least that passes, what is then sent, and what is printed of an empty answer.
+# More that passes, what is then sent, and what is printed of an empty answer.
 PASSING = [
-    (["crawler", "-u", UUID], frame(2, ENCODED), b""),
-    (["crawler", "-a"], frame(2, ZERO_UUID), b""),
     (["crawler", "-u", UUID, "-a"], frame(2, ENCODED), b""),
     (["crawler", "-u", ZERO_UUID], frame(2, ZERO_UUID), b""),
-    (["info-rebalance", "-u", UUID], frame(14, ENCODED), b"\n"),
-    (["info-rebalance", "-a"], frame(14, ZERO_UUID), b"\n"),
     (["what-if-entity-decom", "-u", UUID], entity_decom(UUID_BYTES), b"\n"),
-    (["what-if-entity-decom", "-a"], entity_decom(), b"\n"),
-    (["get-obj-decom-state", "-u", UUID], frame(23, ENCODED), b"\n"),
-    (["get-obj-decom-state", "-a"], frame(23, ZERO_UUID), b"\n"),
-    (["get-obj-crawler-state", "-u", UUID], frame(26, ENCODED + b"0\0\0\0\0"), b"\n"),
-    (["get-obj-crawler-state", "-a"], frame(26, ZERO_UUID + b"1\0\0\0\0"), b""),
-    (["fitness-config-set", "-j", "{}"], frame(4, b"{}\0"), b""),
-    (["fitness-config-set", "-j", ""], frame(4, b"\0"), b""),
-    (["what-if-upgrade", "-l", UUID], upgrade(UUID, 1), b"\n"),
-    (["enable-plax-recovery-mode", "-m", "0"], frame(22, ZERO_UUID + b"0\0\0\0\0"), b""),
-    (["enable-plax-recovery-mode", "-m", "7"], frame(22, ZERO_UUID + b"7\0\0\0\0"), b""),
     (["enable-plax-recovery-mode", "-u", UUID], frame(22, ENCODED + b"0\0\0\0\0"), b""),
     (["enable-plax-recovery-mode", "-u", ZERO_UUID], frame(22, ZERO_UUID + b"0\0\0\0\0"), b""),
-    (["enable-workitem", "-i", "PLACEMENT"], frame(24, b"1\0\0\0"), b""),
-    (["disable-workitem", "-i", "MANUAL_MOVE"], frame(25, b"22\0\0"), b""),
-    (["component-manual-move", "-u", UUID, "-n", UUID], manual_move(UUID, 1), b""),
     (["component-manual-move", "-u", UUID, "-x", UUID], manual_move("", 0, UUID, 1), b""),
     (["component-manual-move", "-u", UUID, "-n", "", "-n", UUID], manual_move(UUID, 1), b""),
-    (["set-global-exclusion-list", "-x", UUID], exclusion_list(UUID, 1), b""),
-    (["set-global-exclusion-list", "-x", ""], exclusion_list("", 0), b""),
 ]
 
 
 @pytest.mark.parametrize("words, received, stdout", PASSING,
                          ids=[" ".join(map(os.fsdecode, words)) for words, _, _ in PASSING])
-@pytest.mark.parametrize("extra", [[], ["crawler", "-", "--", "-1"]], ids=["", "and more words"])
-def test_passes(words, received, stdout, extra):
-    assert ask(SOCKET_OPTION, *words, *extra) == (succeeds(stdout), received)
+def test_passes(words, received, stdout):
+    assert ask(SOCKET_OPTION, *words) == (succeeds(stdout), received)
 
 
 # The first of its checks that fails is reported: the UUID, then which list is given, then whether it is empty.
@@ -129,39 +116,6 @@ def test_manual_move(options, message):
     assert refuse(*options, "component-manual-move", SOCKET_OPTION) == usage_error(message)
 
 
-# ---- The commands that ask for nothing. ----
-
-UNCHECKED = [
-    ("stats", frame(1), b""),
-    ("fitness-config-get", frame(3), b"\n"),
-    ("fitness-config-reset", frame(5), b""),
-    ("fitness-stats-get", frame(6), b"\n"),
-    ("fix-object-immediate", frame(8, ZERO_UUID), b""),
-    ("get-object-last-operation", frame(9, ZERO_UUID), b"\n"),
-    ("start-proactive-rebalance", frame(10, record("QdQQ", 86400, 0.3, 1800, 14913081)), b""),
-    ("stop-proactive-rebalance", frame(11), b""),
-    ("info-proactive-rebalance", frame(12), b"\n"),
-    ("fix-concats", frame(13), b""),
-    ("resources-to-fix-unhealthy-objects", frame(15, ZERO_UUID), b"\n"),
-    ("what-if-cancel", frame(18), b""),
-    ("force-reconfigure-the-object", frame(19, bytes(17)), b""),
-    ("update-plaxdb", frame(20, b"\0"), b""),
-    ("replace-plaxdb", frame(21, b"\0"), b""),
-    ("pause-decom-state-progress", frame(27), b""),
-    ("resume-decom-state-progress", frame(28), b""),
-    ("start-decom-state-heartbeat", frame(29), b""),
-    ("pause-failed-delta-entry-processing", frame(30), b""),
-    ("refresh-config-opts", frame(32), b""),
-]
-
-
-@pytest.mark.parametrize("extra", [[], ["default"], ["default", "-", "default", "crawler", "5", "stats", "", "-1"]],
-                         ids=["alone", "a word", "many words"])
-@pytest.mark.parametrize("word, received, stdout", UNCHECKED, ids=[row[0] for row in UNCHECKED])
-def test_no_rule(word, received, stdout, extra):
-    assert ask(SOCKET_OPTION, "--", word, *extra) == (succeeds(stdout), received)
-
-
 # ---- The word test of log-level and block-cdb-cb. ----
 
 # The largest unsigned long of the host that the tool was built for, and its neighbours.
@@ -170,21 +124,12 @@ BELOW = {32: "4294967294", 64: "18446744073709551614"}[LONG_BITS]
 ABOVE = {32: "4294967296", 64: "18446744073709551616"}[LONG_BITS]
 LARGEST_OF_32_BITS = "4294967295"
 
-WORD_TEST_COMMANDS = [("log-level", 7, NO_LEVEL), ("block-cdb-cb", 31, NO_CALLBACK)]
+WORD_TEST_COMMANDS = [("log-level", 7, RULES["log-level"]), ("block-cdb-cb", 31, RULES["block-cdb-cb"])]
 word_test_commands = pytest.mark.parametrize("command, code, message", WORD_TEST_COMMANDS, ids=["log", "block"])
 
-# Long options in one word with their argument, the table's index of each.
-INDEXES = [
-    ("--timeout=1", 3), ("--uuid=" + UUID, 4), ("--uuid-list=" + UUID, 5), ("--json=x", 6), ("--file-path=x", 7),
-    ("--decom-mode=1", 8), ("--ensure-durability", 9), ("--reason=1", 10), ("--work-item=MOVE", 11),
-    ("--recovery-mode=1", 12), ("--wipe-disk", 13), ("--all", 14), ("--destination-list=" + UUID, 15),
-    ("--exclusion-list=" + UUID, 16), ("--exclusion-mode=1", 17),
-]
-
-
-def passes(code, words):
-    run, received = ask(*words)
-    return (run, received[:4]) == (succeeds(), code.to_bytes(4, "big"))
+# Long options in one word with their argument, and the table's index of each. The first three have too small a one.
+INDEXES = [("--" + option["name"] + ("=" + option["sample"] if option["sample"] else ""), index)
+           for index, option in enumerate(OPTIONS) if index >= 3]
 
 
 # The word looked at has the option's index as its position: below the argument count there is one, and it passes; at
@@ -197,7 +142,7 @@ def test_word_test_and_argument_count(option, index, command, code, message):
         if count == index:
             assert refuse(*words) == usage_error(message)
         else:
-            assert passes(code, words)
+            assert_passes(code, words)
 
 
 # The same where the index is that of a word which does not pass.
@@ -210,7 +155,7 @@ def test_word_test_and_position(option, index, command, code, message):
         if position == index:
             assert refuse(*words) == usage_error(message)
         else:
-            assert passes(code, words)
+            assert_passes(code, words)
 
 
 # Whether the word at position 4 passes.
@@ -224,7 +169,7 @@ def test_word_test_and_position(option, index, command, code, message):
 def test_word_test(text, good, command, code, message):
     words = [SOCKET_OPTION, "--uuid=" + UUID, command, text]
     if good:
-        assert passes(code, words)
+        assert_passes(code, words)
     else:
         assert refuse(*words) == usage_error(message)
 
@@ -238,7 +183,7 @@ def test_word_test(text, good, command, code, message):
 def test_word_test_of_negative_words(text, good, command, code, message):
     words = [SOCKET_OPTION, "--json=x", "--", command, "3", text]
     if good:
-        assert passes(code, words)
+        assert_passes(code, words)
     else:
         assert refuse(*words) == usage_error(message)
 
@@ -290,7 +235,7 @@ def test_word_test_of_negative_words(text, good, command, code, message):
 def test_word_test_position(words, good, command, code, message):
     words = [command if word == "CMD" else word for word in words]
     if good:
-        assert passes(code, words)
+        assert_passes(code, words)
     else:
         assert refuse(*words) == usage_error(message)
 

@@ -1,4 +1,4 @@
-"""The help text, the manual page and the three completions say what the tool's tables say: nothing less, nothing more.
+"""The tool's tables and the manual page say what tests/commands.json expects: nothing less, nothing more.
 
 The tables come from the file `tables.txt` beside the completions, which is printed from the tables themselves. Each
 deliberate difference is listed here, with its reason.
@@ -8,21 +8,15 @@ import re
 import shutil
 import subprocess
 from pathlib import Path
-from typing import NamedTuple
 
 import pytest
-from harness import Outcome, ScriptedDaemon, frame, tool
-from shells import COMPLETIONS, bash, fish, words, zsh
+from request_table import COMMANDS, OPTIONS, assert_agrees
+from shells import COMPLETIONS
 
 SOURCE = Path(__file__).parents[2]
-MANUAL_PAGE = SOURCE / "man" / "plax-tool.8"
+MANUAL_PAGE = "man/plax-tool.8"
 
-# They work, and are left out of whatever advertises: they are for those who know them.
-UNLISTED = ["fitness-config-get", "fitness-config-set", "fitness-config-reset", "get-object-last-operation",
-            "get-obj-decom-state"]
-
-# Numbers that the page explains and the option's help line leaves out: the defaults. The completions offer the one of
-# -X, which has a meaning, and not the one of -m, which names no mode.
+# Numbers that the page explains and the option's help line leaves out: the defaults.
 NUMBERS_BESIDE_HELP = {"X": ["0"]}
 
 # How the page says what comes back, by reply class, and how long that may take, by seconds.
@@ -35,77 +29,36 @@ ANSWERS = {
 }
 WAITS = {20: [], 1800: ["Waits up to 30 minutes."], 7200: ["Waits up to 2 hours."]}
 
-SHELLS = [bash, zsh, fish]
 
-UUID = "52e6f3a1-0c94-4d1b-9a77-3f2b8c5d6e01"
-
-
-class Command(NamedTuple):
-    word: str
-    timeout: int
-    reply_class: str
-    help: str
+def table(kind):
+    lines = [line.split("\t") for line in (COMPLETIONS / "tables.txt").read_text().split("\n")]
+    return [line[1:] for line in lines if line[0] == kind]
 
 
-class Option(NamedTuple):
-    letter: str
-    long_name: str
-    argument: str
-    help: str
+ADVERTISED = [command for command in COMMANDS if command["help"]]
+UNLISTED = [command["word"] for command in COMMANDS if not command["help"]]
 
 
-def rows(kind):
-    table = [line.split("\t") for line in (COMPLETIONS / "tables.txt").read_text().split("\n")]
-    return [row[1:] for row in table if row[0] == kind]
+def reply_class(command):
+    return "streamed for all objects" if "allObjects" in command else command["reply"]
 
 
-COMMANDS = [Command(word, int(timeout), *rest) for word, timeout, *rest in rows("command")]
-OPTIONS = [Option(*row) for row in rows("option")]
-WORK_ITEMS = [row[0] for row in rows("work item")]
-ADVERTISED = [command for command in COMMANDS if command.help]
+def test_commands_of_the_tool():
+    assert_agrees("cli/command_table.h", table("command"), [
+        [str(command["code"]), command["word"], str(command["timeout"]), reply_class(command), command["help"] or ""]
+        for command in COMMANDS])
 
 
-def test_tables():
-    assert (len(COMMANDS), len(OPTIONS), len(WORK_ITEMS)) == (34, 18, 21)
-    assert [command.word for command in COMMANDS if not command.help] == UNLISTED
-
-
-# ---- Help text ----
-
-def help_text():
-    run = tool("-h")
-    assert (run.stderr, run.code) == (b"", 0)
-    head, commands, options = run.stdout.decode().split("\n\n")
-    assert head.startswith("usage: ")
-    return commands, options
-
-
-def test_help_lists_the_commands():
-    commands, _ = help_text()
-    assert commands.split("\n") == ["commands:", *(f"   {row.word}\t\t{row.help}" for row in ADVERTISED)]
-
-
-def test_help_lists_the_options():
-    _, options = help_text()
-    head, *lines = options.removesuffix("\n").split("\n")
-    # The order is the help text's own.
-    assert (head, sorted(lines)) == ("options:", sorted(option.help for option in OPTIONS))
-    for option in OPTIONS:
-        argument = "=<" if option.argument == "required" else ""
-        assert option.help.startswith(f"   -{option.letter}/--{option.long_name}{argument}")
-
-
-@pytest.mark.parametrize("command", [command.word for command in COMMANDS])
-def test_every_command_gets_as_far_as_the_connection(command, tmp_path):
-    everything_needed = ["-u", UUID, "-l", UUID, "-x", UUID, "-i", "MOVE", "-j", "{}"]
-    run = tool("-s", tmp_path / "no-socket", *everything_needed, command)
-    assert run == Outcome(b"", b"connect error: No such file or directory\n", 1)
+def test_options_of_the_tool():
+    assert_agrees("cli/option_table.h", table("option"), [
+        [option["letter"], option["name"], "required" if option["argument"] else "none", option["help"]]
+        for option in OPTIONS])
 
 
 # ---- Manual page ----
 
 def section(name):
-    text = MANUAL_PAGE.read_text()
+    text = (SOURCE / MANUAL_PAGE).read_text()
     return re.search(rf"^\.Sh {name}\n(.*?)^\.Sh ", text, re.DOTALL | re.MULTILINE)[1]
 
 
@@ -116,12 +69,12 @@ def items(text, macro):
 
 
 def option_items():
-    """Letter, long name, whether it takes an argument in both forms, and text of each option on the page."""
+    """Letter, long name, whether it takes an argument (in both forms), and text of each option on the page."""
     found = []
     for head, text in items(section("OPTIONS"), "Fl"):
         form = re.fullmatch(r"(\w)(?: Ar (\S+))? , Fl -([a-z-]+)(?: Ns = Ns Ar (\S+))?", head)
         assert form is not None and form[2] == form[4], head
-        found.append((form[1], form[3], "required" if form[2] else "none", text))
+        found.append((form[1], form[3], bool(form[2]), text))
     return found
 
 
@@ -129,103 +82,51 @@ def numbers_on_page(text):
     return re.findall(r"^\.It (\d)$", text, re.MULTILINE)
 
 
-def numbers_in_help(option):
-    return re.findall(r"[(, ](\d):", option.help)
-
-
 def expected_numbers(option):
-    return NUMBERS_BESIDE_HELP.get(option.letter, []) + numbers_in_help(option)
+    return NUMBERS_BESIDE_HELP.get(option["letter"], []) + re.findall(r"[(, ](\d):", option["help"])
 
 
 def test_page_is_clean():
-    lint = subprocess.run([shutil.which("mandoc"), "-Tlint", "-Wwarning", MANUAL_PAGE], capture_output=True, text=True)
+    lint = subprocess.run([shutil.which("mandoc"), "-Tlint", "-Wwarning", SOURCE / MANUAL_PAGE], capture_output=True, text=True)
     assert (lint.stdout, lint.stderr, lint.returncode) == ("", "", 0)
 
 
 def test_page_describes_the_options():
     # In the order of the table: the page refers to the places of the options in it.
-    assert [item[:3] for item in option_items()] == [option[:3] for option in OPTIONS]
+    assert_agrees(MANUAL_PAGE, [item[:3] for item in option_items()],
+                  [(option["letter"], option["name"], option["argument"] is not None) for option in OPTIONS])
 
 
 def test_page_describes_the_numbers():
     on_page = {letter: numbers_on_page(text) for letter, _, _, text in option_items()}
-    assert on_page == {option.letter: expected_numbers(option) for option in OPTIONS}
+    assert on_page == {option["letter"]: expected_numbers(option) for option in OPTIONS}
 
 
 def test_page_names_the_work_items():
     text = next(text for letter, _, _, text in option_items() if letter == "i")
-    assert re.findall(r"^\.Li (\w+)", text, re.MULTILINE) == WORK_ITEMS
+    assert re.findall(r"^\.Li (\w+)", text, re.MULTILINE) == [row[0] for row in table("work item")]
+
+
+def described_commands():
+    return {head.split(" ")[0]: text for head, text in items(section("COMMANDS"), "Cm")}
 
 
 def test_page_describes_the_commands():
-    described = [head.split(" ")[0] for head, _ in items(section("COMMANDS"), "Cm")]
-    assert described == [command.word for command in ADVERTISED]
+    assert_agrees(MANUAL_PAGE, list(described_commands()), [command["word"] for command in ADVERTISED])
 
 
 def test_page_names_no_unlisted_command():
-    text = MANUAL_PAGE.read_text()
+    text = (SOURCE / MANUAL_PAGE).read_text()
     assert [word for word in UNLISTED if word in text] == []
 
 
-@pytest.mark.parametrize("command", ADVERTISED, ids=lambda command: command.word)
+@pytest.mark.parametrize("command", ADVERTISED, ids=lambda command: command["word"])
 def test_page_says_what_comes_back(command):
-    text = next(text for head, text in items(section("COMMANDS"), "Cm") if head.split(" ")[0] == command.word)
+    text = described_commands()[command["word"]]
     assert re.search(r"^Needs\b", text, re.MULTILINE)
-    assert [answer for answer in ANSWERS.values() if answer in text] == [ANSWERS[command.reply_class]]
-    assert re.findall(r"^Waits .*", text, re.MULTILINE) == WAITS[command.timeout]
-
-
-# ---- Completions ----
-
-@pytest.mark.parametrize("shell", SHELLS)
-def test_completion_offers_the_commands(shell):
-    assert sorted(words(shell("plax-tool "))) == sorted(command.word for command in ADVERTISED)
-
-
-@pytest.mark.parametrize("shell", [zsh, fish])
-def test_completion_describes_the_commands(shell):
-    # The first sentence of the help line, without its full stop: usage and examples have no room in a list.
-    described = {command.word: command.help.split(". ")[0].rstrip(".") for command in ADVERTISED}
-    assert dict(shell("plax-tool ")) == described
-
-
-@pytest.mark.parametrize("shell", SHELLS)
-def test_completion_offers_the_options(shell):
-    names = [f"-{option.letter}" for option in OPTIONS] + [f"--{option.long_name}" for option in OPTIONS]
-    assert sorted(words(shell("plax-tool -"))) == sorted(names)
-
-
-@pytest.mark.parametrize("shell", SHELLS)
-@pytest.mark.parametrize("option", OPTIONS, ids=lambda option: option.long_name)
-def test_completion_knows_which_options_take_an_argument(shell, option):
-    # The first word behind an option is its argument, or else the command, and then there is nothing more to offer.
-    argument = f"-{option.letter} fix-concats fitn"
-    long_argument = f"--{option.long_name} fix-concats fitn"
-    expected = ["fitness-stats-get"] if option.argument == "required" else []
-    assert (words(shell(f"plax-tool {argument}")), words(shell(f"plax-tool {long_argument}"))) == (expected, expected)
-
-
-@pytest.mark.parametrize("shell", SHELLS)
-def test_completion_offers_the_work_items(shell):
-    assert sorted(words(shell("plax-tool -i "))) == sorted(WORK_ITEMS)
-
-
-@pytest.mark.parametrize("shell", SHELLS)
-@pytest.mark.parametrize("option", [option for option in OPTIONS if numbers_in_help(option)],
-                         ids=lambda option: option.long_name)
-def test_completion_offers_the_numbers(shell, option):
-    assert words(shell(f"plax-tool -{option.letter} ")) == expected_numbers(option)
-
-
-# The words of block-cdb-cb stand in no table of the command line. Each that is offered must mean something to the tool.
-@pytest.mark.parametrize("word, numbers", [("update", b"1:0"), ("add", b"2:0"), ("delete", b"3:0"), ("object", b"0:2"),
-                                           ("disk", b"0:3"), ("node", b"0:4")])
-@pytest.mark.parametrize("shell", SHELLS)
-def test_completion_offers_callback_words_that_count(shell, word, numbers):
-    assert word in words(shell("plax-tool block-cdb-cb "))
-    with ScriptedDaemon() as plaxd:
-        assert tool("-s", plaxd.path, "block-cdb-cb", word) == Outcome(b"", b"", 0)
-    assert plaxd.received == frame(31, (numbers + b":00000000-0000-0000-0000-000000000000").ljust(1024, b"\0"))
+    assert bool(re.search(r"^Needs nothing", text, re.MULTILINE)) == (command["rule"] is None)
+    assert [answer for answer in ANSWERS.values() if answer in text] == [ANSWERS[reply_class(command)]]
+    assert re.findall(r"^Waits .*", text, re.MULTILINE) == WAITS[command["timeout"]]
 
 
 # ---- Comments ----
