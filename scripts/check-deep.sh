@@ -1,14 +1,14 @@
 #!/usr/bin/env bash
-# Runs every check that takes too long for each change: coverage, other processors, sanitizers, packages in a bare root,
-# fuzzing and mutation. Takes hours. With names of checks, runs those.
+# Runs every check that takes too long for each change: coverage, other processors, sanitizers, packages and tests in bare
+# roots, fuzzing and mutation. Takes hours. With names of checks, runs those.
 #
-# usage: check-deep.sh [coverage|foreign|sanitizers|packages|fuzz|mutation]...
+# usage: check-deep.sh [coverage|foreign|sanitizers|packages|distributions|fuzz|mutation]...
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 fuzz_minutes=30
 
-(($#)) || set -- coverage foreign sanitizers packages fuzz mutation
+(($#)) || set -- coverage foreign sanitizers packages distributions fuzz mutation
 for check; do
     echo "== $check"
     case $check in
@@ -16,6 +16,7 @@ for check; do
     foreign) scripts/check-foreign.sh ;;
     sanitizers) scripts/check-sanitizers.sh ;;
     packages) scripts/check-packages.sh ;;
+    distributions) scripts/check-distributions.sh ;;
     fuzz) scripts/fuzz.sh "$fuzz_minutes" ;;
     mutation) scripts/mutate.sh ;;
     *)

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs those Debian packages that the named jobs need and this machine lacks, as root or with sudo.
+# Installs those Debian packages that the named jobs need and this machine lacks, as root or with sudo. On a system
+# without apt-get it installs nothing: it names the programs and libraries that are missing, and fails if any is.
 set -euo pipefail
 
 declare -A packages=(
@@ -11,6 +12,7 @@ declare -A packages=(
     [package]="bash-completion debootstrap dpkg-dev gzip lintian"
     [fuzz]="clang llvm libclang-rt-14-dev"
     [sanitizers]="clang llvm libclang-rt-14-dev valgrind"
+    [distributions]="debootstrap git"
     [lint]="clang clang-format clang-tidy git mandoc shellcheck"
 )
 
@@ -20,15 +22,52 @@ if (($# == 0)) || [[ $1 == --help ]]; then
     exit 0
 fi
 
+# What a package is needed for, if not for a program of the package's name: other programs, <headers>, python: modules.
+declare -A contents=(
+    [bash-completion]="/usr/share/bash-completion/bash_completion"
+    [clustershell]="clush"
+    [g++]="c++"
+    [libcli11-dev]="<CLI/CLI.hpp>"
+    [libgmock-dev]="<gmock/gmock.h>"
+    [libgtest-dev]="<gtest/gtest.h>"
+    [ninja-build]="ninja"
+    [nlohmann-json3-dev]="<nlohmann/json.hpp>"
+    [python3-jsonschema]="python:jsonschema"
+    [python3-pytest]="python:pytest"
+    [python3-pytest-xdist]="python:xdist"
+)
+
+is_there() {
+    case $1 in
+    \<*) printf '#if !__has_include(%s)\n#error\n#endif\n' "$1" | c++ -E -x c++ - >/dev/null 2>&1 ;;
+    python:*) python3 -c "import ${1#python:}" 2>/dev/null ;;
+    /*) [[ -e $1 ]] ;;
+    *) command -v "$1" >/dev/null ;;
+    esac
+}
+
+is_installed() {
+    [[ $(dpkg-query --show --showformat='${db:Status-Status}' "$1" 2>/dev/null) == installed ]]
+}
+
+on_debian=true
+command -v apt-get >/dev/null && command -v dpkg-query >/dev/null || on_debian=false
 missing=()
 for job in "$@"; do
     for package in ${packages[$job]:?"no such job: $job"}; do
-        if [[ $(dpkg-query --show --showformat='${db:Status-Status}' "$package" 2>/dev/null) != installed ]]; then
-            missing+=("$package")
+        content=${contents[$package]:-$package}
+        if $on_debian; then
+            is_installed "$package" || missing+=("$package")
+        else
+            is_there "$content" || missing+=("$content")
         fi
     done
 done
 ((${#missing[@]})) || exit 0
+if ! $on_debian; then
+    echo "install-packages.sh: there is no apt-get here; please install: ${missing[*]}" >&2
+    exit 1
+fi
 
 as_root=()
 ((EUID == 0)) || as_root=(sudo)

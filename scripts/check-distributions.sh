@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# Runs the README's two commands, from a clean clone of HEAD, in a bare root of each Debian release. Then compiles the
+# tool as for systems older than all of them. Needs root, for debootstrap and chroot.
+#
+# usage: check-distributions.sh [RELEASE...]    bookworm, trixie and sid when none is named
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+if ((EUID != 0)); then
+    exec sudo "$0" "$@"
+fi
+
+scripts/install-packages.sh build distributions
+. scripts/bare-root.sh
+
+(($#)) || set -- bookworm trixie sid
+for release; do
+    start=$SECONDS
+    make_root "$release" ca-certificates
+    git clone --quiet --no-hardlinks . "$root/root/plax-tool"
+    for command in demo test; do
+        echo "== $release: scripts/$command.sh"
+        log=build/$release-$command.log
+        in_root "/root/plax-tool/scripts/$command.sh" >"$log" 2>&1 || {
+            tail -n 100 "$log"
+            exit 1
+        }
+        sed -n '$p; /tests passed/p' "$log"
+    done
+    in_root sh -c 'cat /etc/debian_version && dpkg-query --show g++ libc6 python3 cmake'
+    echo "$((SECONDS - start)) s"
+    remove_root
+done
+scripts/check-portable.sh
