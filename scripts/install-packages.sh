@@ -5,7 +5,7 @@ set -euo pipefail
 
 declare -A packages=(
     [build]="g++ cmake gzip ninja-build libcli11-dev nlohmann-json3-dev"
-    [test]="bash-completion clustershell fish libgmock-dev libgtest-dev mandoc python3-jsonschema python3-pytest python3-pytest-xdist zsh"
+    [test]="bash-completion clustershell fish libgmock-dev libgtest-dev locales mandoc python3-jsonschema python3-pytest python3-pytest-xdist zsh"
     [coverage]="clang-19 libclang-rt-19-dev llvm-19"
     [bench]="chrony knot netcat-openbsd python3-matplotlib socat strace valgrind"
     [foreign]="g++-aarch64-linux-gnu g++-i686-linux-gnu g++-s390x-linux-gnu qemu-user"
@@ -30,6 +30,7 @@ declare -A contents=(
     [libcli11-dev]="<CLI/CLI.hpp>"
     [libgmock-dev]="<gmock/gmock.h>"
     [libgtest-dev]="<gtest/gtest.h>"
+    [locales]="/usr/share/i18n/locales/de_DE"
     [ninja-build]="ninja"
     [nlohmann-json3-dev]="<nlohmann/json.hpp>"
     [python3-jsonschema]="python:jsonschema"

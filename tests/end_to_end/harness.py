@@ -19,6 +19,7 @@ import os
 import resource
 import select
 import shutil
+import signal
 import socket
 import struct
 import subprocess
@@ -111,6 +112,25 @@ def eventually(condition, patience=10):
     return True
 
 
+def state(pid):
+    """The state of a process as ps(1) shows it: R while it runs, S while it sleeps in a call, T when it is stopped."""
+    with open(f"/proc/{pid}/stat", encoding="utf-8") as status:
+        return status.read().rpartition(")")[2].split()[0]
+
+
+def await_state(pid, wanted):
+    if not eventually(lambda: state(pid) == wanted):
+        raise TimeoutError(f"the tool's state is {state(pid)}, not {wanted}")
+
+
+def stop_and_continue(pid):
+    """Interrupts the call in which the process sleeps."""
+    await_state(pid, "S")
+    os.kill(pid, signal.SIGSTOP)
+    await_state(pid, "T")
+    os.kill(pid, signal.SIGCONT)
+
+
 # ---- The steps of a script: each is a function that gets the daemon and does one thing. ----
 
 def send(data):
@@ -151,6 +171,16 @@ def wait_for(event):
 def stay_silent():
     """Says nothing more, and keeps the connection open until the tool has ended."""
     return lambda daemon: daemon.read_rest()
+
+
+def stay_deaf():
+    """Reads and says nothing more, and keeps the connection open until the tool has ended."""
+    def step(daemon):
+        poll = select.poll()
+        poll.register(daemon.connection, 0)
+        if not poll.poll(PATIENCE * 1000):
+            raise TimeoutError("the tool never ended")
+    return step
 
 
 def read(count):

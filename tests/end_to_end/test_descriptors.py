@@ -9,9 +9,9 @@ import pytest
 
 from binaries import is_sanitized
 from harness import RUNNER, TOOL, Outcome, ScriptedDaemon, await_unread, close, limit_memory, read, reply, send, tool
+from preloading import needs_preloading, preloaded
 from request_table import CHECKED, PRINTED, ROWS, STREAMED, UNANSWERED, Row, name, rows_of
 
-HANGUP_LIBRARY = os.environ.get("PLAX_HANGUP_LIBRARY", "")
 ERROR = b"Error received: Status 0x00000005: busy\n"
 INFO_REQUEST = b"\0\0\0\x0c\0\0\0\0"
 STATS_REQUEST = b"\0\0\0\1\0\0\0\0"
@@ -194,13 +194,9 @@ SENDING = [
     (CRAWLER_STATES, BROKEN_SENDING),
 ]
 
-needs_preloading = pytest.mark.skipif(bool(RUNNER), reason="the library is loaded into the runner")
-
 
 def speak_to_the_deaf(command, *steps, hangup_before_send, disposition):
-    assert HANGUP_LIBRARY, "PLAX_HANGUP_LIBRARY names the library built from hangup.cpp"
-    held_back = {"LD_PRELOAD": HANGUP_LIBRARY, "PLAX_HANGUP_BEFORE_SEND": str(hangup_before_send),
-                 "ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"}
+    held_back = preloaded(PLAX_HANGUP_BEFORE_SEND=str(hangup_before_send))
     with ScriptedDaemon(*steps, close(), read_request=False) as plaxd:
         run = tool("-s", plaxd.path, *command.least, env=held_back, **with_sigpipe(disposition))
     return run, plaxd.received

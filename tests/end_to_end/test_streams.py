@@ -192,11 +192,12 @@ def test_file_is_opened_through_a_link(tmp_path):
     assert (target.read_bytes(), link.is_symlink()) == (b"abc", True)
 
 
-def test_file_has_the_mode_that_the_mask_leaves(tmp_path):
+@pytest.mark.parametrize("mask, mode", [(0, 0o666), (0o022, 0o644), (0o027, 0o640), (0o777, 0)], ids=oct)
+def test_file_has_the_mode_that_the_mask_leaves(mask, mode, tmp_path):
     output = tmp_path / "out"
     with ScriptedDaemon(send(b"abc")) as plaxd:
-        run = tool("-s", plaxd.path, "stats", "-o", output, preexec_fn=lambda: os.umask(0o027))
-    assert (run, stat.S_IMODE(output.stat().st_mode)) == (DONE, 0o640)
+        run = tool("-s", plaxd.path, "stats", "-o", output, preexec_fn=lambda: os.umask(mask))
+    assert (run, stat.S_IMODE(output.stat().st_mode)) == (DONE, mode)
 
 
 @pytest.mark.parametrize("words", [("stats",), ("get-obj-crawler-state", "-a")], ids=lambda words: words[0])

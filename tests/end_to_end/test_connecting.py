@@ -1,0 +1,80 @@
+"""What the tool connects to: an address of full size, and a listener that ends before it accepts."""
+
+import ctypes
+import fcntl
+import os
+import socket
+import struct
+import tempfile
+
+import pytest
+
+from connecting import fill_backlog, listening
+from harness import Outcome, ScriptedDaemon, await_state, finish_tool, frame, reply, start_tool, tool
+
+PRINTED = ("info-proactive-rebalance",)
+REFUSED = Outcome(b"", b"connect error: Connection refused\n", 1)
+
+
+# ---- Addresses ----
+
+@pytest.fixture(name="nameless")
+def make_nameless_address():
+    """The abstract address of 108 zero bytes. There is one a machine, so it is taken by one test at a time."""
+    directory = os.open(tempfile.gettempdir(), os.O_RDONLY)
+    fcntl.flock(directory, fcntl.LOCK_EX)
+    yield bytes(108)
+    os.close(directory)
+
+
+def test_empty_path_is_an_address_of_zero_bytes(nameless):
+    assert tool("-s", "", *PRINTED) == REFUSED
+    with ScriptedDaemon(reply(0, b"abc"), path=nameless) as plaxd:
+        assert tool("-s", "", *PRINTED) == Outcome(b"abc\n", b"", 0)
+    assert plaxd.received == frame(12)
+
+
+def bind_without_terminator(listener, path):
+    """Binds to a path that fills its field of 108 bytes, which the socket module refuses."""
+    address = struct.pack("H108s", socket.AF_UNIX, path)
+    if ctypes.CDLL(None, use_errno=True).bind(listener.fileno(), address, len(address)) != 0:
+        raise OSError(ctypes.get_errno(), "cannot bind")
+
+
+def test_path_of_108_characters_is_not_reached():
+    """The last byte of the tool's address is always zero, so this path cannot be named."""
+    with tempfile.TemporaryDirectory(prefix="plaxd-") as directory, socket.socket(socket.AF_UNIX) as listener:
+        name = "p" * (107 - len(directory))
+        path = f"{directory}/{name}"
+        bind_without_terminator(listener, os.fsencode(path))
+        listener.listen()
+        assert (len(path), os.listdir(directory)) == (108, [name])
+        assert tool("-s", path, *PRINTED) == Outcome(b"", b"connect error: No such file or directory\n", 1)
+
+
+# ---- A listener that ends ----
+
+@pytest.mark.parametrize("words, outcome", [
+    (PRINTED, Outcome(b"", b"Error received: Connection reset by peer: (null)\n", 104)),
+    (("fix-concats",), Outcome(b"", b"Error received: Connection reset by peer: (null)\n", 104)),
+    (("stats",), Outcome(b"", b"", 104)),
+], ids=["printed", "checked", "streamed"])
+def test_listener_that_closes_with_the_tool_in_its_backlog(words, outcome):
+    with listening(backlog=16) as (listener, path):
+        process = start_tool("-s", path, *words)
+        await_state(process.pid, "S")
+        listener.close()
+        assert finish_tool(process) == outcome
+
+
+def test_unanswered_command_ends_in_the_backlog():
+    with listening(backlog=16) as (_, path):
+        assert tool("-s", path, "refresh-config-opts") == Outcome(b"", b"", 0)
+
+
+def test_listener_that_closes_before_there_is_room_in_its_backlog():
+    with listening(backlog=0) as (listener, path), fill_backlog(path):
+        process = start_tool("-s", path, *PRINTED)
+        await_state(process.pid, "S")
+        listener.close()
+        assert finish_tool(process) == REFUSED

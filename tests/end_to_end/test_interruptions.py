@@ -1,0 +1,56 @@
+"""A tool that is stopped and continued in the middle of a call: the call that this interrupts is never made again.
+
+Stopping a process interrupts a receive on a socket with a receive timeout, and cuts a send short that has taken a part
+already. A daemon that interrupts does so once the tool sleeps in its call.
+"""
+
+import socket
+import struct
+
+import pytest
+
+from command_line import INCOMPLETE, UUID, converse, uuid_list
+from harness import Outcome, ScriptedDaemon, await_taken, read, reply, send, stop_and_continue, tool
+from preloading import needs_preloading, preloaded
+
+INTERRUPTED = Outcome(b"", b"Error received: Interrupted system call: (null)\n", 4)
+PRINTED, CHECKED, STREAMED = ("info-proactive-rebalance",), ("fix-concats",), ("stats",)
+
+
+def interrupt():
+    """The step that interrupts the tool in the call in which it waits for the daemon."""
+    def step(daemon):
+        credentials = daemon.connection.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, struct.calcsize("3i"))
+        stop_and_continue(struct.unpack("3i", credentials)[0])
+    return step
+
+
+@pytest.mark.parametrize("words, steps, outcome", [
+    (PRINTED, (interrupt(), reply(0, b"abc")), INTERRUPTED),
+    (CHECKED, (interrupt(), reply(0)), INTERRUPTED),
+    (PRINTED, (send(b"\0\0\0\7"), await_taken(), interrupt(), send(b"\0\0\0\3abc")),
+     Outcome(b"", b"Error received: Status 0x00000007: (null)\n", 7)),
+    (PRINTED, (send(b"\0\0\0\0\0\0\0\3"), await_taken(), interrupt(), send(b"abc")), Outcome(b"\0\0\0\n", b"", 0)),
+    (PRINTED, (send(b"\0\0\0\7\0\0\0\3"), await_taken(), interrupt(), send(b"abc")),
+     Outcome(b"", b"Error received: Status 0x00000007: \n", 7)),
+    (CHECKED, (send(b"\0\0\0\0\0\0\0\3"), await_taken(), interrupt(), send(b"abc")), Outcome(b"", b"", 0)),
+    (PRINTED, (send(b"\0\0\0\0\0\0\0\3ab"), await_taken(), interrupt(), send(b"c")), Outcome(b"\n", INCOMPLETE, 0)),
+    (STREAMED, (interrupt(), send(b"more")), Outcome(b"", b"", 4)),
+    (STREAMED, (send(b"so far"), await_taken(), interrupt(), send(b"more")), Outcome(b"so far", b"", 4)),
+], ids=["header", "checked-header", "half-a-header", "payload", "payload-of-an-error", "checked-payload",
+        "half-a-payload", "stream", "later-in-a-stream"])
+def test_interrupted_receive_is_not_repeated(words, steps, outcome):
+    run, _ = converse(*steps, words=words, may_break=True)
+    assert run == outcome
+
+
+@needs_preloading
+def test_interrupted_send_is_not_completed():
+    """The daemon reads the header alone, and the rest when the tool has sent what it will."""
+    header = b"\0\0\0\x21\0\2\xe4\x18"
+    with ScriptedDaemon(read(8), interrupt(), reply(0), read_request=False) as plaxd:
+        run = tool("-s", plaxd.path, "component-manual-move", "-u", UUID, "-n", uuid_list(2559),
+                   env=preloaded(PLAX_SMALL_SEND_BUFFER="1"))
+    assert run == Outcome(b"", b"", 0)
+    assert plaxd.received[:8] == header
+    assert 0 < len(plaxd.received) - 8 < 189464
