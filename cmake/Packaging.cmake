@@ -1,31 +1,32 @@
-# The Debian packages: one for the tool with its private library, one for the stand-in daemon. What lands in them is
-# said where it is built, by install() with the component of the package's name; here stands what Debian wants besides.
-# `cpack` in the build folder makes both.
-find_program(DPKG dpkg)
-if(NOT DPKG)
-    return()
-endif()
-
+# The packages: one for the tool with its private library, one for the stand-in daemon, each for Debian and for systems
+# with rpm. What lands in them is said where it is built, by install() with the component of the package's name; here
+# stand the documents and what the packages say of themselves. `cpack` in the build directory makes those that the
+# machine has the programs for.
 set(PLAX_PACKAGES plax-tool)
 if(PLAX_BUILD_STANDIN)
     list(APPEND PLAX_PACKAGES plax-tool-standin)
 endif()
 set(PLAX_MAINTAINER "plax-tool maintainers <maintainers@plax-tool.invalid>")
-set(PLAX_DEBIAN_RELEASE 1)
+set(PLAX_PACKAGE_RELEASE 1)
 
-# The change log is written once, for people; the package's own follows from its first entry.
+# The changelog is written once, for people; those of the packages follow from its first entry.
 file(STRINGS CHANGELOG.md newest_change REGEX "^## " LIMIT_COUNT 1)
 if(NOT newest_change MATCHES "^## ([0-9.]+) - ([0-9-]+)$" OR NOT CMAKE_MATCH_1 VERSION_EQUAL PROJECT_VERSION)
     message(FATAL_ERROR "CHANGELOG.md does not begin with version ${PROJECT_VERSION}: ${newest_change}")
 endif()
-execute_process(COMMAND date --utc --rfc-email --date=${CMAKE_MATCH_2}
-    OUTPUT_VARIABLE release_date OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+set(release_day ${CMAKE_MATCH_2})
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS CHANGELOG.md LICENSE)
+
+function(release_date variable)
+    execute_process(COMMAND ${CMAKE_COMMAND} -E env LC_ALL=C date --utc --date=${release_day} ${ARGN}
+        OUTPUT_VARIABLE date OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+    set(${variable} ${date} PARENT_SCOPE)
+endfunction()
 
 # Compressed without name and time, so that the same text gives the same file.
 function(write_compressed path text)
     file(WRITE ${path} "${text}")
-    execute_process(COMMAND gzip -9nf ${path} COMMAND_ERROR_IS_FATAL ANY)
+    execute_process(COMMAND ${GZIP} -9nf ${path} COMMAND_ERROR_IS_FATAL ANY)
 endfunction()
 
 # Debian's form of a licence text: every line is indented, and an empty one holds a full stop.
@@ -36,38 +37,67 @@ string(REGEX REPLACE "^.*${copyright_holder}\n\n" "" license "${license}")
 string(REGEX REPLACE "\n\n" "\n.\n" license "${license}")
 string(REGEX REPLACE "\n(.)" "\n \\1" license " ${license}")
 
-file(READ CHANGELOG.md change_log)
+set(PLAX_PACKAGE_FILES ${CMAKE_BINARY_DIR}/package-files)
+file(WRITE ${PLAX_PACKAGE_FILES}/copyright
+    "Format: https://www.debian.org/doc/packaging-manuals/copyright-format/1.0/\nUpstream-Name: plax-tool\n\n"
+    "Files: *\nCopyright: ${copyright_holder}\nLicense: Expat\n${license}")
+file(READ CHANGELOG.md changelog)
+write_compressed(${PLAX_PACKAGE_FILES}/changelog "${changelog}")
+release_date(date --rfc-email)
+write_compressed(${PLAX_PACKAGE_FILES}/changelog.Debian
+    "plax-tool (${PROJECT_VERSION}-${PLAX_PACKAGE_RELEASE}) unstable; urgency=medium\n\n  * New version.\n\n \
+-- ${PLAX_MAINTAINER}  ${date}\n")
+release_date(date "+%a %b %d %Y")
+file(WRITE ${PLAX_PACKAGE_FILES}/changelog.rpm
+    "* ${date} ${PLAX_MAINTAINER} - ${PROJECT_VERSION}-${PLAX_PACKAGE_RELEASE}\n- New version.\n")
 foreach(package IN LISTS PLAX_PACKAGES)
-    set(folder ${CMAKE_BINARY_DIR}/debian/${package})
-    file(WRITE ${folder}/copyright
-        "Format: https://www.debian.org/doc/packaging-manuals/copyright-format/1.0/\nUpstream-Name: plax-tool\n\n"
-        "Files: *\nCopyright: ${copyright_holder}\nLicense: Expat\n${license}")
-    write_compressed(${folder}/changelog "${change_log}")
-    write_compressed(${folder}/changelog.Debian
-        "plax-tool (${PROJECT_VERSION}-${PLAX_DEBIAN_RELEASE}) unstable; urgency=medium\n\n  * New version.\n\n \
--- ${PLAX_MAINTAINER}  ${release_date}\n")
-    install(FILES ${folder}/copyright ${folder}/changelog.gz ${folder}/changelog.Debian.gz
+    install(FILES ${PLAX_PACKAGE_FILES}/copyright ${PLAX_PACKAGE_FILES}/changelog.gz
         DESTINATION share/doc/${package} COMPONENT ${package})
 endforeach()
+install(FILES docs/fleet.md docs/protocol.md docs/scripting.md DESTINATION share/doc/plax-tool COMPONENT plax-tool)
 
-# Folders come out alike whatever the umask of the one who builds.
+# Directories are not left writable for the group or for all.
 set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS ${CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS})
 
-set(CPACK_GENERATOR DEB)
+find_program(DPKG dpkg)
+find_program(RPMBUILD rpmbuild)
+set(CPACK_GENERATOR)
+if(DPKG)
+    list(APPEND CPACK_GENERATOR DEB)
+endif()
+if(RPMBUILD)
+    list(APPEND CPACK_GENERATOR RPM)
+endif()
+if(NOT CPACK_GENERATOR)
+    return()
+endif()
+set(CPACK_VERBATIM_VARIABLES ON)
 set(CPACK_COMPONENTS_ALL ${PLAX_PACKAGES})
 set(CPACK_COMPONENTS_GROUPING IGNORE)
-set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
+# Each package has a description of its own, and no line of the project's before it.
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
+
+set(tool_description "plaxd decides where the components of stored objects live across disks, disk
+groups, hosts and fault domains. One run of plax-tool asks it for one thing:
+statistics, a repair, a rebalance, or what a decommissioning would take.
+
+Manual page and completions for bash, zsh and fish are included.")
+set(standin_description "plaxd-standin takes the place of plaxd, the placement daemon of clustered
+storage: it answers plax-tool as told, logs each request decoded field by
+field, and misbehaves on demand.")
+
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_SOURCE_DIR}/cmake/PackageFiles.cmake)
+set(CPACK_PLAX_PACKAGE_FILES ${PLAX_PACKAGE_FILES})
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_RELEASE ${PLAX_DEBIAN_RELEASE})
+set(CPACK_DEBIAN_PACKAGE_RELEASE ${PLAX_PACKAGE_RELEASE})
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER ${PLAX_MAINTAINER})
 set(CPACK_DEBIAN_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
-# Each package has a description of its own, and no line of the project's before it.
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
 
 # What the tool depends on is stated rather than searched for: CPack would take the private library for a public one and
 # have the package rebuild the loader's cache. The C library that the tool was built against is new enough.
@@ -76,19 +106,45 @@ execute_process(COMMAND getconf GNU_LIBC_VERSION
 string(REPLACE "glibc " "" libc ${libc})
 set(CPACK_DEBIAN_PLAX-TOOL_PACKAGE_NAME plax-tool)
 set(CPACK_DEBIAN_PLAX-TOOL_DESCRIPTION "administer plaxd, the placement daemon of clustered storage
-plaxd decides where the components of stored objects live across disks, disk
-groups, hosts and fault domains. One run of plax-tool asks it for one thing:
-statistics, a repair, a rebalance, or what a decommissioning would take.
-
-Manual page and completions for bash, zsh and fish are included.")
+${tool_description}")
 set(CPACK_DEBIAN_PLAX-TOOL_PACKAGE_DEPENDS "libc6 (>= ${libc})")
 set(CPACK_DEBIAN_PLAX-TOOL_PACKAGE_SUGGESTS plax-tool-standin)
 
 set(CPACK_DEBIAN_PLAX-TOOL-STANDIN_PACKAGE_NAME plax-tool-standin)
 set(CPACK_DEBIAN_PLAX-TOOL-STANDIN_DESCRIPTION "rehearse plax-tool scripts without a storage cluster
-plaxd-standin takes the place of plaxd, the placement daemon of clustered
-storage: it answers plax-tool as told, logs each request decoded field by
-field, and misbehaves on demand.")
+${standin_description}")
 set(CPACK_DEBIAN_PLAX-TOOL-STANDIN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PLAX-TOOL-STANDIN_PACKAGE_RECOMMENDS plax-tool)
+
+set(CPACK_RPM_COMPONENT_INSTALL ON)
+set(CPACK_RPM_FILE_NAME RPM-DEFAULT)
+set(CPACK_RPM_PACKAGE_RELEASE ${PLAX_PACKAGE_RELEASE})
+set(CPACK_RPM_PACKAGE_LICENSE MIT)
+set(CPACK_RPM_PACKAGE_GROUP "System Environment/Base")
+set(CPACK_RPM_PACKAGE_VENDOR "plax-tool maintainers")
+set(CPACK_PACKAGE_RELOCATABLE OFF)
+set(CPACK_RPM_CHANGELOG_FILE ${PLAX_PACKAGE_FILES}/changelog.rpm)
+# rpm finds the libraries that are needed. The private one is nothing to offer to others or to ask others for. Links to
+# the programs by the identity of their build are for those who ship debugging symbols. CPack does not know the weaker
+# kinds of dependencies by the names that rpm gives them now, nor the packager.
+set(CPACK_RPM_SPEC_MORE_DEFINE "Packager: ${PLAX_MAINTAINER}
+%global __requires_exclude libplax-platform
+%global __provides_exclude libplax-platform
+%global _build_id_links none
+%if \"%{name}\" == \"plax-tool\"
+Suggests: plax-tool-standin
+%else
+Recommends: plax-tool
+%endif")
+# The directories of the system belong to other packages.
+set(CPACK_RPM_EXCLUDE_FROM_AUTO_FILELIST_ADDITION
+    /usr/sbin /usr/share/bash-completion /usr/share/bash-completion/completions /usr/share/fish
+    /usr/share/fish/vendor_completions.d /usr/share/man /usr/share/man/man1 /usr/share/man/man8 /usr/share/zsh
+    /usr/share/zsh/site-functions)
+set(CPACK_RPM_plax-tool_PACKAGE_NAME plax-tool)
+set(CPACK_RPM_plax-tool_PACKAGE_SUMMARY "Administer plaxd, the placement daemon of clustered storage")
+set(CPACK_RPM_plax-tool_PACKAGE_DESCRIPTION "${tool_description}")
+set(CPACK_RPM_plax-tool-standin_PACKAGE_NAME plax-tool-standin)
+set(CPACK_RPM_plax-tool-standin_PACKAGE_SUMMARY "Rehearse plax-tool scripts without a storage cluster")
+set(CPACK_RPM_plax-tool-standin_PACKAGE_DESCRIPTION "${standin_description}")
 include(CPack)

@@ -5,11 +5,11 @@ set -euo pipefail
 
 declare -A packages=(
     [build]="g++ cmake gzip ninja-build libcli11-dev nlohmann-json3-dev"
-    [test]="bash-completion clustershell fish libgmock-dev libgtest-dev locales mandoc python3-jsonschema python3-pytest python3-pytest-xdist zsh"
+    [test]="bash-completion clustershell dpkg-dev fish libgmock-dev libgtest-dev locales mandoc python3-jsonschema python3-pytest python3-pytest-xdist rpm zsh"
     [coverage]="clang-19 libclang-rt-19-dev llvm-19"
     [bench]="chrony knot netcat-openbsd python3-matplotlib socat strace valgrind"
     [foreign]="g++-aarch64-linux-gnu g++-i686-linux-gnu g++-s390x-linux-gnu qemu-user"
-    [package]="bash-completion debootstrap dpkg-dev gzip lintian"
+    [package]="bash-completion debootstrap dpkg-dev gzip lintian rpm rpmlint"
     [fuzz]="clang llvm libclang-rt-14-dev"
     [sanitizers]="clang llvm libclang-rt-14-dev valgrind"
     [distributions]="debootstrap git"

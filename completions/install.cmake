@@ -1,0 +1,14 @@
+# Installs the completions where the shells look for them. That depends on the prefix, which is known only now.
+set(bash_directory ${CMAKE_INSTALL_PREFIX}/share/bash-completion/completions)
+set(zsh_directory ${CMAKE_INSTALL_PREFIX}/share/zsh/site-functions)
+set(fish_directory ${CMAKE_INSTALL_PREFIX}/share/fish/vendor_completions.d)
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr" AND EXISTS /etc/debian_version)
+    # Debian's zsh has a directory of its own for packages.
+    set(zsh_directory /usr/share/zsh/vendor-completions)
+elseif(CMAKE_INSTALL_PREFIX STREQUAL "/usr/local")
+    # fish searches nothing below this prefix unless XDG_DATA_DIRS says so. This is the administrator's directory.
+    set(fish_directory /etc/fish/completions)
+endif()
+file(INSTALL ${PLAX_COMPLETIONS}/plax-tool.bash DESTINATION ${bash_directory} RENAME plax-tool)
+file(INSTALL ${PLAX_COMPLETIONS}/_plax-tool DESTINATION ${zsh_directory})
+file(INSTALL ${PLAX_COMPLETIONS}/plax-tool.fish DESTINATION ${fish_directory})
