@@ -50,10 +50,11 @@ make_root() {
 root_environment=(env --ignore-environment HOME=/root LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive
     PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin)
 
-# in_root WORD...: runs a command in the root.
+# in_root WORD...: runs a command in the root, which is a mount point like any other root.
 in_root() {
     # shellcheck disable=SC2016
-    isolated sh -c 'mount -t proc proc "$0/proc" && mount -t devpts -o newinstance,ptmxmode=666 devpts "$0/dev/pts" &&
+    isolated sh -c 'mount --bind "$0" "$0" && mount -t proc proc "$0/proc" &&
+        mount -t devpts -o newinstance,ptmxmode=666 devpts "$0/dev/pts" &&
         mount --bind "$1" "$0/var/cache/apt/archives" && shift && exec chroot "$0" "$@"' \
         "$root" "$archives" "${root_environment[@]}" "$@"
 }

@@ -60,3 +60,6 @@ step 1 plax-tool -s nobody.uds stats
 step 1 plax-tool -s plaxd.uds crawler
 echo "# What the daemon saw"
 step 0 cat standin.log
+echo "# A script that knows nothing of the stand-in, and the commands that it has sent"
+step 0 plaxd-standin rehearse --log rehearsal.log --format commands -- sh -c 'plax-tool -a crawler && plax-tool stats'
+step 0 cat rehearsal.log

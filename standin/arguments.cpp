@@ -5,6 +5,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <stdexcept>
@@ -83,7 +84,7 @@ static std::string Usage(const CLI::App &app)
                 " " + NameOf(*option) + (option->nonpositional() ? option->get_option_text() : "");
         }
     }
-    return required + " [OPTION]..." + operands;
+    return required + " [OPTION]..." + operands + app.get_footer();
 }
 
 static std::string HelpText(const CLI::App *app, const std::string &name, CLI::AppFormatMode)
@@ -124,12 +125,29 @@ static CLI::App *AddDaemon(CLI::App *app, const char *name, const char *help, Se
     return command;
 }
 
+static void AddAnswers(CLI::App *command, Settings *settings)
+{
+    AddValue(command, "--answers", &settings->answersPath, " FILE", "Take answers and faults from this JSON file");
+}
+
+static void AddRehearse(CLI::App *app, Settings *settings, TypedValues *typed)
+{
+    CLI::App *command = AddCommand(app, "rehearse", "Run a script and answer its requests");
+    command->footer(" -- SCRIPT [ARGUMENT]...");
+    AddAnswers(command, settings);
+    AddValue(command, "--log", &settings->logPath, " FILE", "Append the log to FILE; default: no log");
+    AddOutputOptions(command, settings, typed);
+    command->add_flag("--socket-option", settings->socketOption, "Give plax-tool -s where namespaces are not allowed")
+        ->take_last();
+}
+
 static void AddCommands(CLI::App *app, Settings *settings, TypedValues *typed)
 {
     CLI::App *serve = AddDaemon(app, "serve", "Answer requests until SIGTERM or SIGINT", settings, typed);
-    AddValue(serve, "--answers", &settings->answersPath, " FILE", "Take answers and faults from this JSON file");
+    AddAnswers(serve, settings);
     CLI::App *relay = AddDaemon(app, "relay", "Pass requests on to a daemon until SIGTERM or SIGINT", settings, typed);
     AddValue(relay, "--to", &settings->daemonPath, " PATH", "Socket of the daemon; default: /var/run/plaxd.uds");
+    AddRehearse(app, settings, typed);
     CLI::App *decode = AddCommand(app, "decode", "Show what the bytes of a request mean; FILE -: standard input");
     AddValue(decode, "file", &settings->requestPath, "FILE", "")->required();
     AddOutputOptions(decode, settings, typed);
@@ -204,6 +222,18 @@ static int ReportUsageError(const CLI::App &app, const UsageError &error)
     return kExitUsage;
 }
 
+// The words of a script are not for the library: some of them may be empty, or look like options.
+static void TakeScript(int *argumentCount, char **arguments, Settings *settings)
+{
+    char **end = arguments + *argumentCount;
+    char **dashes = std::find_if(arguments, end, [](const char *word) { return std::string_view(word) == "--"; });
+    if (*argumentCount < 2 || std::string_view(arguments[1]) != "rehearse" || dashes == end) {
+        return;
+    }
+    settings->script.assign(dashes + 1, end + 1); // with the null that ends the vector
+    *argumentCount = static_cast<int>(dashes - arguments);
+}
+
 // The library knows of a value that is missing at the end of the line; all else is looked for here.
 static void Parse(CLI::App *app, int argumentCount, char **arguments)
 {
@@ -213,8 +243,10 @@ static void Parse(CLI::App *app, int argumentCount, char **arguments)
     } catch (const CLI::ArgumentMismatch &error) {
         const std::string_view what = error.what();
         throw UsageError(std::string(what.substr(0, what.find(':'))) + " needs a value");
-    } catch (const CLI::ConversionError &) {
-        throw UsageError("--strict takes no value");
+    } catch (const CLI::ConversionError &error) {
+        const std::string what = error.what();
+        const size_t name = what.find("--");
+        throw UsageError(what.substr(name, what.find(' ', name) - name) + " takes no value");
     } catch (const CLI::RequiredError &) {
         // Which one it is will be found below, unless something else is wrong too.
     }
@@ -230,9 +262,16 @@ static void Parse(CLI::App *app, int argumentCount, char **arguments)
 
 static void Convert(const CLI::App &app, const TypedValues &typed, Settings *settings)
 {
-    settings->command = app.got_subcommand("serve")   ? Command::Serve
-                        : app.got_subcommand("relay") ? Command::Relay
-                                                      : Command::Decode;
+    settings->command = app.got_subcommand("serve")      ? Command::Serve
+                        : app.got_subcommand("relay")    ? Command::Relay
+                        : app.got_subcommand("rehearse") ? Command::Rehearse
+                                                         : Command::Decode;
+    if (settings->command == Command::Rehearse && settings->script.size() < 2) {
+        throw UsageError("a script is required after --");
+    }
+    if (settings->command == Command::Rehearse && app.get_subcommand("rehearse")->count("--log") == 0) {
+        settings->logPath = "/dev/null";
+    }
     settings->format = ReadFormat(typed.format);
     settings->socketMode = ReadMode(typed.socketMode);
 }
@@ -248,6 +287,7 @@ std::optional<int> ParseArguments(int argumentCount, char **arguments, Settings 
     app.require_subcommand(1);
     app.allow_extras();
     AddCommands(&app, settings, &typed);
+    TakeScript(&argumentCount, arguments, settings);
     try {
         Parse(&app, argumentCount, arguments);
         Convert(app, typed, settings);

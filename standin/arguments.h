@@ -8,10 +8,11 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace standin {
 
-enum class Command { Serve, Relay, Decode };
+enum class Command { Serve, Relay, Rehearse, Decode };
 
 struct Settings {
     Command command = Command::Serve;
@@ -23,6 +24,9 @@ struct Settings {
     std::string logPath = "-";
     LogFormat format = LogFormat::Text;
     bool strict = false;
+    std::vector<char *> script; // the words after "--", and a null
+    bool socketOption = false;
+    int readyDescriptor = -1; // of a rehearsal: told when clients can connect
 };
 
 // Fills the settings. Returns the exit status when nothing is left to do: a help text was printed, or the command line

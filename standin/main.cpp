@@ -3,6 +3,7 @@
 #include "answer_file.h"
 #include "arguments.h"
 #include "connections.h"
+#include "rehearse.h"
 #include "relay.h"
 #include "serve.h"
 
@@ -41,6 +42,15 @@ static int EndLog(const Settings &settings, Log *log)
     return settings.strict && log->SawViolation() ? kExitFailure : 0;
 }
 
+static void Announce(const Settings &settings)
+{
+    if (settings.command != Command::Rehearse) {
+        fprintf(stderr, "plaxd-standin: listening on %s\n", settings.socketPath.c_str());
+    } else if (write(settings.readyDescriptor, "", 1) < 0) {
+        throw std::runtime_error(SystemError("pipe", errno));
+    }
+}
+
 static int RunDaemon(const Settings &settings, const std::function<void(Connection &, Log *)> &handle)
 {
     BlockEndSignals();
@@ -48,7 +58,7 @@ static int RunDaemon(const Settings &settings, const std::function<void(Connecti
     RaiseDescriptorLimit();
     Log log(settings.logPath, settings.format);
     Listener listener = OpenListener(settings.socketPath, settings.socketMode);
-    fprintf(stderr, "plaxd-standin: listening on %s\n", settings.socketPath.c_str());
+    Announce(settings);
     ServeConnections(listener, [&](Connection &connection) { handle(connection, &log); });
     CloseListener(&listener);
     return EndLog(settings, &log);
@@ -68,6 +78,16 @@ static int Relay(const Settings &settings)
     }
     return RunDaemon(settings,
                      [&](Connection &connection, Log *log) { RelayConnection(connection, settings.daemonPath, log); });
+}
+
+static int RehearseScript(const Settings &settings)
+{
+    return Rehearse({settings.script, settings.socketOption, [&](const std::string &socketPath, int ready) {
+                         Settings own = settings;
+                         own.socketPath = socketPath;
+                         own.readyDescriptor = ready;
+                         return Serve(own);
+                     }});
 }
 
 static int Decode(const Settings &settings)
@@ -92,6 +112,8 @@ static int Run(const Settings &settings)
         return Serve(settings);
     case Command::Relay:
         return Relay(settings);
+    case Command::Rehearse:
+        return RehearseScript(settings);
     case Command::Decode:
         break;
     }

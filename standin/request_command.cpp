@@ -4,6 +4,7 @@
 #include "request_command.h"
 
 #include "protocol_table.h"
+#include "shell_words.h"
 
 #include <algorithm>
 #include <cstring>
@@ -209,28 +210,9 @@ static constexpr FieldRow kFieldRows[] = {
 
 // ---- The line. ----
 
-static bool IsPlain(char character)
-{
-    static constexpr std::string_view kPlain =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_./:,+=@%";
-    return kPlain.find(character) != std::string_view::npos;
-}
-
-static std::string Quoted(std::string_view word)
-{
-    if (!word.empty() && std::all_of(word.begin(), word.end(), IsPlain)) {
-        return std::string(word);
-    }
-    std::string text = "'";
-    for (const char character : word) {
-        text += character == '\'' ? "'\\''" : std::string(1, character);
-    }
-    return text + "'";
-}
-
 static void AddWord(std::string_view word, std::string *line)
 {
-    line->append(" ").append(Quoted(word));
+    line->append(" ").append(ShellWord(word));
 }
 
 // An operand that looks like an option must stand after "--".

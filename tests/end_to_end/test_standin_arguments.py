@@ -14,6 +14,7 @@ Stand in for plaxd: answer plax-tool on a socket of your choice and log its requ
 commands:
   serve                 Answer requests until SIGTERM or SIGINT
   relay                 Pass requests on to a daemon until SIGTERM or SIGINT
+  rehearse              Run a script and answer its requests
   decode                Show what the bytes of a request mean; FILE -: standard input
 
 options:
@@ -51,6 +52,20 @@ options:
   --to PATH             Socket of the daemon; default: /var/run/plaxd.uds
 """
 
+HELP_REHEARSE = """\
+usage: plaxd-standin rehearse [OPTION]... -- SCRIPT [ARGUMENT]...
+
+Run a script and answer its requests.
+
+options:
+  -h, --help            Show this help text and exit
+  --answers FILE        Take answers and faults from this JSON file
+  --log FILE            Append the log to FILE; default: no log
+  --format FORMAT       text (the default), json or commands
+  --strict              Exit with status 1 if a request violated the protocol
+  --socket-option       Give plax-tool -s where namespaces are not allowed
+"""
+
 HELP_DECODE = """\
 usage: plaxd-standin decode [OPTION]... FILE
 
@@ -64,7 +79,7 @@ options:
 
 
 @pytest.mark.parametrize("words, text", [([], HELP), (["serve"], HELP_SERVE), (["relay"], HELP_RELAY),
-                                         (["decode"], HELP_DECODE)])
+                                         (["rehearse"], HELP_REHEARSE), (["decode"], HELP_DECODE)])
 @pytest.mark.parametrize("option", ["-h", "--help"])
 def test_help(option, words, text):
     assert run_standin(*words, option) == (0, text.encode(), b"")
@@ -103,6 +118,11 @@ def test_no_command(words, message):
     (["serve", "--socket", "s", "--format", "xml"], "--format must be text, json or commands, not xml"),
     (["decode", "--format", "1", "-"], "--format must be text, json or commands, not 1"),
     (["decode", "--strict=more", "-"], "--strict takes no value"),
+    (["rehearse", "--socket-option=more", "--", "script"], "--socket-option takes no value"),
+    (["rehearse"], "a script is required after --"),
+    (["rehearse", "--"], "a script is required after --"),
+    (["rehearse", "script"], "unexpected argument: script"),
+    (["rehearse", "--socket", "s", "--", "script"], "unknown option: --socket"),
     *[(["serve", "--socket", "s", "--socket-mode", text], f"--socket-mode must be octal, from 0 to 777, not {text}")
       for text in ("8", "1000", "-1", "0o600", "rw", "600 ")],
 ])

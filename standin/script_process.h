@@ -1,0 +1,50 @@
+// A script's process: how it is started, which signals reach it, and how its end, and that of everything it started,
+// is awaited.
+#ifndef PLAX_STANDIN_SCRIPT_PROCESS_H
+#define PLAX_STANDIN_SCRIPT_PROCESS_H
+
+#include "descriptor.h"
+
+#include <sys/types.h>
+
+#include <csignal>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace standin {
+
+// As shells have them.
+inline constexpr int kExitNotExecutable = 126;
+inline constexpr int kExitNotFound = 127;
+inline constexpr int kExitSignal = 128; // and the signal's number is added
+
+// The signals that would end this process, and those that tell of a child's end, read like any other input.
+struct TakenSignals {
+    Descriptor input;
+    sigset_t previous; // the mask that was in force before
+};
+
+// From then on processes that lose their parent become children of this one, too.
+TakenSignals TakeSignals();
+
+// A signal that has come in already, or 0.
+int TakeSignal(const TakenSignals &signals);
+
+// Starts a process that calls `run`, which returns its exit status, with the signals as they were.
+pid_t StartProcess(const TakenSignals &signals, const std::function<int()> &run);
+
+// Waits for a child's end. Returns its exit status, or 128 + the signal that killed it.
+int AwaitProcess(pid_t process);
+
+// Replaces this process by the program; returns the exit status for a program that cannot be run, after a message.
+int Become(const std::vector<char *> &words);
+
+// Waits for the script's end, passing on to it the signals that were sent to this process, and returns what
+// AwaitProcess does. Then the processes that the script has left behind are ended, unless they soon do so by
+// themselves. `keep` is a child that does not belong to the script.
+int RunToEnd(pid_t script, const TakenSignals &signals, pid_t keep);
+
+} // namespace standin
+
+#endif

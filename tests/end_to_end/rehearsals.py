@@ -1,0 +1,84 @@
+"""Running `plaxd-standin rehearse` for a test, as root and as an ordinary user where the test run allows both.
+
+Every rehearsal has a directory of its own for temporary files, and fails the test when it leaves something in there.
+"""
+
+import contextlib
+import json
+import os
+import shutil
+import subprocess
+import tempfile
+
+import pytest
+from harness import PATIENCE, environment
+from namespaces import namespaces_work, tool_folder
+from standin_process import STANDIN
+
+SYSTEM_PATH = "/usr/sbin:/usr/bin:/sbin:/bin"  # with nothing that some users may not read
+NOBODY = 65534
+ORDINARY = ["setpriv", "--reuid", str(NOBODY), "--regid", str(NOBODY), "--clear-groups"]
+USERS = {"root": [], "ordinary": ORDINARY} if os.geteuid() == 0 else {"ordinary": []}
+# What a test runs under so that the system allows no mount namespaces.
+NO_NAMESPACES = ["unshare", "--user", "--map-root-user", "sh", "-c",
+                 'echo 0 >/proc/sys/user/max_mnt_namespaces && exec "$@"', "sh"]
+
+every_user = pytest.mark.parametrize("user", USERS)
+# Where the test run allows no namespaces, what is said there is tested instead.
+in_namespaces = pytest.mark.parametrize("user", USERS if namespaces_work() else [])
+
+
+class Rehearsal:
+    """A directory that every user can use, with a PATH in which plax-tool is found."""
+
+    def __init__(self):
+        self.folder = tempfile.mkdtemp(prefix="rehearsal-")
+        os.chmod(self.folder, 0o777)
+        for name in ("temporary files'", "tools"):
+            os.mkdir(self.file(name))
+            os.chmod(self.file(name), 0o777)
+        self.temporary = self.file("temporary files'")
+        self.tools = tool_folder(self.file("tools"))
+        self.log = self.file("log")
+
+    def file(self, name, content=None, mode=0o644):
+        path = os.path.join(self.folder, name)
+        if content is not None:
+            with open(path, "w", encoding="utf-8") as file:
+                file.write(content)
+            os.chmod(path, mode)
+        return path
+
+    def environment(self, **changes):
+        return environment(**{"TMPDIR": self.temporary, "PATH": f"{self.tools}:{SYSTEM_PATH}", **changes})
+
+    def start(self, *words, user=(), env=None, **options):
+        return subprocess.Popen([*user, STANDIN, "rehearse", *words], cwd=self.folder,
+                                env=self.environment(**(env or {})), stdin=options.pop("stdin", subprocess.DEVNULL),
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, **options)
+
+    def finish(self, process, text=None):
+        stdout, stderr = process.communicate(text, timeout=PATIENCE)
+        assert os.listdir(self.temporary) == []
+        return process.returncode, stdout, stderr
+
+    def run(self, *words, text=None, **options):
+        """Gives the exit status, what came out, and the messages."""
+        if text is not None:
+            options["stdin"] = subprocess.PIPE
+        return self.finish(self.start(*words, **options), text)
+
+    def requests(self):
+        """The commands in the log, and the numbers in its summary."""
+        with open(self.log, encoding="utf-8") as file:
+            lines = [json.loads(line) for line in file]
+        return [(line["command"], line["outcome"]) for line in lines[:-1]], lines[-1]["summary"]["requests"]
+
+
+@contextlib.contextmanager
+def rehearsal():
+    made = Rehearsal()
+    try:
+        yield made
+    finally:
+        shutil.rmtree(made.folder, ignore_errors=True)
