@@ -54,7 +54,7 @@ static constexpr bool RowsFollowCodes()
     }
     return true;
 }
-static_assert(RowsFollowCodes() && std::size(kRows) == 34, "a row is found by its code");
+static_assert(RowsFollowCodes(), "a row is found by its code");
 
 std::span<const CommandRow> AllCommands()
 {

@@ -1,4 +1,4 @@
-"""Random requests for all 34 commands, most of which the tool can send, some of which it cannot.
+"""Random requests for all commands, most of which the tool can send, some of which it cannot.
 
     for request in random_requests(seed, count):
         request.bytes      # the whole frame
@@ -11,6 +11,7 @@ from dataclasses import dataclass
 
 from command_line import LIST_FIELD, record
 from harness import HOST_ORDER, frame
+from request_table import COMMANDS
 
 ZERO = bytes(16)
 # What shells, option parsers and terminals take for something else, and texts in several encodings.
@@ -20,8 +21,8 @@ ALPHABET = [b"a", b"Z", b"0", b" ", b"\t", b"\n", b"'", b'"', b"\\", b"$", b"$(i
 REALS = [0.3, 0.0, -0.0, 1.0, -0.5, 0.1 + 0.2, 5e-324, 1.7976931348623157e308, float("inf"), float("-inf")]
 NANS = [0x7ff8000000000000, 0xfff8000000000000]
 WORK_ITEMS = [code for code in range(1, 23) if code != 4]
-UUID_TEXT_CODES = (2, 8, 9, 14, 15, 23)
-BARE_CODES = (1, 3, 5, 6, 11, 12, 13, 18, 27, 28, 29, 30, 32)
+UUID_TEXT_CODES = [command["code"] for command in COMMANDS if command["shape"] == "UUID text"]
+BARE_CODES = [command["code"] for command in COMMANDS if command["shape"] == "none"]
 
 
 @dataclass
@@ -90,27 +91,26 @@ def callback_block(dice):
 
 
 PAYLOADS = {
-    **{code: lambda dice: b"" for code in BARE_CODES},
-    **{code: uuid_text for code in UUID_TEXT_CODES},
-    4: lambda dice: text(dice) + b"\0",
-    7: text,
-    16: lambda dice: record("16sIB3s", uuid(dice), number(dice), dice.randrange(2), bytes(3)),
-    17: upgrade,
-    19: lambda dice: uuid(dice) + text(dice, 200) + b"\0",
-    20: lambda dice: text(dice) + b"\0",
-    21: lambda dice: text(dice) + b"\0",
-    22: lambda dice: uuid_text(dice) + b"%d" % dice.randrange(8) + bytes(4),
-    24: lambda dice: (b"%d" % dice.choice(WORK_ITEMS)).ljust(4, b"\0"),
-    25: lambda dice: (b"%d" % dice.choice(WORK_ITEMS)).ljust(4, b"\0"),
-    26: lambda dice: uuid_text(dice) + b"%d" % dice.randrange(2) + bytes(4),
-    31: lambda dice: callback_block(dice).ljust(1024, b"\0"),
-    33: manual_move,
-    34: exclusion_list,
+    "none": lambda dice: b"",
+    "UUID text": uuid_text,
+    "JSON text": lambda dice: text(dice) + b"\0",
+    "Log level": text,
+    "What-if entity decommissioning":
+        lambda dice: record("16sIB3s", uuid(dice), number(dice), dice.randrange(2), bytes(3)),
+    "What-if upgrade": upgrade,
+    "Force reconfigure": lambda dice: uuid(dice) + text(dice, 200) + b"\0",
+    "File path": lambda dice: text(dice) + b"\0",
+    "Recovery mode": lambda dice: uuid_text(dice) + b"%d" % dice.randrange(8) + bytes(4),
+    "Work item": lambda dice: (b"%d" % dice.choice(WORK_ITEMS)).ljust(4, b"\0"),
+    "Crawler state": lambda dice: uuid_text(dice) + b"%d" % dice.randrange(2) + bytes(4),
+    "Callback block": lambda dice: callback_block(dice).ljust(1024, b"\0"),
+    "Component manual move": manual_move,
+    "Global exclusion list": exclusion_list,
 }
 
 # Requests that keep to the lengths of the protocol, and that no command line sends.
 UNSENDABLE = [
-    lambda dice: frame(dice.choice([0, 35, 2**32 - 1])),
+    lambda dice: frame(dice.choice([0, len(COMMANDS) + 1, 2**32 - 1])),
     lambda dice: frame(dice.choice(BARE_CODES), b"x"),
     lambda dice: frame(dice.choice(UUID_TEXT_CODES), uuid_text(dice).upper().replace(b"0", b"A")),
     lambda dice: frame(4, b"a\0b\0"),
@@ -139,16 +139,16 @@ UNSENDABLE = [
 ]
 
 
-def well_formed(dice, code):
-    if code == 10:
+def well_formed(dice, command):
+    if command["shape"] == "Proactive rebalance":
         payload, sendable = rebalance(dice)
-        return RandomRequest(frame(10, payload), sendable)
-    return RandomRequest(frame(code, PAYLOADS[code](dice)), True)
+        return RandomRequest(frame(command["code"], payload), sendable)
+    return RandomRequest(frame(command["code"], PAYLOADS[command["shape"]](dice)), True)
 
 
-def mutated(dice, code):
+def mutated(dice, command):
     """A request with one byte of its payload changed. The lengths stay."""
-    request = bytearray(well_formed(dice, code).bytes)
+    request = bytearray(well_formed(dice, command).bytes)
     if len(request) > 8:
         position = dice.randrange(8, min(len(request), 200))
         request[position] ^= 1 << dice.randrange(8)
@@ -158,11 +158,11 @@ def mutated(dice, code):
 def random_requests(seed, count):
     dice = random.Random(seed)
     for index in range(count):
-        code = index % 34 + 1
+        command = COMMANDS[index % len(COMMANDS)]
         kind = dice.random()
         if kind < 0.7:
-            yield well_formed(dice, code)
+            yield well_formed(dice, command)
         elif kind < 0.85:
-            yield mutated(dice, code)
+            yield mutated(dice, command)
         else:
             yield RandomRequest(dice.choice(UNSENDABLE)(dice), False)

@@ -5,6 +5,7 @@ Numbers are written in the order of the host that the tool was built for; everyt
 
 import json
 import os
+import shlex
 import struct
 from dataclasses import dataclass
 
@@ -60,9 +61,15 @@ class Row:
     full: tuple  # all options and some words
     full_payload: bytes
     fields: dict  # what the stand-in finds in the full request
+    shell: tuple  # the command lines by which the stand-in tells of both requests
 
     def least_request(self):
         return frame(self.code, self.least_payload)
+
+
+def shell_lines(variant, full):
+    lines = (variant.get("shell") or shlex.join(variant["least"]), full["shell"])
+    return tuple("plax-tool " + line.replace("WORD", variant["word"]) for line in lines)
 
 
 def rows_of_command(command):
@@ -73,7 +80,7 @@ def rows_of_command(command):
         yield Row(command["code"], command["word"], variant["reply"], command["timeout"], command["rule"],
                   variant["answer"], tuple(variant["least"]), payload(variant["payload"]),
                   (*all_options(full.get("without", "")), command["word"], *full["words"]), payload(full["payload"]),
-                  full["fields"])
+                  full["fields"], shell_lines(variant, full))
 
 
 ROWS = tuple(row for command in COMMANDS for row in rows_of_command(command))

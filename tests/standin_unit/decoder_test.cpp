@@ -1,4 +1,4 @@
-// The decoder: requests cut at every byte, and every command's row against a list that is typed out here.
+// The decoder: requests cut at every byte, and every command's row against tests/commands.json.
 
 #include "decoder.h"
 
@@ -6,9 +6,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstring>
+#include <fstream>
 #include <limits>
 
 namespace standin {
@@ -142,62 +144,66 @@ TEST(Decoder, AllObjectsMakeAStream)
     }
 }
 
+static std::string ReplyClassName(const CommandRow &row)
+{
+    switch (row.replyClass) {
+    case ReplyClass::Printed:
+        return "printed";
+    case ReplyClass::Checked:
+        return "checked";
+    case ReplyClass::None:
+        return "none";
+    case ReplyClass::Streamed:
+        return "streamed";
+    }
+    return "";
+}
+
+using Json = nlohmann::ordered_json;
+
+static Json AsExpectation(const CommandRow &row)
+{
+    return {{"code", row.code},
+            {"word", row.word},
+            {"reply", ReplyClassName(row)},
+            {"length", {row.payload.lengthMin, row.payload.lengthMax}},
+            {"answer", row.answer},
+            {"allObjects", row.streamsForAllObjects ? kAllObjectsAnswer : ""}};
+}
+
+static Json ExpectedRow(const Json &command, const Json &shapes)
+{
+    const Json none = {{"answer", ""}};
+    return {{"code", command.at("code")},     {"word", command.at("word")},
+            {"reply", command.at("reply")},   {"length", shapes.at(std::string(command.at("shape"))).at("length")},
+            {"answer", command.at("answer")}, {"allObjects", command.value("allObjects", none).at("answer")}};
+}
+
 TEST(ProtocolTable, EveryRow)
 {
-    struct Row {
-        std::string_view word;
-        ReplyClass replyClass;
-        size_t lengthMin;
-        size_t lengthMax;
-    };
-    using enum ReplyClass;
-    const std::array<Row, 34> expected = {{
-        {"stats", Streamed, 0, 0},
-        {"crawler", Checked, 36, 36},
-        {"fitness-config-get", Printed, 0, 0},
-        {"fitness-config-set", Checked, 1, 1048576},
-        {"fitness-config-reset", Checked, 0, 0},
-        {"fitness-stats-get", Printed, 0, 0},
-        {"log-level", Checked, 0, 1048576},
-        {"fix-object-immediate", Checked, 36, 36},
-        {"get-object-last-operation", Printed, 36, 36},
-        {"start-proactive-rebalance", Checked, 32, 32},
-        {"stop-proactive-rebalance", Checked, 0, 0},
-        {"info-proactive-rebalance", Printed, 0, 0},
-        {"fix-concats", Checked, 0, 0},
-        {"info-rebalance", Printed, 36, 36},
-        {"resources-to-fix-unhealthy-objects", Printed, 36, 36},
-        {"what-if-entity-decom", Printed, 24, 24},
-        {"what-if-upgrade", Printed, 33, 94752},
-        {"what-if-cancel", Checked, 0, 0},
-        {"force-reconfigure-the-object", Checked, 17, 4113},
-        {"update-plaxdb", Checked, 1, 4097},
-        {"replace-plaxdb", Checked, 1, 4097},
-        {"enable-plax-recovery-mode", Checked, 41, 41},
-        {"get-obj-decom-state", Printed, 36, 36},
-        {"enable-workitem", Checked, 4, 4},
-        {"disable-workitem", Checked, 4, 4},
-        {"get-obj-crawler-state", Printed, 41, 41},
-        {"pause-decom-state-progress", Checked, 0, 0},
-        {"resume-decom-state-progress", Checked, 0, 0},
-        {"start-decom-state-heartbeat", Checked, 0, 0},
-        {"pause-failed-delta-entry-processing", None, 0, 0},
-        {"block-cdb-cb", None, 1024, 1024},
-        {"refresh-config-opts", None, 0, 0},
-        {"component-manual-move", Checked, 189464, 189464},
-        {"set-global-exclusion-list", Checked, 94728, 94728},
-    }};
-    ASSERT_EQ(AllCommands().size(), expected.size());
-    for (uint32_t code = 1; code <= expected.size(); ++code) {
-        const CommandRow &row = *FindCommand(code);
-        const Row &due = expected[code - 1];
-        EXPECT_EQ(row.word, due.word);
-        EXPECT_EQ(row.replyClass, due.replyClass) << due.word;
-        EXPECT_EQ(row.payload.lengthMin, due.lengthMin) << due.word;
-        EXPECT_EQ(row.payload.lengthMax, due.lengthMax) << due.word;
+    const Json expectation = Json::parse(std::ifstream(PLAX_EXPECTATION));
+    std::vector<std::string> expected;
+    for (const Json &command : expectation.at("commands")) {
+        expected.push_back(ExpectedRow(command, expectation.at("shapes")).dump());
     }
+    std::vector<std::string> rows;
+    for (const CommandRow &row : AllCommands()) {
+        rows.push_back(AsExpectation(row).dump());
+    }
+    for (const std::string &row : expected) {
+        EXPECT_TRUE(std::find(rows.begin(), rows.end(), row) != rows.end())
+            << "standin/protocol_table.cpp lacks " << row;
+    }
+    for (const std::string &row : rows) {
+        EXPECT_TRUE(std::find(expected.begin(), expected.end(), row) != expected.end())
+            << "tests/commands.json lacks " << row;
+    }
+}
+
+TEST(ProtocolTable, CodesBesideTheRows)
+{
     EXPECT_EQ(FindCommand(0), nullptr);
-    EXPECT_EQ(FindCommand(35), nullptr);
+    EXPECT_EQ(FindCommand(static_cast<uint32_t>(AllCommands().size() + 1)), nullptr);
 }
 
 } // namespace standin

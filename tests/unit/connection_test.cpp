@@ -7,10 +7,12 @@
 #include "system_calls.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -66,65 +68,25 @@ Ended RunWords(std::vector<std::string> words)
 
 const Ended kRefused{0xbad0001, "", "connect error: Connection refused\n"};
 
-struct TimeoutRow {
-    long seconds;
-    std::vector<std::string> words;
-};
-
-const char *const kUuid = "00010203-0405-0607-0809-0a0b0c0d0e0f";
-
-const TimeoutRow kTimeouts[] = {
-    {20, {"stats"}},
-    {20, {"crawler", "-a"}},
-    {20, {"fitness-config-get"}},
-    {20, {"fitness-config-set", "-j", "{}"}},
-    {20, {"fitness-config-reset"}},
-    {20, {"fitness-stats-get"}},
-    {20, {"log-level", "3"}},
-    {20, {"fix-object-immediate"}},
-    {20, {"get-object-last-operation"}},
-    {20, {"start-proactive-rebalance"}},
-    {20, {"stop-proactive-rebalance"}},
-    {20, {"info-proactive-rebalance"}},
-    {20, {"fix-concats"}},
-    {20, {"info-rebalance", "-a"}},
-    {1800, {"resources-to-fix-unhealthy-objects"}},
-    {1800, {"what-if-entity-decom", "-a"}},
-    {7200, {"what-if-upgrade", "-l", kUuid}},
-    {20, {"what-if-cancel"}},
-    {20, {"force-reconfigure-the-object"}},
-    {20, {"update-plaxdb"}},
-    {20, {"replace-plaxdb"}},
-    {20, {"enable-plax-recovery-mode", "-m", "1"}},
-    {20, {"get-obj-decom-state", "-a"}},
-    {20, {"enable-workitem", "-i", "MOVE"}},
-    {20, {"disable-workitem", "-i", "MOVE"}},
-    {20, {"get-obj-crawler-state", "-u", kUuid}},
-    {20, {"get-obj-crawler-state", "-a"}},
-    {20, {"pause-decom-state-progress"}},
-    {20, {"resume-decom-state-progress"}},
-    {20, {"start-decom-state-heartbeat"}},
-    {20, {"pause-failed-delta-entry-processing"}},
-    {20, {"block-cdb-cb", "add", "disk"}},
-    {20, {"refresh-config-opts"}},
-    {20, {"component-manual-move", "-u", kUuid, "-n", kUuid}},
-    {20, {"set-global-exclusion-list", "-x", ""}},
-    // Asking for another wait changes nothing.
-    {20, {"stats", "-t", "5"}},
-    {1800, {"resources-to-fix-unhealthy-objects", "-t", "0"}},
-    {7200, {"what-if-upgrade", "-l", kUuid, "-t", "1"}},
-};
+nlohmann::json ExpectedCommands()
+{
+    return nlohmann::json::parse(std::ifstream(PLAX_EXPECTATION)).at("commands");
+}
 
 TEST_F(ConnectionTest, EveryCommandHasItsReceiveTimeoutWhenItConnects)
 {
-    static_assert(std::size(kTimeouts) == 34 + 1 + 3, "every command, both forms of one, and three with a wait");
-    for (const TimeoutRow &row : kTimeouts) {
-        SCOPED_TRACE(row.words[0]);
-        attempts.clear();
-        EXPECT_EQ(RunWords(row.words), kRefused);
-        ASSERT_EQ(attempts.size(), 1U) << "there is no second try";
-        EXPECT_EQ(attempts[0].receiveTimeout.tv_sec, row.seconds);
-        EXPECT_EQ(attempts[0].receiveTimeout.tv_usec, 0);
+    for (const nlohmann::json &command : ExpectedCommands()) {
+        auto words = command.at("least").get<std::vector<std::string>>();
+        SCOPED_TRACE(words.back());
+        // Asking for another wait changes nothing.
+        for (const std::vector<std::string> &wait : {std::vector<std::string>{}, {"-t", "0"}, {"-t", "1"}}) {
+            words.insert(words.begin(), wait.begin(), wait.end());
+            attempts.clear();
+            EXPECT_EQ(RunWords(words), kRefused);
+            ASSERT_EQ(attempts.size(), 1U) << "there is no second try";
+            EXPECT_EQ(attempts[0].receiveTimeout.tv_sec, command.at("timeout"));
+            EXPECT_EQ(attempts[0].receiveTimeout.tv_usec, 0);
+        }
     }
 }
 
