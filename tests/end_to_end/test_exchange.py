@@ -222,23 +222,39 @@ def test_answer_that_is_too_long(answer, outcome):
     assert outcome_of(send(answer)) == outcome
 
 
-def announced_too_much(length):
+def unless_too_long(length, outcome):
     """Where addresses have 32 bits, there is no memory for the longest payloads."""
     if LONG_BITS == 32 and length >= 0x7fffffff:
         return Outcome(b"", b"PLAX_SafeMalloc:2888: Failed to allocate new memory\n", -signal.SIGABRT)
-    return EMPTY_LINE_AND_WARNING
+    return outcome
 
 
 @pytest.mark.parametrize("length", [11, 12, 0x7fffffff, 0x80000000, 0xfffffffe, 0xffffffff])
 @pytest.mark.parametrize("status", [0, 5])
 def test_length_above_what_comes(status, length):
     # Gigabytes of rubbish would have to be written first.
-    assert outcome_of(send(struct.pack(">II", status, length) + b"0123456789"), env={}) == announced_too_much(length)
+    run = outcome_of(send(struct.pack(">II", status, length) + b"0123456789"), env={})
+    assert run == unless_too_long(length, EMPTY_LINE_AND_WARNING)
 
 
 @pytest.mark.parametrize("status", [0, 5])
 def test_length_without_any_payload(status):
-    assert outcome_of(send(struct.pack(">II", status, 0xffffffff)), env={}) == announced_too_much(0xffffffff)
+    run = outcome_of(send(struct.pack(">II", status, 0xffffffff)), env={})
+    assert run == unless_too_long(0xffffffff, EMPTY_LINE_AND_WARNING)
+
+
+def test_very_long_payload():
+    payload = bytes(range(256)) * ((1 << 18) + 1)
+    run = outcome_of(reply(0, payload), env={})
+    assert (len(run.stdout), run.stdout == payload + b"\n", run.stderr, run.code) == (len(payload) + 1, True, b"", 0)
+
+
+# A receive that fails shows any length to be taken as whole, since none of its bytes has to come.
+@pytest.mark.parametrize("length", [0x4000001, 0x10000000, 0x40000000, 0x7fffffff, 0x80000000, 0xfffffffe, 0xffffffff])
+def test_no_length_is_too_long(length):
+    steps = (await_unread(8), send(struct.pack(">II", 7, length)), close())
+    run = outcome_of(*steps, read_request=False, env={})
+    assert run == unless_too_long(length, Outcome(b"", b"Error received: Status 0x00000007: \n", 7))
 
 
 @pytest.mark.parametrize("status, outcome", [
