@@ -1,4 +1,4 @@
-"""The tests that wait for a time-out begin first, so that all the others run while they wait.
+"""The tests that wait for a timeout begin first, so that all the others run while they wait.
 
 Tests that use the stand-in daemon are left out where it is not built, as on a build for another machine.
 """
@@ -10,5 +10,10 @@ if "PLAXD_STANDIN" not in os.environ:
     collect_ignore_glob += ["test_standin_*.py", "test_fleet_document.py", "test_load.py", "test_readme.py"]
 
 
+def waits_long(item):
+    group = item.get_closest_marker("xdist_group")
+    return group is not None and group.args[0] in ("timeouts", "stay silent")
+
+
 def pytest_collection_modifyitems(items):
-    items.sort(key=lambda item: item.path.name != "test_timeouts.py")
+    items.sort(key=waits_long, reverse=True)
