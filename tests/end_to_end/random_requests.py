@@ -11,7 +11,7 @@ from dataclasses import dataclass
 
 from command_line import LIST_FIELD, record
 from harness import HOST_ORDER, frame
-from request_table import COMMANDS
+from request_table import COMMANDS, WORK_ITEMS
 
 ZERO = bytes(16)
 # What shells, option parsers and terminals take for something else, and texts in several encodings.
@@ -20,7 +20,6 @@ ALPHABET = [b"a", b"Z", b"0", b" ", b"\t", b"\n", b"'", b'"', b"\\", b"$", b"$(i
             b"\x7f", "\N{LATIN SMALL LETTER U WITH DIAERESIS}".encode(), "\N{SNOWMAN}".encode(), b"\xff", b"\x80"]
 REALS = [0.3, 0.0, -0.0, 1.0, -0.5, 0.1 + 0.2, 5e-324, 1.7976931348623157e308, float("inf"), float("-inf")]
 NANS = [0x7ff8000000000000, 0xfff8000000000000]
-WORK_ITEMS = [code for code in range(1, 23) if code != 4]
 UUID_TEXT_CODES = [command["code"] for command in COMMANDS if command["shape"] == "UUID text"]
 BARE_CODES = [command["code"] for command in COMMANDS if command["shape"] == "none"]
 
@@ -101,7 +100,7 @@ PAYLOADS = {
     "Force reconfigure": lambda dice: uuid(dice) + text(dice, 200) + b"\0",
     "File path": lambda dice: text(dice) + b"\0",
     "Recovery mode": lambda dice: uuid_text(dice) + b"%d" % dice.randrange(8) + bytes(4),
-    "Work item": lambda dice: (b"%d" % dice.choice(WORK_ITEMS)).ljust(4, b"\0"),
+    "Work item": lambda dice: (b"%d" % dice.choice(list(WORK_ITEMS.values()))).ljust(4, b"\0"),
     "Crawler state": lambda dice: uuid_text(dice) + b"%d" % dice.randrange(2) + bytes(4),
     "Callback block": lambda dice: callback_block(dice).ljust(1024, b"\0"),
     "Component manual move": manual_move,

@@ -14,7 +14,7 @@ from harness import HOST_ORDER, frame
 EXPECTATION = "tests/commands.json"
 with open(os.path.join(os.path.dirname(os.path.dirname(__file__)), "commands.json"), encoding="utf-8") as file:
     EXPECTED = json.load(file)
-COMMANDS, OPTIONS = EXPECTED["commands"], EXPECTED["options"]
+COMMANDS, OPTIONS, WORK_ITEMS = EXPECTED["commands"], EXPECTED["options"], EXPECTED["workItems"]
 
 PRINTED, CHECKED, UNANSWERED, STREAMED = "printed", "checked", "none", "streamed"
 

@@ -23,11 +23,7 @@ def description(option):
 # Letter, long name and description of every option.
 OPTIONS = [(option["letter"], option["name"], description(option)) for option in request_table.OPTIONS]
 
-WORK_ITEMS = [
-    "CHANGE", "CHANGE_PENDING", "CLEANUP", "COMPLIANCE", "CONCAT", "DECOM", "DECOM_CLEANUP", "DELTA_DECOM",
-    "FIX_FD_IDS", "FORCE_RECONFIGURE", "FORCE_REPAIR", "FORMAT_CHANGE", "MANUAL_MOVE", "MOVE", "PLACEMENT",
-    "PROACTIVE_REBALANCE", "REACTIVE_REBALANCE", "RECOVERY", "REPAIR", "UNPLANNED_DELTA", "VOTES_REBALANCE",
-]
+WORK_ITEMS = sorted(request_table.WORK_ITEMS)
 
 NUMBERS = {
     ("-d", "--decom-mode"): [("0", "noAction"), ("1", "ensureAcces"), ("2", "evacAllData")],
@@ -145,7 +141,8 @@ def test_bash_lists_numbers_with_their_meanings(option, separator, numbers):
 
 
 @all_shells
-@pytest.mark.parametrize("option", [form for option in FREE for form in ("-" + option["letter"], "--" + option["name"])])
+@pytest.mark.parametrize("option", [form for option in FREE
+                                    for form in ("-" + option["letter"], "--" + option["name"])])
 def test_arguments_that_nobody_can_guess(shell, option):
     assert shell(f"plax-tool {option} ") == []
 

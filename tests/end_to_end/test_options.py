@@ -13,7 +13,7 @@ from command_line import (SOCKET, SOCKET_OPTION, UUID, UUID_BYTES, ask, entity_d
                           refuse, succeeds, upgrade, usage_error, uuid_list)
 from harness import (LONG_BITS, RUNNER, TOOL, ZERO_UUID, Outcome, ScriptedDaemon, environment, finish_tool, frame,
                      pause, reply, send, tool)
-from request_table import OPTIONS, PRINTED, ROWS, payload
+from request_table import OPTIONS, PRINTED, ROWS, WORK_ITEMS, payload
 
 
 def recovery_mode(digit):
@@ -362,38 +362,14 @@ def test_file_path_too_long(length):
         "File path is longer than the max path length")
 
 
-WORK_ITEMS = [
-    ("PLACEMENT", b"1\0\0\0"),
-    ("DECOM_CLEANUP", b"2\0\0\0"),
-    ("CLEANUP", b"3\0\0\0"),
-    ("VOTES_REBALANCE", b"5\0\0\0"),
-    ("FIX_FD_IDS", b"6\0\0\0"),
-    ("MOVE", b"7\0\0\0"),
-    ("REACTIVE_REBALANCE", b"8\0\0\0"),
-    ("DECOM", b"9\0\0\0"),
-    ("FORCE_REPAIR", b"10\0\0"),
-    ("FORCE_RECONFIGURE", b"11\0\0"),
-    ("RECOVERY", b"12\0\0"),
-    ("REPAIR", b"13\0\0"),
-    ("CHANGE", b"14\0\0"),
-    ("CHANGE_PENDING", b"15\0\0"),
-    ("COMPLIANCE", b"16\0\0"),
-    ("CONCAT", b"17\0\0"),
-    ("PROACTIVE_REBALANCE", b"18\0\0"),
-    ("DELTA_DECOM", b"19\0\0"),
-    ("FORMAT_CHANGE", b"20\0\0"),
-    ("UNPLANNED_DELTA", b"21\0\0"),
-    ("MANUAL_MOVE", b"22\0\0"),
-]
-
-
-@pytest.mark.parametrize("name, sent", WORK_ITEMS)
-def test_every_work_item(name, sent):
+@pytest.mark.parametrize("name, number", WORK_ITEMS.items())
+def test_every_work_item(name, number):
+    sent = b"%d" % number + bytes(4 - len(str(number)))
     assert ask(SOCKET_OPTION, "enable-workitem", "-i", name) == (succeeds(), frame(24, sent))
     assert ask(SOCKET_OPTION, "disable-workitem", "-iMOVE", "-i", name) == (succeeds(), frame(25, sent))
 
 
-NEAR_NAMES = [near for name, _ in WORK_ITEMS for near in (name.lower(), name.capitalize(), name + "X", " " + name)]
+NEAR_NAMES = [near for name in WORK_ITEMS for near in (name.lower(), name.capitalize(), name + "X", " " + name)]
 
 
 @pytest.mark.parametrize("name", [

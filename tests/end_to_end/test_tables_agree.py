@@ -10,7 +10,7 @@ import subprocess
 from pathlib import Path
 
 import pytest
-from request_table import COMMANDS, OPTIONS, assert_agrees
+from request_table import COMMANDS, OPTIONS, WORK_ITEMS, assert_agrees
 from shells import COMPLETIONS
 
 SOURCE = Path(__file__).parents[2]
@@ -55,6 +55,10 @@ def test_options_of_the_tool():
         for option in OPTIONS])
 
 
+def test_work_items_of_the_tool():
+    assert_agrees("cli/work_items.h", table("work item"), [[name] for name in WORK_ITEMS])
+
+
 # ---- Manual page ----
 
 def section(name):
@@ -87,7 +91,8 @@ def expected_numbers(option):
 
 
 def test_page_is_clean():
-    lint = subprocess.run([shutil.which("mandoc"), "-Tlint", "-Wwarning", SOURCE / MANUAL_PAGE], capture_output=True, text=True)
+    lint = subprocess.run([shutil.which("mandoc"), "-Tlint", "-Wwarning", SOURCE / MANUAL_PAGE], capture_output=True,
+                          text=True)
     assert (lint.stdout, lint.stderr, lint.returncode) == ("", "", 0)
 
 
@@ -104,7 +109,7 @@ def test_page_describes_the_numbers():
 
 def test_page_names_the_work_items():
     text = next(text for letter, _, _, text in option_items() if letter == "i")
-    assert re.findall(r"^\.Li (\w+)", text, re.MULTILINE) == [row[0] for row in table("work item")]
+    assert_agrees(MANUAL_PAGE, re.findall(r"^\.Li (\w+)", text, re.MULTILINE), list(WORK_ITEMS))
 
 
 def described_commands():
