@@ -19,6 +19,7 @@ namespace {
 // The values as they were typed.
 struct TypedValues {
     std::string format = "text";
+    std::string strict;
     std::string socketMode = "600";
 };
 
@@ -108,10 +109,11 @@ static CLI::App *AddCommand(CLI::App *app, const char *name, const char *help)
     return command;
 }
 
-static void AddOutputOptions(CLI::App *command, Settings *settings, TypedValues *typed)
+static void AddOutputOptions(CLI::App *command, TypedValues *typed)
 {
     AddValue(command, "--format", &typed->format, " FORMAT", "text (the default), json or commands");
-    command->add_flag("--strict", settings->strict, "Exit with status 1 if a request violated the protocol")
+    command->add_flag("--strict{violations}", typed->strict, "Exit with status 1 after violations (and warnings)")
+        ->option_text("[=warnings]")
         ->take_last();
 }
 
@@ -121,7 +123,7 @@ static CLI::App *AddDaemon(CLI::App *app, const char *name, const char *help, Se
     AddValue(command, "--socket", &settings->socketPath, " PATH", "Listen on this socket")->required();
     AddValue(command, "--socket-mode", &typed->socketMode, " MODE", "Permissions of the socket in octal; default: 600");
     AddValue(command, "--log", &settings->logPath, " FILE", "Append the log to FILE; default: -, standard output");
-    AddOutputOptions(command, settings, typed);
+    AddOutputOptions(command, typed);
     return command;
 }
 
@@ -136,7 +138,7 @@ static void AddRehearse(CLI::App *app, Settings *settings, TypedValues *typed)
     command->footer(" -- SCRIPT [ARGUMENT]...");
     AddAnswers(command, settings);
     AddValue(command, "--log", &settings->logPath, " FILE", "Append the log to FILE; default: no log");
-    AddOutputOptions(command, settings, typed);
+    AddOutputOptions(command, typed);
     command->add_flag("--socket-option", settings->socketOption, "Give plax-tool -s where namespaces are not allowed")
         ->take_last();
 }
@@ -150,7 +152,7 @@ static void AddCommands(CLI::App *app, Settings *settings, TypedValues *typed)
     AddRehearse(app, settings, typed);
     CLI::App *decode = AddCommand(app, "decode", "Show what the bytes of a request mean; FILE -: standard input");
     AddValue(decode, "file", &settings->requestPath, "FILE", "")->required();
-    AddOutputOptions(decode, settings, typed);
+    AddOutputOptions(decode, typed);
 }
 
 // ---- What is wrong ----
@@ -198,6 +200,17 @@ static LogFormat ReadFormat(const std::string &text)
         }
     }
     throw UsageError("--format must be text, json or commands, not " + text);
+}
+
+static Strictness ReadStrictness(const std::string &text)
+{
+    if (text == "violations" || text == "warnings") {
+        return text == "warnings" ? Strictness::Warnings : Strictness::Violations;
+    }
+    if (!text.empty()) {
+        throw UsageError("--strict must be violations or warnings, not " + text);
+    }
+    return Strictness::Nothing;
 }
 
 static mode_t ReadMode(const std::string &text)
@@ -273,6 +286,7 @@ static void Convert(const CLI::App &app, const TypedValues &typed, Settings *set
         settings->logPath = "/dev/null";
     }
     settings->format = ReadFormat(typed.format);
+    settings->strict = ReadStrictness(typed.strict);
     settings->socketMode = ReadMode(typed.socketMode);
 }
 

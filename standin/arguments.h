@@ -12,6 +12,9 @@
 
 namespace standin {
 
+// What --strict makes a failure of.
+enum class Strictness { Nothing, Violations, Warnings };
+
 enum class Command { Serve, Relay, Rehearse, Decode };
 
 struct Settings {
@@ -23,7 +26,7 @@ struct Settings {
     std::string requestPath; // of the bytes to decode
     std::string logPath = "-";
     LogFormat format = LogFormat::Text;
-    bool strict = false;
+    Strictness strict = Strictness::Nothing;
     std::vector<char *> script; // the words after "--", and a null
     bool socketOption = false;
     int readyDescriptor = -1; // of a rehearsal: told when clients can connect

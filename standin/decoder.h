@@ -1,5 +1,6 @@
-// From the bytes of a request to named fields, and to a list of what breaks the protocol. Nothing here reads or writes
-// anything: the daemon, the relay, the `decode` command and the fuzzer all hand over the bytes that they have.
+// From the bytes of a request to named fields, and to lists of what violates the protocol and what is senseless.
+// Nothing here reads or writes anything: the daemon, the relay, the `decode` command and the fuzzer all hand over the
+// bytes that they have.
 #ifndef PLAX_STANDIN_DECODER_H
 #define PLAX_STANDIN_DECODER_H
 
@@ -35,6 +36,8 @@ struct DecodedRequest {
     bool allObjects = false;             // the crawler states of all objects are asked for, so the answer is a stream
     std::vector<Field> fields;           // none when the payload is cut short or has a wrong length
     std::vector<std::string> violations;
+    size_t typedViolations = 0;        // those that the user typed and the tool passed on without a look
+    std::vector<std::string> warnings; // of what the protocol allows, but nobody can have meant
 };
 
 // Both halves of a frame header.

@@ -108,13 +108,18 @@ static std::string RequestText(const DecodedRequest &request)
     return text;
 }
 
-static std::string ViolationsText(const DecodedRequest &request)
+static std::string ListedText(const char *head, const std::vector<std::string> &remarks)
 {
     std::string text;
-    for (const std::string &violation : request.violations) {
-        text += (text.empty() ? " | BROKEN: " : "; ") + violation;
+    for (const std::string &remark : remarks) {
+        text += (text.empty() ? head : "; ") + remark;
     }
     return text;
+}
+
+static std::string RemarksText(const DecodedRequest &request)
+{
+    return ListedText(" | BROKEN: ", request.violations) + ListedText(" | WARNING: ", request.warnings);
 }
 
 static std::string FrameText(const SentBytes &sent)
@@ -156,7 +161,7 @@ static std::string EntryText(const LogEntry &entry)
 {
     return TimeText(entry.time) + " #" + std::to_string(entry.connection) + " " + RequestText(entry.request) + " | " +
            ReplyText(entry) + FaultText(entry.fault) + " | " + std::string(entry.outcome) + ", " + entry.end + ", " +
-           SecondsText(entry.taken) + ViolationsText(entry.request);
+           SecondsText(entry.taken) + RemarksText(entry.request);
 }
 
 // ---- JSON ----
@@ -167,11 +172,9 @@ static Json RequestJson(const DecodedRequest &request)
     for (const Field &field : request.fields) {
         fields[std::string(field.name)] = field.value;
     }
-    return {{"command", CommandText(request)},
-            {"code", request.code},
-            {"length", request.length},
-            {"fields", fields},
-            {"violations", request.violations}};
+    return {{"command", CommandText(request)},  {"code", request.code},
+            {"length", request.length},         {"fields", fields},
+            {"violations", request.violations}, {"warnings", request.warnings}};
 }
 
 static Json ReplyJson(const LogEntry &entry)
@@ -210,7 +213,7 @@ std::string FormatRequest(const DecodedRequest &request, LogFormat format)
     case LogFormat::Text:
         break;
     }
-    return RequestText(request) + ViolationsText(request);
+    return RequestText(request) + RemarksText(request);
 }
 
 static std::string FormatEntry(const LogEntry &entry, LogFormat format)
@@ -260,6 +263,9 @@ void Log::Write(const LogEntry &entry)
     if (!entry.request.violations.empty()) {
         ++broken_;
     }
+    if (!entry.request.warnings.empty()) {
+        ++warned_;
+    }
     ++counts_[CommandText(entry.request)][std::string(entry.outcome)];
     WriteLine(line);
 }
@@ -268,12 +274,16 @@ void Log::WriteSummary()
 {
     const std::lock_guard lock(mutex_);
     if (format_ == LogFormat::Json) {
-        WriteLine(Dump({{"summary", {{"requests", requests_}, {"broken", broken_}, {"commands", counts_}}}}));
+        WriteLine(Dump(
+            {{"summary", {{"requests", requests_}, {"broken", broken_}, {"warned", warned_}, {"commands", counts_}}}}));
         return;
     }
     const char *comment = format_ == LogFormat::Commands ? "# " : "";
     std::string text = comment + std::string("summary: ") + std::to_string(requests_) + " requests, " +
                        std::to_string(broken_) + " broken";
+    if (warned_ > 0) {
+        text += ", " + std::to_string(warned_) + " with warnings";
+    }
     for (const auto &[command, outcomes] : counts_) {
         text.append("; ").append(command);
         const char *separator = " ";

@@ -50,6 +50,10 @@ public:
     {
         return broken_ > 0;
     }
+    [[nodiscard]] bool SawWarning() const
+    {
+        return warned_ > 0;
+    }
     // False when a line could not be written.
     [[nodiscard]] bool Complete() const
     {
@@ -65,6 +69,7 @@ private:
     bool complete_ = true;
     uint64_t requests_ = 0;
     uint64_t broken_ = 0;
+    uint64_t warned_ = 0;
     std::map<std::string, std::map<std::string, uint64_t, std::less<>>> counts_;
 };
 

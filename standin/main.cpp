@@ -32,6 +32,13 @@ static void RaiseDescriptorLimit()
     }
 }
 
+static int StrictStatus(Strictness strict, bool sawViolation, bool sawWarning)
+{
+    const bool fails =
+        (strict != Strictness::Nothing && sawViolation) || (strict == Strictness::Warnings && sawWarning);
+    return fails ? kExitFailure : 0;
+}
+
 static int EndLog(const Settings &settings, Log *log)
 {
     log->WriteSummary();
@@ -39,7 +46,7 @@ static int EndLog(const Settings &settings, Log *log)
         fprintf(stderr, "plaxd-standin: the log could not be written whole\n");
         return kExitFailure;
     }
-    return settings.strict && log->SawViolation() ? kExitFailure : 0;
+    return StrictStatus(settings.strict, log->SawViolation(), log->SawWarning());
 }
 
 static void Announce(const Settings &settings)
@@ -102,7 +109,7 @@ static int Decode(const Settings &settings)
     if (printf("%s\n", FormatRequest(request, settings.format).c_str()) < 0 || fflush(stdout) != 0) {
         throw std::runtime_error(SystemError("standard output", errno));
     }
-    return settings.strict && !request.violations.empty() ? kExitFailure : 0;
+    return StrictStatus(settings.strict, !request.violations.empty(), !request.warnings.empty());
 }
 
 static int Run(const Settings &settings)

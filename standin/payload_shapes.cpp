@@ -1,4 +1,5 @@
-// One decoder a payload shape. Each names every field, and says which bytes are not what the protocol lays down.
+// One decoder a payload shape. Each names every field, and says which bytes are not what the protocol lays down, and
+// what the protocol allows but nobody can have meant.
 
 #include "payload_shapes.h"
 
@@ -70,6 +71,16 @@ static void AddViolation(DecodedRequest *request, std::string_view name, const s
     request->violations.push_back(std::string(name) + " " + what);
 }
 
+static void AddWarning(DecodedRequest *request, std::string_view name, const std::string &what)
+{
+    request->warnings.push_back(std::string(name) + " " + what);
+}
+
+static std::string StandsForNothing(uint64_t number)
+{
+    return "is " + std::to_string(number) + ", which stands for nothing";
+}
+
 static std::string_view AsText(Bytes bytes)
 {
     return {reinterpret_cast<const char *>(bytes.data()), bytes.size()};
@@ -84,36 +95,62 @@ static std::unique_ptr<Record> CopyRecord(Bytes payload)
     return record;
 }
 
+static constexpr std::string_view kLowerCaseDigits = "0123456789abcdef";
+static constexpr std::string_view kZeroUuid = "00000000-0000-0000-0000-000000000000";
+
 static std::string UuidText(const Uuid &uuid)
 {
-    static constexpr char kDigits[] = "0123456789abcdef";
     std::string text;
     for (size_t i = 0; i < std::size(uuid.bytes); ++i) {
         if (i == 4 || i == 6 || i == 8 || i == 10) {
             text += '-';
         }
-        text += kDigits[uuid.bytes[i] >> 4U];
-        text += kDigits[uuid.bytes[i] & 15U];
+        text += kLowerCaseDigits[uuid.bytes[i] >> 4U];
+        text += kLowerCaseDigits[uuid.bytes[i] & 15U];
     }
     return text;
 }
 
-static bool IsUuidText(std::string_view text)
+static bool IsUuidText(std::string_view text, std::string_view digits)
 {
-    static constexpr std::string_view kPattern = "xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx";
-    const auto fits = [](char place, char character) {
-        return place == '-' ? character == '-'
-                            : std::string_view("0123456789abcdef").find(character) != std::string_view::npos;
+    const auto fits = [=](char place, char character) {
+        return place == '-' ? character == '-' : digits.find(character) != std::string_view::npos;
     };
-    return std::equal(kPattern.begin(), kPattern.end(), text.begin(), text.end(), fits);
+    return std::equal(kZeroUuid.begin(), kZeroUuid.end(), text.begin(), text.end(), fits);
 }
 
-static void DecodeUuidText(DecodedRequest *request, std::string_view text)
+// A client that is given the beginning of a UUID sends zeros for the rest. Four zero bytes in a row end no UUID by
+// chance; fewer may.
+static void WarnOfUuid(DecodedRequest *request, std::string_view text, bool isNeeded)
+{
+    if (text == kZeroUuid) {
+        if (isNeeded) {
+            AddWarning(request, "uuid", "is all zeros");
+        }
+    } else if (text.ends_with("00000000")) {
+        AddWarning(request, "uuid", "ends in zeros, as if it were cut off");
+    }
+}
+
+static void AddUuidText(DecodedRequest *request, std::string_view text)
 {
     AddField(request, "uuid", text);
-    if (!IsUuidText(text)) {
+    if (!IsUuidText(text, kLowerCaseDigits)) {
         AddViolation(request, "uuid", "is not the text of a UUID");
     }
+}
+
+static void DecodeUuidText(DecodedRequest *request, std::string_view text, bool isNeeded)
+{
+    AddUuidText(request, text);
+    WarnOfUuid(request, text, isNeeded);
+}
+
+static void DecodeUuid(DecodedRequest *request, const Uuid &uuid, bool isNeeded)
+{
+    const std::string text = UuidText(uuid);
+    AddField(request, "uuid", text);
+    WarnOfUuid(request, text, isNeeded);
 }
 
 static void CheckZero(DecodedRequest *request, std::string_view what, Bytes payload, size_t begin, size_t end)
@@ -180,7 +217,38 @@ struct ListNames {
     std::string_view list;
 };
 
-// A list's count is reckoned from its length alone, so a list of the right length may hold anything.
+// A client copies its user's list, so the digits may be of either case.
+static constexpr std::string_view kListDigits = "0123456789abcdefABCDEF";
+
+static void AddTypedViolation(DecodedRequest *request, std::string_view name, const std::string &what)
+{
+    AddViolation(request, name, what);
+    ++request->typedViolations;
+}
+
+// Of the entries of a list of the right length, the first one that is wrong is told.
+static void CheckEntries(DecodedRequest *request, std::string_view name, std::string_view text)
+{
+    for (size_t number = 1; !text.empty(); ++number) {
+        const std::string entryName = "entry " + std::to_string(number);
+        const std::string_view entry = text.substr(0, kUuidTextLength);
+        text.remove_prefix(kUuidTextLength);
+        if (!IsUuidText(entry, kListDigits)) {
+            AddTypedViolation(request, name, entryName + " is not the text of a UUID");
+            return;
+        }
+        if (!text.empty() && text[0] != ',') {
+            AddTypedViolation(request, name, entryName + " is not followed by a comma");
+            return;
+        }
+        if (entry == kZeroUuid) {
+            AddWarning(request, name, entryName + " is all zeros");
+        }
+        text.remove_prefix(std::min<size_t>(1, text.size()));
+    }
+}
+
+// Clients reckon a list's count from its length alone.
 static void DecodeList(DecodedRequest *request, ListNames names, uint32_t count, std::string_view text)
 {
     AddField(request, names.count, count);
@@ -191,9 +259,14 @@ static void DecodeList(DecodedRequest *request, ListNames names, uint32_t count,
                      "is " + std::to_string(count) + ", but " + std::string(names.list) + " has room for " +
                          std::to_string(due));
     }
-    if (!text.empty() && (text.size() + 1) % kUuidListEntrySize != 0) {
-        AddViolation(request, names.list, "has the length " + std::to_string(text.size()) + " of no list of UUIDs");
+    if (text.empty()) {
+        return;
     }
+    if ((text.size() + 1) % kUuidListEntrySize != 0) {
+        AddViolation(request, names.list, "has the length " + std::to_string(text.size()) + " of no list of UUIDs");
+        return;
+    }
+    CheckEntries(request, names.list, text);
 }
 
 // A decimal number that is the whole of `text`.
@@ -207,20 +280,43 @@ static std::optional<uint64_t> WholeNumber(std::string_view text)
     return number;
 }
 
-// A number as text. Text that is no number is shown as it is.
+// A number as text. Text that is no number is shown as it is, and nothing is returned.
 template <size_t kCount>
-static void DecodeNumberText(DecodedRequest *request, std::string_view name, std::string_view text,
-                             const std::string_view (&names)[kCount])
+static std::optional<uint64_t> DecodeNumberText(DecodedRequest *request, std::string_view name, std::string_view text,
+                                                const std::string_view (&names)[kCount])
 {
     const std::optional<uint64_t> number = WholeNumber(text);
     if (!number) {
         AddField(request, name, text);
         AddViolation(request, name, "is not a number");
-        return;
+        return number;
     }
     AddField(request, name, *number, Meaning(names, *number));
     if (text.size() > 1 && text.front() == '0') {
         AddViolation(request, name, "has leading zeros");
+    }
+    return number;
+}
+
+// A number whose range no client checks.
+template <size_t kCount>
+static void DecodeUncheckedNumber(DecodedRequest *request, std::string_view name, uint32_t number,
+                                  const std::string_view (&names)[kCount])
+{
+    AddField(request, name, number, Meaning(names, number));
+    if (number >= kCount) {
+        AddWarning(request, name, StandsForNothing(number));
+    }
+}
+
+static void DecodePath(DecodedRequest *request, Bytes payload, size_t begin)
+{
+    const std::string_view path = WholeText(request, "filePath", payload, begin);
+    AddField(request, "filePath", path);
+    if (path.empty()) {
+        AddWarning(request, "filePath", "is empty");
+    } else if (path[0] != '/') {
+        AddWarning(request, "filePath", "is relative, and the daemon's directory is not the client's");
     }
 }
 
@@ -231,21 +327,39 @@ const PayloadShape kNoPayload = {0, 0, DecodeNothing};
 
 static void DecodeUuidTextPayload(Bytes payload, DecodedRequest *request)
 {
-    DecodeUuidText(request, AsText(payload));
+    DecodeUuidText(request, AsText(payload), true);
 }
 const PayloadShape kUuidTextPayload = {kUuidTextLength, kUuidTextLength, DecodeUuidTextPayload};
 
+static void DecodeOptionalUuidText(Bytes payload, DecodedRequest *request)
+{
+    DecodeUuidText(request, AsText(payload), false);
+}
+const PayloadShape kOptionalUuidTextPayload = {kUuidTextLength, kUuidTextLength, DecodeOptionalUuidText};
+
 static void DecodeJson(Bytes payload, DecodedRequest *request)
 {
-    AddField(request, "json", WholeText(request, "json", payload, 0));
+    const std::string_view text = WholeText(request, "json", payload, 0);
+    AddField(request, "json", text);
+    if (!nlohmann::json::accept(text)) {
+        AddWarning(request, "json", "is not JSON");
+    }
 }
 const PayloadShape kJsonPayload = {1, kRequestLengthMax, DecodeJson};
 
 static void DecodeLogLevel(Bytes payload, DecodedRequest *request)
 {
-    AddField(request, "level", AsText(payload));
-    if (AsText(payload).find('\0') != std::string_view::npos) {
+    const std::string_view level = AsText(payload);
+    AddField(request, "level", level);
+    if (level.find('\0') != std::string_view::npos) {
         AddViolation(request, "level", "holds a zero byte");
+    }
+    if (level.empty()) {
+        AddWarning(request, "level", "is empty");
+    }
+    // Without a level after the command word, the client sends the name that it was started by.
+    if (level.substr(level.rfind('/') + 1) == "plax-tool") {
+        AddWarning(request, "level", "is the name of the program");
     }
 }
 const PayloadShape kLogLevelPayload = {0, kRequestLengthMax, DecodeLogLevel};
@@ -276,6 +390,9 @@ static void DecodeProactiveRebalance(Bytes payload, DecodedRequest *request)
     const auto record = CopyRecord<ProactiveRebalanceRequest>(payload);
     AddField(request, "timeSpan", record->timeSpan);
     AddField(request, "varianceThreshold", Real(record->varianceThreshold));
+    if (!(record->varianceThreshold >= 0 && record->varianceThreshold <= 1)) {
+        AddWarning(request, "varianceThreshold", "is not from 0 to 1");
+    }
     AddField(request, "timeThreshold", record->timeThreshold);
     AddField(request, "rateThreshold", record->rateThreshold);
 }
@@ -285,11 +402,11 @@ const PayloadShape kProactiveRebalancePayload = {sizeof(ProactiveRebalanceReques
 static void DecodeWhatIfEntityDecom(Bytes payload, DecodedRequest *request)
 {
     const auto record = CopyRecord<WhatIfEntityDecomRequest>(payload);
-    AddField(request, "uuid", UuidText(record->uuid));
-    AddField(request, "decomMode", record->decomMode, Meaning(kDecomModes, record->decomMode));
+    DecodeUuid(request, record->uuid, true);
+    DecodeUncheckedNumber(request, "decomMode", record->decomMode, kDecomModes);
     AddField(request, "ensureDurability", record->ensureDurability);
     CheckFlag(request, "ensureDurability", record->ensureDurability);
-    CheckZero(request, "the gap behind ensureDurability", payload, offsetof(WhatIfEntityDecomRequest, padding),
+    CheckZero(request, "the padding after ensureDurability", payload, offsetof(WhatIfEntityDecomRequest, padding),
               sizeof *record);
 }
 const PayloadShape kWhatIfEntityDecomPayload = {sizeof(WhatIfEntityDecomRequest), sizeof(WhatIfEntityDecomRequest),
@@ -298,12 +415,12 @@ const PayloadShape kWhatIfEntityDecomPayload = {sizeof(WhatIfEntityDecomRequest)
 static void DecodeWhatIfUpgrade(Bytes payload, DecodedRequest *request)
 {
     const auto record = CopyRecord<WhatIfUpgradeRequest>(payload);
-    AddField(request, "uuid", UuidText(record->uuid));
-    AddField(request, "decomMode", record->decomMode, Meaning(kDecomModes, record->decomMode));
-    AddField(request, "reason", record->reason, Meaning(kReasons, record->reason));
+    DecodeUuid(request, record->uuid, false);
+    DecodeUncheckedNumber(request, "decomMode", record->decomMode, kDecomModes);
+    DecodeUncheckedNumber(request, "reason", record->reason, kReasons);
     AddField(request, "wipeDisk", record->wipeDisk);
     CheckFlag(request, "wipeDisk", record->wipeDisk);
-    CheckZero(request, "the gap behind wipeDisk", payload, offsetof(WhatIfUpgradeRequest, padding),
+    CheckZero(request, "the padding after wipeDisk", payload, offsetof(WhatIfUpgradeRequest, padding),
               offsetof(WhatIfUpgradeRequest, uuidCount));
     DecodeList(request, {"uuidCount", "uuidList"}, record->uuidCount,
                WholeText(request, "uuidList", payload, offsetof(WhatIfUpgradeRequest, uuidList)));
@@ -313,8 +430,8 @@ const PayloadShape kWhatIfUpgradePayload = {offsetof(WhatIfUpgradeRequest, uuidL
 
 static void DecodeForceReconfigure(Bytes payload, DecodedRequest *request)
 {
-    AddField(request, "uuid", UuidText(CopyRecord<ForceReconfigureRequest>(payload)->uuid));
-    AddField(request, "filePath", WholeText(request, "filePath", payload, offsetof(ForceReconfigureRequest, filePath)));
+    DecodeUuid(request, CopyRecord<ForceReconfigureRequest>(payload)->uuid, true);
+    DecodePath(request, payload, offsetof(ForceReconfigureRequest, filePath));
 }
 const PayloadShape kForceReconfigurePayload = {offsetof(ForceReconfigureRequest, filePath) + 1,
                                                offsetof(ForceReconfigureRequest, filePath) + kFilePathLengthMax + 1,
@@ -322,31 +439,40 @@ const PayloadShape kForceReconfigurePayload = {offsetof(ForceReconfigureRequest,
 
 static void DecodeFilePath(Bytes payload, DecodedRequest *request)
 {
-    AddField(request, "filePath", WholeText(request, "filePath", payload, 0));
+    DecodePath(request, payload, 0);
 }
 const PayloadShape kFilePathPayload = {1, kFilePathLengthMax + 1, DecodeFilePath};
 
-// The text of a UUID with a number right behind it.
+// The text of a UUID, and a number right after it. The number 0 does nothing without an object.
 template <size_t kCount>
-static void DecodeUuidAndNumber(DecodedRequest *request, std::string_view name, std::string_view text,
-                                const std::string_view (&names)[kCount])
+static std::optional<uint64_t> DecodeUuidAndNumber(DecodedRequest *request, std::string_view name,
+                                                   std::string_view text, const std::string_view (&names)[kCount])
 {
-    DecodeUuidText(request, text.substr(0, kUuidTextLength));
-    DecodeNumberText(request, name, text.substr(std::min(text.size(), kUuidTextLength)), names);
+    const std::string_view uuid = text.substr(0, kUuidTextLength);
+    AddUuidText(request, uuid);
+    const std::optional<uint64_t> number = DecodeNumberText(request, name, text.substr(uuid.size()), names);
+    WarnOfUuid(request, uuid, number == 0U);
+    return number;
 }
 
 static void DecodeRecoveryMode(Bytes payload, DecodedRequest *request)
 {
-    DecodeUuidAndNumber(request, "recoveryMode", TerminatedText(request, "recoveryMode", payload, 0, payload.size()),
-                        kRecoveryModes);
+    const std::string_view text = TerminatedText(request, "recoveryMode", payload, 0, payload.size());
+    const std::optional<uint64_t> mode = DecodeUuidAndNumber(request, "recoveryMode", text, kRecoveryModes);
+    if (mode >= std::size(kRecoveryModes)) {
+        AddViolation(request, "recoveryMode", StandsForNothing(*mode));
+    }
 }
 const PayloadShape kRecoveryModePayload = {sizeof(RecoveryModeRequest), sizeof(RecoveryModeRequest),
                                            DecodeRecoveryMode};
 
 static void DecodeWorkItem(Bytes payload, DecodedRequest *request)
 {
-    DecodeNumberText(request, "workItemType", TerminatedText(request, "workItemType", payload, 0, payload.size()),
-                     kWorkItems);
+    const std::string_view text = TerminatedText(request, "workItemType", payload, 0, payload.size());
+    const std::optional<uint64_t> type = DecodeNumberText(request, "workItemType", text, kWorkItems);
+    if (type && Meaning(kWorkItems, *type).empty()) {
+        AddViolation(request, "workItemType", StandsForNothing(*type));
+    }
 }
 const PayloadShape kWorkItemPayload = {sizeof(WorkItemRequest), sizeof(WorkItemRequest), DecodeWorkItem};
 
@@ -354,26 +480,27 @@ static void DecodeCrawlerState(Bytes payload, DecodedRequest *request)
 {
     static constexpr std::string_view kNoNames[] = {""};
     const size_t fieldSize = sizeof(CrawlerStateRequest::text);
-    DecodeUuidAndNumber(request, "all", TerminatedText(request, "all", payload, 0, fieldSize), kNoNames);
+    const std::string_view text = TerminatedText(request, "all", payload, 0, fieldSize);
+    const std::optional<uint64_t> all = DecodeUuidAndNumber(request, "all", text, kNoNames);
     CheckZero(request, "what travels beyond the field", payload, fieldSize, payload.size());
-    const auto &all = request->fields.back().value;
-    if (all.is_number()) {
-        CheckFlag(request, "all", all.get<uint64_t>());
-        request->allObjects = all == 1;
-    }
+    CheckFlag(request, "all", all.value_or(0));
+    request->allObjects = all == 1U;
 }
 const PayloadShape kCrawlerStatePayload = {sizeof(CrawlerStateRequest), sizeof(CrawlerStateRequest),
                                            DecodeCrawlerState};
 
-// The number before the next colon. What it names has to be known: there is no entry 1.
+// The number before the next colon. What it names has to be known: there is no entry 1. The client sends 0 when its
+// user gave no word for it; of two such words it sends the last one's number, and nobody sees that there were two.
 template <size_t kCount>
 static void DecodeCallbackNumber(DecodedRequest *request, std::string_view name, std::string_view *text,
                                  const std::string_view (&names)[kCount])
 {
     const size_t colon = std::min(text->find(':'), text->size());
-    DecodeNumberText(request, name, text->substr(0, colon), names);
-    if (request->fields.back().value.is_number() && request->fields.back().meaning.empty()) {
-        AddViolation(request, name, "is " + request->fields.back().value.dump() + ", which stands for nothing");
+    const std::optional<uint64_t> number = DecodeNumberText(request, name, text->substr(0, colon), names);
+    if (number && Meaning(names, *number).empty()) {
+        AddViolation(request, name, StandsForNothing(*number));
+    } else if (number == 0U) {
+        AddWarning(request, name, "is 0: no word for it was given");
     }
     text->remove_prefix(std::min(colon + 1, text->size()));
 }
@@ -383,7 +510,7 @@ static void DecodeCallbackBlock(Bytes payload, DecodedRequest *request)
     std::string_view text = TerminatedText(request, "uuid", payload, 0, payload.size());
     DecodeCallbackNumber(request, "event", &text, kEvents);
     DecodeCallbackNumber(request, "entry", &text, kEntries);
-    DecodeUuidText(request, text);
+    DecodeUuidText(request, text, true);
 }
 const PayloadShape kCallbackBlockPayload = {sizeof(CallbackBlockRequest), sizeof(CallbackBlockRequest),
                                             DecodeCallbackBlock};
@@ -393,7 +520,7 @@ static void DecodeManualMove(Bytes payload, DecodedRequest *request)
     const auto record = CopyRecord<ComponentManualMoveRequest>(payload);
     const size_t destinations = offsetof(ComponentManualMoveRequest, destinationList);
     const size_t exclusions = offsetof(ComponentManualMoveRequest, exclusionList);
-    AddField(request, "uuid", UuidText(record->uuid));
+    DecodeUuid(request, record->uuid, true);
     DecodeList(request, {"destinationCount", "destinationList"}, record->destinationCount,
                TerminatedText(request, "destinationList", payload, destinations, exclusions));
     DecodeList(request, {"exclusionCount", "exclusionList"}, record->exclusionCount,
@@ -406,6 +533,9 @@ static void DecodeGlobalExclusion(Bytes payload, DecodedRequest *request)
 {
     const auto record = CopyRecord<GlobalExclusionListRequest>(payload);
     AddField(request, "exclusionMode", record->exclusionMode, Meaning(kExclusionModes, record->exclusionMode));
+    if (record->exclusionMode >= std::size(kExclusionModes)) {
+        AddViolation(request, "exclusionMode", StandsForNothing(record->exclusionMode));
+    }
     DecodeList(request, {"exclusionCount", "exclusionList"}, record->exclusionCount,
                TerminatedText(request, "exclusionList", payload, offsetof(GlobalExclusionListRequest, exclusionList),
                               sizeof *record));

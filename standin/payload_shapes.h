@@ -9,12 +9,13 @@ namespace standin {
 struct PayloadShape {
     size_t lengthMin;
     size_t lengthMax;
-    // Adds fields and violations to the request. The payload's length is within the two limits.
+    // Adds fields, violations and warnings to the request. The payload's length is within the two limits.
     void (*decode)(Bytes payload, DecodedRequest *request);
 };
 
 extern const PayloadShape kNoPayload;
 extern const PayloadShape kUuidTextPayload;
+extern const PayloadShape kOptionalUuidTextPayload; // the zero UUID stands for all objects
 extern const PayloadShape kJsonPayload;
 extern const PayloadShape kLogLevelPayload;
 extern const PayloadShape kProactiveRebalancePayload;

@@ -26,7 +26,7 @@ struct FieldRow {
     std::string_view field;
     const char *option; // null: the value is an operand
     void (*add)(const FieldRow &row, const DecodedRequest &request, const Field &field, CommandWords *words);
-    uint64_t max; // the largest number, or the longest text, that the tool accepts
+    uint64_t max; // the length of the longest text that the tool accepts
 };
 
 // A field that the command has to be given even with its default value.
@@ -90,9 +90,6 @@ static void AddFlag(const FieldRow &row, const DecodedRequest & /*request*/, con
 
 static void AddNumber(const FieldRow &row, const DecodedRequest &request, const Field &field, CommandWords *words)
 {
-    if (field.value > row.max) {
-        AddReason(row, "is above " + std::to_string(row.max), words);
-    }
     if (field.value != 0 || IsNeeded(request, row.field)) {
         AddOption(row, field.value.dump(), words);
     }
@@ -101,9 +98,6 @@ static void AddNumber(const FieldRow &row, const DecodedRequest &request, const 
 static void AddWorkItem(const FieldRow &row, const DecodedRequest & /*request*/, const Field &field,
                         CommandWords *words)
 {
-    if (field.meaning.empty()) {
-        AddReason(row, field.value.dump() + " has no name", words);
-    }
     AddOption(row, std::string(field.meaning), words);
 }
 
@@ -178,8 +172,6 @@ static constexpr uint64_t kNoLimit = std::numeric_limits<uint64_t>::max();
 // Linux passes no longer argument to a program, where a page of memory has 4096 bytes.
 static constexpr uint64_t kArgumentLengthMax = 131071;
 static constexpr uint64_t kListLengthMax = 94718;
-static constexpr uint64_t kRecoveryModeMax = 7;
-static constexpr uint64_t kExclusionModeMax = 3;
 
 static constexpr FieldRow kFieldRows[] = {
     {"uuid", "-u", AddUuid, kNoLimit},
@@ -188,8 +180,8 @@ static constexpr FieldRow kFieldRows[] = {
     {"ensureDurability", "-e", AddFlag, kNoLimit},
     {"reason", "-r", AddNumber, kNoLimit},
     {"wipeDisk", "-w", AddFlag, kNoLimit},
-    {"recoveryMode", "-m", AddNumber, kRecoveryModeMax},
-    {"exclusionMode", "-X", AddNumber, kExclusionModeMax},
+    {"recoveryMode", "-m", AddNumber, kNoLimit},
+    {"exclusionMode", "-X", AddNumber, kNoLimit},
     {"workItemType", "-i", AddWorkItem, kNoLimit},
     {"json", "-j", AddText, kArgumentLengthMax},
     {"filePath", "-f", AddText, kNoLimit},
@@ -265,7 +257,7 @@ static void CheckMoveTarget(const DecodedRequest &request, CommandWords *words)
 
 std::string RequestCommand(const DecodedRequest &request)
 {
-    if (!request.violations.empty()) {
+    if (request.violations.size() > request.typedViolations) {
         return Comment(request, request.violations);
     }
     CommandWords words = WordsOf(request);

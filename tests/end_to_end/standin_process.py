@@ -51,11 +51,12 @@ def end(process, by=signal.SIGTERM):
     return process.returncode, messages
 
 
-def entry(command, code, length, fields=None, *, reply, connection=1, violations=(), outcome="answered",
+def entry(command, code, length, fields=None, *, reply, connection=1, violations=(), warnings=(), outcome="answered",
           ending=CLIENT_CLOSED, fault=None):
     """An entry of the log, as the stand-in should write it."""
     expected = {"connection": connection, "command": command, "code": code, "length": length, "fields": fields or {},
-                "violations": list(violations), "reply": reply, "outcome": outcome, "end": ending}
+                "violations": list(violations), "warnings": list(warnings), "reply": reply, "outcome": outcome,
+                "end": ending}
     return {**expected, "fault": fault} if fault else expected
 
 

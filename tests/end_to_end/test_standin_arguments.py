@@ -33,7 +33,7 @@ options:
   --socket-mode MODE    Permissions of the socket in octal; default: 600
   --log FILE            Append the log to FILE; default: -, standard output
   --format FORMAT       text (the default), json or commands
-  --strict              Exit with status 1 if a request violated the protocol
+  --strict[=warnings]   Exit with status 1 after violations (and warnings)
   --answers FILE        Take answers and faults from this JSON file
 """
 
@@ -48,7 +48,7 @@ options:
   --socket-mode MODE    Permissions of the socket in octal; default: 600
   --log FILE            Append the log to FILE; default: -, standard output
   --format FORMAT       text (the default), json or commands
-  --strict              Exit with status 1 if a request violated the protocol
+  --strict[=warnings]   Exit with status 1 after violations (and warnings)
   --to PATH             Socket of the daemon; default: /var/run/plaxd.uds
 """
 
@@ -62,7 +62,7 @@ options:
   --answers FILE        Take answers and faults from this JSON file
   --log FILE            Append the log to FILE; default: no log
   --format FORMAT       text (the default), json or commands
-  --strict              Exit with status 1 if a request violated the protocol
+  --strict[=warnings]   Exit with status 1 after violations (and warnings)
   --socket-option       Give plax-tool -s where namespaces are not allowed
 """
 
@@ -74,7 +74,7 @@ Show what the bytes of a request mean; FILE -: standard input.
 options:
   -h, --help            Show this help text and exit
   --format FORMAT       text (the default), json or commands
-  --strict              Exit with status 1 if a request violated the protocol
+  --strict[=warnings]   Exit with status 1 after violations (and warnings)
 """
 
 
@@ -117,7 +117,7 @@ def test_no_command(words, message):
     (["decode", "--socket", "s", "-"], "unknown option: --socket"),
     (["serve", "--socket", "s", "--format", "xml"], "--format must be text, json or commands, not xml"),
     (["decode", "--format", "1", "-"], "--format must be text, json or commands, not 1"),
-    (["decode", "--strict=more", "-"], "--strict takes no value"),
+    (["decode", "--strict=more", "-"], "--strict must be violations or warnings, not more"),
     (["rehearse", "--socket-option=more", "--", "script"], "--socket-option takes no value"),
     (["rehearse"], "a script is required after --"),
     (["rehearse", "--"], "a script is required after --"),

@@ -26,10 +26,12 @@ def whole_run(row):
 # Fields that are empty, at their limit, or odd.
 RUNS = [*map(whole_run, ROWS),
     (["fitness-config-set", "-j", '{"name": "\xe4\\"\n"}'], b"",
-     entry("fitness-config-set", 4, 18, {"json": '{"name": "\xe4\\"\n"}'}, reply=framed(6))),
+     entry("fitness-config-set", 4, 18, {"json": '{"name": "\xe4\\"\n"}'}, reply=framed(6),
+           warnings=["json is not JSON"])),
     (["fitness-config-set", "-j", b"\xff"], b"",
-     entry("fitness-config-set", 4, 2, {"json": "\N{REPLACEMENT CHARACTER}"}, reply=framed(6))),
-    (["log-level", ""], b"", entry("log-level", 7, 0, {"level": ""}, reply=framed(3))),
+     entry("fitness-config-set", 4, 2, {"json": "\N{REPLACEMENT CHARACTER}"}, reply=framed(6),
+           warnings=["json is not JSON"])),
+    (["log-level", ""], b"", entry("log-level", 7, 0, {"level": ""}, reply=framed(3), warnings=["level is empty"])),
     (["start-proactive-rebalance", "3600", "0.1", "default", "18446744073709551615"], b"",
      entry("start-proactive-rebalance", 10, 32,
            {"timeSpan": 3600, "varianceThreshold": 0.1, "timeThreshold": 1800, "rateThreshold": 18446744073709551615},
@@ -37,24 +39,30 @@ RUNS = [*map(whole_run, ROWS),
     (["start-proactive-rebalance", "1", "nan"], b"",
      entry("start-proactive-rebalance", 10, 32,
            {"timeSpan": 1, "varianceThreshold": "nan", "timeThreshold": 1800, "rateThreshold": 14913081},
-           reply=framed(7))),
+           reply=framed(7), warnings=["varianceThreshold is not from 0 to 1"])),
     (["--", "start-proactive-rebalance", "1", "-inf"], b"",
      entry("start-proactive-rebalance", 10, 32,
            {"timeSpan": 1, "varianceThreshold": "-inf", "timeThreshold": 1800, "rateThreshold": 14913081},
-           reply=framed(7))),
+           reply=framed(7), warnings=["varianceThreshold is not from 0 to 1"])),
     (["info-rebalance", "-a"], b"bytes to move: 0\n",
-     entry("info-rebalance", 14, 36, {"uuid": ZERO}, reply=framed(16))),
+     entry("info-rebalance", 14, 36, {"uuid": ZERO}, reply=framed(16), warnings=["uuid is all zeros"])),
     (["force-reconfigure-the-object", "-f", "x" * 4096], b"",
-     entry("force-reconfigure-the-object", 19, 4113, {"uuid": ZERO, "filePath": "x" * 4096}, reply=framed(7))),
+     entry("force-reconfigure-the-object", 19, 4113, {"uuid": ZERO, "filePath": "x" * 4096}, reply=framed(7),
+           warnings=["uuid is all zeros", "filePath is relative, and the daemon's directory is not the client's"])),
     (["update-plaxdb", "-f", "x" * 4096], b"",
-     entry("update-plaxdb", 20, 4097, {"filePath": "x" * 4096}, reply=framed(7))),
-    (["replace-plaxdb"], b"", entry("replace-plaxdb", 21, 1, {"filePath": ""}, reply=framed(8))),
+     entry("update-plaxdb", 20, 4097, {"filePath": "x" * 4096}, reply=framed(7),
+           warnings=["filePath is relative, and the daemon's directory is not the client's"])),
+    (["replace-plaxdb"], b"",
+     entry("replace-plaxdb", 21, 1, {"filePath": ""}, reply=framed(8),
+           warnings=["filePath is empty"])),
     (["enable-workitem", "-i", "MANUAL_MOVE"], b"",
      entry("enable-workitem", 24, 4, {"workItemType": 22}, reply=framed(7))),
     (["block-cdb-cb", "-u", UUID, "node", "add"], b"",
      entry("block-cdb-cb", 31, 1024, {"event": 2, "entry": 4, "uuid": UUID}, reply={"bytes": 0})),
     (["block-cdb-cb", "neither"], b"",
-     entry("block-cdb-cb", 31, 1024, {"event": 0, "entry": 0, "uuid": ZERO}, reply={"bytes": 0})),
+     entry("block-cdb-cb", 31, 1024, {"event": 0, "entry": 0, "uuid": ZERO}, reply={"bytes": 0},
+           warnings=["event is 0: no word for it was given", "entry is 0: no word for it was given",
+                     "uuid is all zeros"])),
     (["component-manual-move", "-u", UUID, "-n", ",".join([ONE] * 2559)], b"",
      entry("component-manual-move", 33, 189464,
            {"uuid": UUID, "destinationCount": 2559, "destinationList": [ONE] * 2559, "exclusionCount": 0,
@@ -90,7 +98,8 @@ def text_log(folder, *runs):
         tool("-s", path, *words)
     assert end(process) == (0, b"")
     stamp = r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z "
-    lines = [re.sub(r"\d\.\d{3} s$", "T s", re.sub(stamp, "NOW ", line)) for line in log.read_text().splitlines()]
+    lines = [re.sub(r"\d\.\d{3} s(?=$| \|)", "T s", re.sub(stamp, "NOW ", line))
+             for line in log.read_text().splitlines()]
     return sorted(lines[:-1], key=lambda line: int(re.match(r"NOW #(\d+) ", line)[1])) + lines[-1:]
 
 
@@ -110,9 +119,10 @@ def test_text(tmp_path):
         f"NOW #1 what-if-upgrade 17 uuid={UUID} decomMode=2(evacAllData) reason=1(disable dedup) wipeDisk=0 "
         f"uuidCount=2 uuidList=[{ONE},{TWO}] | status 0x00000000, 13 bytes | answered, client closed, T s",
         f"NOW #2 what-if-entity-decom 16 uuid={ZERO} decomMode=9 ensureDurability=0 "
-        "| status 0x00000000, 30 bytes | answered, client closed, T s",
+        "| status 0x00000000, 30 bytes | answered, client closed, T s "
+        "| WARNING: uuid is all zeros; decomMode is 9, which stands for nothing",
         r'NOW #3 fitness-config-set 4 json="{\"a\": \"line\n\"}" '
-        "| status 0x00000000, 6 bytes | answered, client closed, T s",
+        "| status 0x00000000, 6 bytes | answered, client closed, T s | WARNING: json is not JSON",
         f"NOW #4 enable-plax-recovery-mode 22 uuid={ZERO} recoveryMode=3(COMPLIANCE) "
         "| status 0x00000000, 7 bytes | answered, client closed, T s",
         "NOW #5 enable-workitem 24 workItemType=5(VOTES_REBALANCE) "
@@ -120,10 +130,12 @@ def test_text(tmp_path):
         "NOW #6 set-global-exclusion-list 34 exclusionMode=1(ignoreForWitness) exclusionCount=0 exclusionList=[] "
         "| status 0x00000000, 3 bytes | answered, client closed, T s",
         f"NOW #7 block-cdb-cb 31 event=3(delete) entry=3(disk) uuid={ZERO} "
-        "| nothing | answered, client closed, T s",
-        'NOW #8 update-plaxdb 20 filePath="" | status 0x00000000, 7 bytes | answered, client closed, T s',
+        "| nothing | answered, client closed, T s | WARNING: uuid is all zeros",
+        'NOW #8 update-plaxdb 20 filePath="" | status 0x00000000, 7 bytes | answered, client closed, T s '
+        "| WARNING: filePath is empty",
         "NOW #9 stats 1 | 46 bytes streamed | answered, client closed, T s",
-        "summary: 9 requests, 0 broken; block-cdb-cb 1 answered; enable-plax-recovery-mode 1 answered; "
+        "summary: 9 requests, 0 broken, 4 with warnings; "
+        "block-cdb-cb 1 answered; enable-plax-recovery-mode 1 answered; "
         "enable-workitem 1 answered; fitness-config-set 1 answered; set-global-exclusion-list 1 answered; "
         "stats 1 answered; update-plaxdb 1 answered; what-if-entity-decom 1 answered; what-if-upgrade 1 answered",
     ]

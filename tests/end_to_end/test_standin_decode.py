@@ -24,7 +24,8 @@ def test_standard_input():
 def test_json():
     code, output, messages = run_standin("decode", "--format", "json", "-", stdin=REQUEST)
     assert (code, json.loads(output), messages) == (
-        0, {"command": "info-rebalance", "code": 14, "length": 36, "fields": {"uuid": UUID}, "violations": []}, b"")
+        0, {"command": "info-rebalance", "code": 14, "length": 36, "fields": {"uuid": UUID}, "violations": [],
+            "warnings": []}, b"")
 
 
 @pytest.mark.parametrize("options, code", [((), 0), (("--strict",), 1)])

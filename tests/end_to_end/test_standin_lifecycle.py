@@ -48,7 +48,8 @@ def test_interrupts_are_heard_in_the_background(path):
 
 @pytest.mark.parametrize("mask", [0, 0o022, 0o777])
 @pytest.mark.parametrize("command", ["serve", "relay"])
-@pytest.mark.parametrize("options, mode", [([], 0o600), (["660"], 0o660), (["0666"], 0o666), (["0"], 0), (["777"], 0o777)])
+@pytest.mark.parametrize("options, mode", [([], 0o600), (["660"], 0o660), (["0666"], 0o666), (["0"], 0),
+                                           (["777"], 0o777)])
 def test_mode_is_the_one_asked_for_whatever_the_mask(options, mode, command, mask, path):
     before = os.umask(mask)
     try:
@@ -60,7 +61,7 @@ def test_mode_is_the_one_asked_for_whatever_the_mask(options, mode, command, mas
 
 
 def test_socket_is_made_with_its_mode(path):
-    """There is no moment with another mode, in which somebody could connect: it is not changed once the file is there."""
+    """There is no moment with another mode, in which somebody could connect: the file's mode is never changed."""
     c_library = ctypes.CDLL(None)
     made, changed = 0x100, 0x4  # IN_CREATE, IN_ATTRIB
     with open(c_library.inotify_init(), "rb", buffering=0) as watch:
@@ -239,4 +240,4 @@ def test_summary_as_json(path, tmp_path):
     tool("-s", path, "fix-concats")
     end(process)
     assert json.loads(log.read_text().splitlines()[-1]) == {
-        "summary": {"requests": 1, "broken": 0, "commands": {"fix-concats": {"answered": 1}}}}
+        "summary": {"requests": 1, "broken": 0, "warned": 0, "commands": {"fix-concats": {"answered": 1}}}}

@@ -5,7 +5,7 @@ import struct
 import termios
 
 from harness import HOST_ORDER, eventually, frame, queued
-from standin_process import Standin, entry, framed, read_all
+from standin_process import Standin, entry, framed, read_all, run_standin
 import pytest
 
 UUID = b"01234567-89ab-cdef-0123-456789abcdef"
@@ -118,8 +118,8 @@ def test_wrong_lengths():
     assert (plaxd.code, plaxd.summary["broken"]) == (0, len(WRONG_LENGTHS))
 
 
-def upgrade(count, text, wipe_disk=b"\0", gap=b"\0\0\0"):
-    return frame(17, RAW_UUID + record("II", 0, 0) + wipe_disk + gap + record("I", count) + text)
+def upgrade(count, text, wipe_disk=b"\0", padding=b"\0\0\0"):
+    return frame(17, RAW_UUID + record("II", 0, 0) + wipe_disk + padding + record("I", count) + text)
 
 
 def upgrade_fields(count, entries, wipe_disk=0):
@@ -149,9 +149,9 @@ CONTENTS = [
     (frame(16, RAW_UUID + record("I", 2) + b"\2\0\0\0"), {"uuid": UUID_TEXT, "decomMode": 2, "ensureDurability": 2},
      ["ensureDurability is 2, neither 0 nor 1"]),
     (frame(16, RAW_UUID + record("I", 2) + b"\1\0\5\0"), {"uuid": UUID_TEXT, "decomMode": 2, "ensureDurability": 1},
-     ["the gap behind ensureDurability is not zero at payload byte 22"]),
+     ["the padding after ensureDurability is not zero at payload byte 22"]),
     (frame(16, RAW_UUID + record("I", 2) + b"\1\0\0\5"), {"uuid": UUID_TEXT, "decomMode": 2, "ensureDurability": 1},
-     ["the gap behind ensureDurability is not zero at payload byte 23"]),
+     ["the padding after ensureDurability is not zero at payload byte 23"]),
     (upgrade(3, LIST + b"\0"), upgrade_fields(3, [UUID_TEXT] * 2), ["uuidCount is 3, but uuidList has room for 2"]),
     (upgrade(1, b"\0"), upgrade_fields(1, []), ["uuidCount is 1, but uuidList has room for 0"]),
     (upgrade(2, LIST), upgrade_fields(2, [UUID_TEXT] * 2), ["uuidList has no terminator"]),
@@ -161,17 +161,29 @@ CONTENTS = [
      ["what follows uuidList is not zero at payload byte 69", "uuidList ends after 36 of 73 characters"]),
     (upgrade(1, UUID + b"\0", wipe_disk=b"\x80"), upgrade_fields(1, [UUID_TEXT], wipe_disk=128),
      ["wipeDisk is 128, neither 0 nor 1"]),
-    (upgrade(1, UUID + b"\0", gap=b"\1\0\0"), upgrade_fields(1, [UUID_TEXT]),
-     ["the gap behind wipeDisk is not zero at payload byte 25"]),
+    *[(upgrade(1, UUID + b"\0", padding=b"\0" * before + b"\1" + b"\0" * (2 - before)), upgrade_fields(1, [UUID_TEXT]),
+       [f"the padding after wipeDisk is not zero at payload byte {25 + before}"]) for before in range(3)],
+    (upgrade(1, UUID[:-1] + b"g\0"), upgrade_fields(1, [UUID_TEXT[:-1] + "g"]),
+     ["uuidList entry 1 is not the text of a UUID"]),
+    (upgrade(2, UUID + b";" + UUID + b"\0"), upgrade_fields(2, [UUID_TEXT + ";" + UUID_TEXT]),
+     ["uuidList entry 1 is not followed by a comma"]),
+    (upgrade(3, LIST + b",," + UUID[1:] + b"\0"), upgrade_fields(3, [UUID_TEXT, UUID_TEXT, "", UUID_TEXT[1:]]),
+     ["uuidList entry 3 is not the text of a UUID"]),
     (frame(19, RAW_UUID + b"/f"), {"uuid": UUID_TEXT, "filePath": "/f"}, ["filePath has no terminator"]),
     (frame(20, b"/f"), {"filePath": "/f"}, ["filePath has no terminator"]),
-    (frame(22, UUID + b"12345"), {"uuid": UUID_TEXT, "recoveryMode": 12345}, ["recoveryMode has no terminator"]),
+    (frame(22, UUID + b"12345"), {"uuid": UUID_TEXT, "recoveryMode": 12345},
+     ["recoveryMode has no terminator", "recoveryMode is 12345, which stands for nothing"]),
+    (frame(22, UUID + b"8\0\0\0\0"), {"uuid": UUID_TEXT, "recoveryMode": 8},
+     ["recoveryMode is 8, which stands for nothing"]),
     (frame(22, UUID + b"7\0\0\0x"), {"uuid": UUID_TEXT, "recoveryMode": 7},
      ["what follows recoveryMode is not zero at payload byte 40"]),
     (frame(22, UUID + b"+7\0\0\0"), {"uuid": UUID_TEXT, "recoveryMode": "+7"}, ["recoveryMode is not a number"]),
     (frame(22, UUID[:35] + b"\0" * 6), {"uuid": UUID_TEXT[:35], "recoveryMode": ""},
      ["uuid is not the text of a UUID", "recoveryMode is not a number"]),
-    (frame(24, b"1234"), {"workItemType": 1234}, ["workItemType has no terminator"]),
+    (frame(24, b"1234"), {"workItemType": 1234},
+     ["workItemType has no terminator", "workItemType is 1234, which stands for nothing"]),
+    *[(frame(24, number.ljust(4, b"\0")), {"workItemType": int(number)},
+       [f"workItemType is {int(number)}, which stands for nothing"]) for number in (b"0", b"4", b"23")],
     (frame(25, b"7\0\0\1"), {"workItemType": 7}, ["what follows workItemType is not zero at payload byte 3"]),
     (frame(25, b"\0\0\0\0"), {"workItemType": ""}, ["workItemType is not a number"]),
     (frame(26, UUID + b"2\0\0\0\0"), {"uuid": UUID_TEXT, "all": 2}, ["all is 2, neither 0 nor 1"]),
@@ -196,6 +208,13 @@ CONTENTS = [
      ["what follows exclusionList is not zero at payload byte 94781"]),
     (move(0, b"", 2560, b",".join([UUID] * 2560) + b","), move_fields(0, [], 2560, [UUID_TEXT] * 2560 + [""]),
      ["exclusionList has no terminator", "exclusionList has the length 94720 of no list of UUIDs"]),
+    (move(0, b"", 2, UUID + b" " + UUID), move_fields(0, [], 2, [UUID_TEXT + " " + UUID_TEXT]),
+     ["exclusionList entry 1 is not followed by a comma"]),
+    (move(2, b"x" * 36 + b"," + b"y" * 36, 0, b""), move_fields(2, ["x" * 36, "y" * 36], 0, []),
+     ["destinationList entry 1 is not the text of a UUID"]),
+    (frame(34, record("II", 4, 1) + UUID.upper().ljust(94720, b"\0")),
+     {"exclusionMode": 4, "exclusionCount": 1, "exclusionList": [UUID_TEXT.upper()]},
+     ["exclusionMode is 4, which stands for nothing"]),
     (frame(34, record("II", 0, 9) + b"\0" * 94720), {"exclusionMode": 0, "exclusionCount": 9, "exclusionList": []},
      ["exclusionCount is 9, but exclusionList has room for 0"]),
     (frame(34, record("II", 0, 0) + b"\0" * 94719 + b"x"),
@@ -214,11 +233,93 @@ def test_contents(number):
     assert (line["fields"], line["violations"], line["outcome"]) == (fields, violations, "answered")
 
 
+# Request, warnings. Nothing is wrong with these requests.
+WARNINGS = [
+    (frame(2, UUID), []),
+    (frame(2, ZERO.encode()), ["uuid is all zeros"]),
+    (frame(2, b"01234567-89ab-cdef-0000-000000000000"), ["uuid ends in zeros, as if it were cut off"]),
+    (frame(2, b"01234567-89ab-cdef-0123-45670000000a"), []),
+    (frame(2, b"01234567-89ab-cdef-0123-456700000000"), ["uuid ends in zeros, as if it were cut off"]),
+    (frame(2, b"01234567-89ab-cdef-0123-456780000000"), []),
+    (frame(15, ZERO.encode()), []),
+    (frame(15, b"01234567-89ab-cdef-0000-000000000000"), ["uuid ends in zeros, as if it were cut off"]),
+    (frame(4, b'{"a": [1]}\0'), []),
+    (frame(4, b'{"a": [1}\0'), ["json is not JSON"]),
+    (frame(4, b"\0"), ["json is not JSON"]),
+    (frame(7, b"2"), []),
+    (frame(7), ["level is empty"]),
+    (frame(7, b"plax-tool"), ["level is the name of the program"]),
+    (frame(7, b"/usr/sbin/plax-tool"), ["level is the name of the program"]),
+    (frame(7, b"plax-tool2"), []),
+    *[(frame(10, record("QdQQ", 1, variance, 1, 1)), warnings) for warnings, variances in [
+        ([], (0.0, 0.5, 1.0)),
+        (["varianceThreshold is not from 0 to 1"], (-0.1, 1.1, float("inf"), float("-inf"), float("nan")))]
+      for variance in variances],
+    (frame(16, RAW_UUID + record("I", 2) + b"\1\0\0\0"), []),
+    (frame(16, bytes(16) + record("I", 3) + b"\1\0\0\0"),
+     ["uuid is all zeros", "decomMode is 3, which stands for nothing"]),
+    (frame(17, bytes(16) + record("IIII", 2, 3, 0, 1) + UUID + b"\0"), []),
+    (frame(17, RAW_UUID[:12] + bytes(4) + record("IIII", 3, 4, 0, 2) + UUID + b"," + ZERO.encode() + b"\0"),
+     ["uuid ends in zeros, as if it were cut off", "decomMode is 3, which stands for nothing",
+      "reason is 4, which stands for nothing", "uuidList entry 2 is all zeros"]),
+    (frame(19, RAW_UUID + b"/f\0"), []),
+    (frame(19, bytes(16) + b"\0"), ["uuid is all zeros", "filePath is empty"]),
+    (frame(20, b"/f\0"), []),
+    (frame(20, b"f\0"), ["filePath is relative, and the daemon's directory is not the client's"]),
+    (frame(21, b"\0"), ["filePath is empty"]),
+    (frame(22, UUID + b"0\0\0\0\0"), []),
+    (frame(22, ZERO.encode() + b"7\0\0\0\0"), []),
+    (frame(22, ZERO.encode() + b"0\0\0\0\0"), ["uuid is all zeros"]),
+    (frame(26, UUID + b"0\0\0\0\0"), []),
+    (frame(26, ZERO.encode() + b"1\0\0\0\0"), []),
+    (frame(26, ZERO.encode() + b"0\0\0\0\0"), ["uuid is all zeros"]),
+    (frame(31, (b"1:2:" + UUID).ljust(1024, b"\0")), []),
+    (frame(31, (b"0:2:" + UUID).ljust(1024, b"\0")), ["event is 0: no word for it was given"]),
+    (frame(31, (b"1:0:" + ZERO.encode()).ljust(1024, b"\0")),
+     ["entry is 0: no word for it was given", "uuid is all zeros"]),
+    (move(1, UUID, 0, b""), []),
+    (frame(33, bytes(16) + record("II", 1, 1) + ZERO.encode().ljust(94720, b"\0") + UUID.ljust(94720, b"\0")),
+     ["uuid is all zeros", "destinationList entry 1 is all zeros"]),
+    (frame(34, record("II", 3, 0) + bytes(94720)), []),
+]
+
+
+def test_warnings():
+    with Standin("--strict") as plaxd:
+        for request, _ in WARNINGS:
+            plaxd.exchange(request)
+    assert [(line["violations"], line["warnings"]) for line in plaxd.entries] == [
+        ([], warnings) for _, warnings in WARNINGS]
+    assert (plaxd.code, plaxd.summary["broken"], plaxd.summary["warned"]) == (
+        0, 0, sum(warnings != [] for _, warnings in WARNINGS))
+
+
+FINE, WARNED, BROKEN = frame(7, b"2"), frame(7), frame(7, b"\0")
+
+
+@pytest.mark.parametrize("strict, failed_by", [
+    ([], []), (["--strict"], [BROKEN]), (["--strict=violations"], [BROKEN]), (["--strict=warnings"], [WARNED, BROKEN])])
+def test_strictness(strict, failed_by):
+    for request in (FINE, WARNED, BROKEN):
+        with Standin(*strict) as plaxd:
+            plaxd.exchange(request)
+        code, _, _ = run_standin("decode", *strict, "-", stdin=request)
+        assert (plaxd.code, code) == (int(request in failed_by),) * 2
+
+
+def test_both_as_text():
+    assert run_standin("decode", "-", stdin=frame(17, bytes(16) + record("IIII", 9, 8, 0, 3) + b"\0")) == (
+        0, f"what-if-upgrade 17 uuid={ZERO} decomMode=9 reason=8 wipeDisk=0 uuidCount=3 uuidList=[] "
+           "| BROKEN: uuidCount is 3, but uuidList has room for 0 "
+           "| WARNING: decomMode is 9, which stands for nothing; reason is 8, which stands for nothing\n".encode(), b"")
+
+
 def test_nobody_asks():
     """A connection without a byte is no request."""
     with Standin("--strict") as plaxd:
         plaxd.connect().close()
-    assert (plaxd.entries, plaxd.code, plaxd.summary) == ([], 0, {"requests": 0, "broken": 0, "commands": {}})
+    assert (plaxd.entries, plaxd.code, plaxd.summary) == (
+        [], 0, {"requests": 0, "broken": 0, "warned": 0, "commands": {}})
 
 
 def test_client_vanishes_before_its_answer():
