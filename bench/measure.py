@@ -1,12 +1,11 @@
-"""Measures the tool beside the yardstick client and prints Markdown tables.
-
-usage: measure.py BUILD_FOLDER [--rounds N] [--plots FOLDER]
-"""
+"""Measures the tool beside the yardstick client, or beside another build of it, and prints Markdown tables."""
 
 import argparse
+import collections
 import contextlib
 import os
 import pathlib
+import platform
 import re
 import shutil
 import subprocess
@@ -30,23 +29,36 @@ WORKLOADS = [
     ("usage error", 0, "nonsense", "u"),
 ]
 
+# What has been reached and should stay: workload, figure, and the most that its ratio to the yardstick may be.
+GOALS = [
+    ("fitness-stats-get, 100 B", "instructions", 1.40),
+    ("fitness-stats-get, 100 B", "wall", 1.20),
+    ("fitness-stats-get, 100 B", "page faults", 1.20),
+    ("fitness-stats-get, 1 MiB", "wall", 1.15),
+    ("stats, 64 MiB", "wall", 0.85),
+    ("component-manual-move", "instructions", 1.50),
+    ("component-manual-move", "wall", 1.20),
+    ("-h", "instructions", 1.40),
+]
+
 
 class Bench:
-    """The programs that were built, and a folder for sockets and outputs."""
+    """The programs that were built, and a directory for sockets and outputs."""
 
     def __init__(self, build, folder, rounds):
         self.build = pathlib.Path(build)
         self.folder = pathlib.Path(folder)
         self.rounds = rounds
         self.tool = str(self.build / "sbin/plax-tool")
+        self.yardstick = str(self.build / "bin/yardstick")
 
     def words(self, program, text):
         places = {"s": str(self.folder / "peer.uds"), "o": str(self.folder / "output")}
         return [program, *text.format(**places).split()]
 
-    def pair(self, workload, yardstick="yardstick"):
+    def pair(self, workload):
         _, _, tool_words, yardstick_words = workload
-        return self.words(self.tool, tool_words), self.words(str(self.build / yardstick), yardstick_words)
+        return self.words(self.tool, tool_words), self.words(self.yardstick, yardstick_words)
 
     @contextlib.contextmanager
     def peer(self, length):
@@ -87,61 +99,104 @@ def rounds_for(length, rounds):
     return max(11, rounds // max(1, length // (256 * KIB)))
 
 
+class Tables:
+    """The tables by their names in the document; each row is also printed when it is known."""
+
+    def __init__(self):
+        self.lines = collections.defaultdict(list)
+
+    def add(self, table, *cells):
+        first = table not in self.lines
+        lines = ["| " + " | ".join(map(str, cells)) + " |", *(["|---" * len(cells) + "|"] if first else [])]
+        print(*([""] if first else []), *lines, sep="\n", flush=True)
+        self.lines[table] += lines
+
+    def write_into(self, document):
+        """Replaces the tables of the document, each of which follows a comment with its name."""
+        text = document.read_text(encoding="utf-8")
+        for name, lines in self.lines.items():
+            rows = "\n".join([*lines, ""])
+            text, count = re.subn(rf"(?<=<!-- table: {name} -->\n)(\|.*\n)*", lambda _, rows=rows: rows, text)
+            if count != 1:
+                sys.exit(f"{document}: {count} tables {name}")
+        document.write_text(text, encoding="utf-8")
+
+
+def describe_machine(tables):
+    compiler = subprocess.run(["c++", "-dumpfullversion"], stdout=subprocess.PIPE, text=True, check=True).stdout.strip()
+    system, linux = platform.freedesktop_os_release()["PRETTY_NAME"], ".".join(platform.release().split(".")[:2])
+    tables.add("machine", "system", "compiler", "processors", "load at the start")
+    tables.add("machine", f"{system}, Linux {linux}", f"g++ {compiler}", os.cpu_count(), f"{os.getloadavg()[0]:.1f}")
+
+
 def ratio(a, b):
     return f"{a} / {b} = **{a / b:.2f}**"
 
 
-def measure_workloads(bench):
-    print("Tool / yardstick = ratio. Instructions are given against the yardstick as a compiler makes it, and against one")
-    print("that is hardened like the tool.\n")
-    print("| workload | instructions | hardened alike | system calls, after the loader | page faults | peak KiB | wall µs | MiB/s |")
-    print("|---|---|---|---|---|---|---|---|")
+def measure_workloads(bench, tables):
+    """Gives the ratios by workload and figure."""
+    tables.add("workloads", "workload", "instructions", "system calls, after the loader", "page faults", "peak KiB",
+               "wall µs", "MiB/s")
+    reached = {}
     for workload in WORKLOADS:
         name, length = workload[:2]
         with bench.peer(length):
             tool, yardstick = bench.pair(workload)
-            hardened = bench.pair(workload, "bin/yardstick-hardened")[1]
-            spent = instructions(tool)
             (wall, faults, peak), (wall0, faults0, peak0) = bench.timed(tool, yardstick, rounds_for(length, bench.rounds))
+            spent, spent0 = instructions(tool), instructions(yardstick)
             calls, calls0 = system_calls(tool), system_calls(yardstick)
-            throughput = f"{length / MIB / wall * 1e6:.0f} / {length / MIB / wall0 * 1e6:.0f} = **{wall0 / wall:.2f}**"
-            print("|", name, "|", ratio(spent, instructions(yardstick)), "|", f"{spent / instructions(hardened):.2f}", "|",
-                  f"{calls[0]} / {calls0[0]}, **{calls[1]}** / {calls0[1]}", "|", ratio(int(faults), int(faults0)), "|",
-                  f"{int(peak)} / {int(peak0)}", "|", ratio(round(wall), round(wall0)), "|",
-                  throughput if length >= 64 * MIB else "", "|", flush=True)
+        throughput = f"{length / MIB / wall * 1e6:.0f} / {length / MIB / wall0 * 1e6:.0f} = **{wall0 / wall:.2f}**"
+        tables.add("workloads", name, ratio(spent, spent0), f"{calls[0]} / {calls0[0]}, **{calls[1]}** / {calls0[1]}",
+                   ratio(int(faults), int(faults0)), f"{int(peak)} / {int(peak0)}", ratio(round(wall), round(wall0)),
+                   throughput if length >= 64 * MIB else "")
+        for figure, own, other in [("instructions", spent, spent0), ("wall", wall, wall0), ("page faults", faults, faults0)]:
+            reached[name, figure] = own / other
+    return reached
 
 
-def measure_steps(bench):
-    """What lies between the yardstick and the tool: each with and without something that the other has."""
-    steps = [
-        ("the yardstick, hardened like the tool", "bin/yardstick-hardened"),
-        ("the yardstick, with the tool's allocations", "bin/yardstick-allocating"),
-        ("the yardstick, linked with the private library by an absolute name", "bin/yardstick-with-library-here"),
-        ("the yardstick, linked with it as the tool is", "bin/yardstick-with-library"),
-        ("the tool, with the library inside the program", "bin/tool-with-library-inside"),
-        ("the same, bound when first called", "bin/tool-with-library-inside-bound-late"),
-        ("the tool, bound when first called", "bin/tool-bound-late"),
-        ("the tool, with the library by an absolute name", "bin/tool-with-library-here"),
-        ("the tool", "sbin/plax-tool"),
-    ]
-    print("\n| ratio to the yardstick | instructions | wall | component-manual-move, wall | -h, instructions |")
-    print("|---|---|---|---|---|")
-    for name, program in steps:
+def compare_with_goals(reached, tables):
+    tables.add("goals", "ratio to the yardstick", "at most", "reached")
+    for name, figure, limit in GOALS:
+        value = reached[name, figure]
+        tables.add("goals", f"{name}: {figure}", f"{limit:.2f}", f"{value:.2f}" + (", **missed**" if value > limit else ""))
+
+
+def measure_library(bench, tables):
+    """What the private library costs as a file of its own: with the yardstick, and without it the tool."""
+    tables.add("library", "ratio to the yardstick", "instructions", "wall", "component-manual-move, wall",
+               "-h, instructions")
+    for name, program in [("the yardstick, linked with the private library", "bin/yardstick-with-library"),
+                          ("the tool, with the library inside the program", "bin/tool-with-library-inside"),
+                          ("the tool", "sbin/plax-tool")]:
         exchange, move, help_text = (step_ratios(bench, program, WORKLOADS[place]) for place in (0, 5, 7))
-        print(f"| {name} | {exchange[0]:.3f} | {exchange[1]:.3f} | {move[1]:.3f} | {help_text[0]:.3f} |", flush=True)
+        tables.add("library", name, *(f"{value:.3f}" for value in (exchange[0], exchange[1], move[1], help_text[0])))
 
 
 def step_ratios(bench, program, workload):
     """The instructions and the wall time of a program, which is a tool or a yardstick, over those of the yardstick."""
     _, length, tool_words, yardstick_words = workload
+    own = bench.words(str(bench.build / program), yardstick_words if "yardstick" in program else tool_words)
+    return ratios(bench, own, bench.words(bench.yardstick, yardstick_words), length)[:2]
+
+
+def ratios(bench, own, other, length):
+    """Instructions, wall time and page faults of one command over those of another."""
     with bench.peer(length):
-        own = bench.words(str(bench.build / program), yardstick_words if "yardstick" in program else tool_words)
-        plain = bench.words(str(bench.build / "yardstick"), yardstick_words)
-        (wall, _, _), (wall0, _, _) = bench.timed(own, plain)
-        return instructions(own) / instructions(plain), wall / wall0
+        (wall, faults, _), (wall0, faults0, _) = bench.timed(own, other, rounds_for(length, bench.rounds))
+        return instructions(own) / instructions(other), wall / wall0, faults / faults0
 
 
-def measure_alternatives(bench):
+def measure_against(bench, other_build):
+    """This tool over another build of it."""
+    tables = Tables()
+    tables.add("against", "workload", "instructions", "wall", "page faults")
+    other = str(pathlib.Path(other_build) / "sbin/plax-tool")
+    for name, length, words, _ in WORKLOADS:
+        measured = ratios(bench, bench.words(bench.tool, words), bench.words(other, words), length)
+        tables.add("against", name, *(f"{value:.3f}" for value in measured))
+
+
+def measure_alternatives(bench, tables):
     """What a user would take instead for one exchange, and peers of the same kind with their own daemons."""
     python = ("import socket,struct,sys;s=socket.socket(socket.AF_UNIX);s.connect(sys.argv[1]);s.sendall(struct.pack('>II',6,0));"
               "n=struct.unpack('>II',s.recv(8,socket.MSG_WAITALL))[1];sys.stdout.buffer.write(s.recv(n,socket.MSG_WAITALL))")
@@ -152,20 +207,19 @@ def measure_alternatives(bench):
         ("nc -U -N", ["sh", "-c", f"{send} | nc -U -N {socket}"]),
         ("Python script", ["/usr/bin/python3", "-S", "-c", python, socket]),
     ]
-    print("\n| instead of `fitness-stats-get`, 100 B | wall µs | the tool in the same run | times the tool |")
-    print("|---|---|---|---|")
+    tables.add("alternatives", "instead of `fitness-stats-get`, 100 B", "wall µs", "the tool in the same run",
+               "times the tool")
     with bench.peer(100):
-        tool = bench.pair(WORKLOADS[0])[0]
         for name, words in rivals:
-            show_rival(bench, name, words, tool)
+            measure_rival(bench, tables, name, words)
         with peer_daemons(bench.folder) as peers:
             for name, words in peers:
-                show_rival(bench, name, words, tool)
+                measure_rival(bench, tables, name, words)
 
 
-def show_rival(bench, name, words, tool):
-    (wall, _, _), (own, _, _) = bench.timed(words, tool, max(11, bench.rounds // 5))
-    print(f"| {name} | {wall:.0f} | {own:.0f} | {wall / own:.1f} |", flush=True)
+def measure_rival(bench, tables, name, words):
+    (wall, _, _), (own, _, _) = bench.timed(words, bench.pair(WORKLOADS[0])[0], max(11, bench.rounds // 5))
+    tables.add("alternatives", name, f"{wall:.0f}", f"{own:.0f}", f"{wall / own:.1f}")
 
 
 @contextlib.contextmanager
@@ -201,16 +255,17 @@ def wait_until_answered(words):
     sys.exit(f"no answer: {' '.join(words)}")
 
 
-def measure_growth(bench):
+def measure_growth(bench, tables):
     """Wall time and peak size as the answer grows, and wall time as the clients grow in number."""
     curves = {"reply": grow(bench, WORKLOADS[0], [KIB << shift for shift in range(0, 17, 2)]),
               "stream": grow(bench, WORKLOADS[2], [MIB << shift for shift in range(0, 11, 2)]),
               "clients": crowd(bench, [1, 10, 100, 1000])}
     for name, points in curves.items():
-        print(f"\n| {name} | tool ms | yardstick ms | ratio | tool peak KiB |\n|---|---|---|---|---|")
+        tables.add(name, name, "tool ms", "yardstick ms", "ratio", "tool peak KiB")
         for size, own, other, peak in points:
             shown = size if name == "clients" else f"{size // KIB} KiB"
-            print(f"| {shown} | {own / 1e3:.2f} | {other / 1e3:.2f} | {own / other:.2f} | {int(peak) if peak else ''} |", flush=True)
+            tables.add(name, shown, f"{own / 1e3:.2f}", f"{other / 1e3:.2f}", f"{own / other:.2f}",
+                       int(peak) if peak else "")
     return curves
 
 
@@ -235,7 +290,7 @@ def crowd(bench, counts):
     return points
 
 
-def draw(curves, folder):
+def draw(curves, directory):
     import matplotlib  # only those who want plots need it
     matplotlib.use("svg")
     from matplotlib import pyplot
@@ -248,24 +303,32 @@ def draw(curves, folder):
         axes.set_ylabel("wall, ms (median)")
         axes.legend()
         figure.tight_layout()
-        figure.savefig(pathlib.Path(folder) / f"performance-{name}.svg", metadata={"Date": None})
+        figure.savefig(pathlib.Path(directory) / f"performance-{name}.svg", metadata={"Date": None})
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("build")
     parser.add_argument("--rounds", type=int, default=1000, help="timed runs of each program in a small workload")
-    parser.add_argument("--plots", metavar="FOLDER", help="draw the growth curves there as SVG")
+    parser.add_argument("--update", metavar="DOCUMENT", type=pathlib.Path,
+                        help="put the tables into that document, and draw the growth curves beside it")
+    parser.add_argument("--against", metavar="BUILD", help="only compare with the tool in that build directory")
     options = parser.parse_args()
     with tempfile.TemporaryDirectory(prefix="plax-bench-") as folder:
         os.chmod(folder, 0o755)
         bench = Bench(options.build, folder, options.rounds)
-        measure_workloads(bench)
-        measure_steps(bench)
-        measure_alternatives(bench)
-        curves = measure_growth(bench)
-    if options.plots:
-        draw(curves, options.plots)
+        if options.against:
+            measure_against(bench, options.against)
+            return
+        tables = Tables()
+        describe_machine(tables)
+        compare_with_goals(measure_workloads(bench, tables), tables)
+        measure_library(bench, tables)
+        measure_alternatives(bench, tables)
+        curves = measure_growth(bench, tables)
+    if options.update:
+        tables.write_into(options.update)
+        draw(curves, options.update.parent)
 
 
 if __name__ == "__main__":

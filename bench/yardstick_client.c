@@ -6,9 +6,6 @@
 // KIND: p reads one frame and prints its payload, c reads one frame, s copies the stream to standard output or FILE.
 //     yardstick-client h    writes a help text of the tool's length
 //     yardstick-client u    writes a message of the tool's length and the help text
-//
-// Compiled with -DALLOCATES=1 it takes the memory for the largest request and for the reply from the heap, as the tool
-// must; otherwise it makes do with memory of its own.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <stdint.h>
@@ -18,10 +15,6 @@
 #include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
-
-#ifndef ALLOCATES
-#define ALLOCATES 0
-#endif
 
 enum {
     kChunkSize = 1023,
@@ -56,7 +49,7 @@ static int ReceiveFrame(int connection, int print)
         return 1;
     }
     const size_t length = ntohl(header[1]);
-    char *reply = !ALLOCATES && length <= sizeof smallReply ? smallReply : malloc(length);
+    char *reply = length <= sizeof smallReply ? smallReply : malloc(length);
     if (length != 0 && recv(connection, reply, length, MSG_WAITALL) != (ssize_t)length) {
         return 1;
     }
@@ -77,14 +70,14 @@ static int CopyStream(int connection, int output)
     return count < 0;
 }
 
-static int Exchange(int argc, char **argv, const char *request)
+static int Exchange(int argc, char **argv)
 {
     const int connection = Connect(argv[1]);
     const uint32_t length = (uint32_t)strtoul(argv[4], NULL, 10);
     const uint32_t header[2] = {htonl((uint32_t)strtoul(argv[3], NULL, 10)), htonl(length)};
     send(connection, header, sizeof header, 0);
     if (length != 0) {
-        send(connection, request, length, 0);
+        send(connection, requestMemory, length, 0);
     }
     if (argv[2][0] == 's') {
         const int output = argc > 5 ? open(argv[5], O_WRONLY | O_CREAT | O_TRUNC, 0666) : STDOUT_FILENO;
@@ -104,10 +97,5 @@ int main(int argc, char **argv)
     if (argc != 2 && argc < 5) {
         return 2;
     }
-    char *request = ALLOCATES ? calloc(1, kRequestSizeMax) : requestMemory;
-    const int status = argc == 2 ? WriteText(argv[1][0]) : Exchange(argc, argv, request);
-    if (ALLOCATES) {
-        free(request);
-    }
-    return status;
+    return argc == 2 ? WriteText(argv[1][0]) : Exchange(argc, argv);
 }
