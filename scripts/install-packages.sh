@@ -6,6 +6,7 @@ set -euo pipefail
 declare -A packages=(
     [build]="g++ cmake gzip ninja-build libcli11-dev nlohmann-json3-dev"
     [test]="bash-completion clustershell dpkg-dev fish libgmock-dev libgtest-dev locales mandoc python3-jsonschema python3-pytest python3-pytest-xdist rpm zsh"
+    [compilers]="clang-14 clang-19 g++-11 g++-12"
     [coverage]="clang-19 libclang-rt-19-dev llvm-19"
     [bench]="chrony knot netcat-openbsd python3-matplotlib socat strace valgrind"
     [foreign]="g++-aarch64-linux-gnu g++-i686-linux-gnu g++-s390x-linux-gnu qemu-user"
@@ -13,7 +14,7 @@ declare -A packages=(
     [fuzz]="clang llvm libclang-rt-14-dev"
     [sanitizers]="clang llvm libclang-rt-14-dev valgrind"
     [distributions]="debootstrap git"
-    [lint]="clang clang-format clang-tidy git mandoc shellcheck"
+    [lint]="clang-14 clang-format-14 clang-tidy-14 git mandoc shellcheck"
 )
 
 if (($# == 0)) || [[ $1 == --help ]]; then
@@ -22,24 +23,29 @@ if (($# == 0)) || [[ $1 == --help ]]; then
     exit 0
 fi
 
-# What a package is needed for, if not for a program of the package's name: other programs, <headers>, python: modules.
+# What a package is needed for, if not for a program of its name: another program, a <header>, a python: module, a file, or
+# nothing where there are no such packages.
 declare -A contents=(
     [bash-completion]="/usr/share/bash-completion/bash_completion"
     [clustershell]="clush"
+    [dpkg-dev]=""
     [g++]="c++"
     [libcli11-dev]="<CLI/CLI.hpp>"
     [libgmock-dev]="<gmock/gmock.h>"
     [libgtest-dev]="<gtest/gtest.h>"
     [locales]="/usr/share/i18n/locales/de_DE"
+    [locales]="localedef"
     [ninja-build]="ninja"
     [nlohmann-json3-dev]="<nlohmann/json.hpp>"
     [python3-jsonschema]="python:jsonschema"
     [python3-pytest]="python:pytest"
     [python3-pytest-xdist]="python:xdist"
+    [rpm]=""
 )
 
 is_there() {
     case $1 in
+    "") ;;
     \<*) printf '#if !__has_include(%s)\n#error\n#endif\n' "$1" | c++ -E -x c++ - >/dev/null 2>&1 ;;
     python:*) python3 -c "import ${1#python:}" 2>/dev/null ;;
     /*) [[ -e $1 ]] ;;
@@ -56,7 +62,7 @@ command -v apt-get >/dev/null && command -v dpkg-query >/dev/null || on_debian=f
 missing=()
 for job in "$@"; do
     for package in ${packages[$job]:?"no such job: $job"}; do
-        content=${contents[$package]:-$package}
+        content=${contents[$package]-$package}
         if $on_debian; then
             is_installed "$package" || missing+=("$package")
         else
