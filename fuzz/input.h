@@ -5,9 +5,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <string>
 #include <string_view>
-#include <vector>
 
 // What libFuzzer calls for each input; the replay program calls it for each seed. Returns 0.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
@@ -34,39 +32,17 @@ inline uint32_t TakeNumber(std::string_view *input, size_t size)
     return number;
 }
 
-// Takes everything up to the next newline, which is dropped.
-inline std::string_view TakeLine(std::string_view *input)
+// Takes a word, which a blank ends, or a zero byte early. The blank is dropped.
+inline std::string_view TakeWord(std::string_view *input)
 {
-    const std::string_view line = TakeText(input, input->find('\n'));
+    const std::string_view word = TakeText(input, input->find(' '));
     input->remove_prefix(std::min<size_t>(1, input->size()));
-    return line;
+    return word.substr(0, word.find('\0'));
 }
 
 inline bool Has(std::string_view letters, char letter)
 {
     return letters.find(letter) != letters.npos;
 }
-
-// An argument vector as the system hands it over, and the texts that it points to. A zero byte ends a word.
-struct ArgumentVector {
-    explicit ArgumentVector(const std::vector<std::string> &words) : texts(words)
-    {
-        for (std::string &text : texts) {
-            pointers.push_back(text.data());
-        }
-        pointers.push_back(nullptr);
-    }
-
-    ArgumentVector(const ArgumentVector &) = delete;
-    ArgumentVector &operator=(const ArgumentVector &) = delete;
-
-    int Count() const
-    {
-        return static_cast<int>(texts.size());
-    }
-
-    std::vector<std::string> texts;
-    std::vector<char *> pointers;
-};
 
 #endif

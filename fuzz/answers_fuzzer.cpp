@@ -1,0 +1,49 @@
+// Fuzzes the stand-in's reading of an answers file. An input is the file. Either each of its mistakes is named, on a
+// line of its own, or every command has an answer.
+
+#include "input.h"
+
+#include "answer_file.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <sstream>
+#include <stdexcept>
+
+static void Require(bool holds)
+{
+    if (!holds) {
+        abort();
+    }
+}
+
+static void Read(const std::string &path)
+{
+    try {
+        for (const auto &[command, list] : standin::ReadAnswerFile(path)) {
+            Require(!list.answers.empty());
+        }
+    } catch (const std::runtime_error &error) {
+        std::istringstream lines(error.what());
+        std::string line;
+        do {
+            Require(getline(lines, line) && line.starts_with(path + ": ") && line.size() > path.size() + 2);
+        } while (lines.peek() != EOF);
+    }
+}
+
+int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    const std::string_view text = AsText(data, size);
+    // An answer may name a file, of which the system has some that never end.
+    if (text.find("file") != text.npos || Has(text, '\\')) {
+        return 0;
+    }
+    const int file = memfd_create("answers", 0);
+    Require(write(file, text.data(), text.size()) == static_cast<ssize_t>(text.size()));
+    Read("/proc/self/fd/" + std::to_string(file));
+    close(file);
+    return 0;
+}
