@@ -25,7 +25,12 @@ struct CommandRow {
     bool streamsForAllObjects; // the reply class is Streamed when the request asks for all objects
     const PayloadShape &payload;
     std::string_view answer; // what is answered when nobody says otherwise
+    // The field that a client refuses to go without, also when it has its default value.
+    std::string_view needed{};
 };
+
+// As a needed field: a client takes -a in the place of a UUID, and sends the zero UUID then.
+inline constexpr std::string_view kUuidOrAll = "uuid or all";
 
 std::span<const CommandRow> AllCommands();
 

@@ -29,33 +29,13 @@ struct FieldRow {
     uint64_t max; // the length of the longest text that the tool accepts
 };
 
-// A field that the command has to be given even with its default value.
-struct NeededField {
-    std::string_view word;
-    std::string_view field;
-};
-
 } // namespace
-
-static constexpr NeededField kNeededFields[] = {
-    {"fitness-config-set", "json"},
-    {"enable-plax-recovery-mode", "recoveryMode"},
-    {"get-obj-crawler-state", "uuid"},
-    {"component-manual-move", "uuid"},
-    {"set-global-exclusion-list", "exclusionList"},
-};
-
-// The commands that take --all in the place of a UUID and then send the zero UUID.
-static constexpr std::string_view kUuidOrAll[] = {"crawler", "info-rebalance", "what-if-entity-decom",
-                                                  "get-obj-decom-state"};
 
 static constexpr std::string_view kZeroUuid = "00000000-0000-0000-0000-000000000000";
 
 static bool IsNeeded(const DecodedRequest &request, std::string_view field)
 {
-    return std::any_of(std::begin(kNeededFields), std::end(kNeededFields), [&](const NeededField &needed) {
-        return needed.word == request.command->word && needed.field == field;
-    });
+    return request.command->needed == field;
 }
 
 static void AddReason(const FieldRow &row, const std::string &what, CommandWords *words)
@@ -73,8 +53,7 @@ static void AddOption(const FieldRow &row, const std::string &value, CommandWord
 static void AddUuid(const FieldRow &row, const DecodedRequest &request, const Field &field, CommandWords *words)
 {
     const auto &uuid = field.value.get_ref<const std::string &>();
-    const std::string_view word = request.command->word;
-    if (uuid == kZeroUuid && std::find(std::begin(kUuidOrAll), std::end(kUuidOrAll), word) != std::end(kUuidOrAll)) {
+    if (uuid == kZeroUuid && IsNeeded(request, kUuidOrAll)) {
         words->options.emplace_back("-a");
     } else if (uuid != kZeroUuid || (IsNeeded(request, row.field) && !request.allObjects)) {
         AddOption(row, uuid, words);
