@@ -1,4 +1,4 @@
-"""What the tool connects to: an address of full size, and a listener that ends before it accepts."""
+"""What the tool connects to: an address of full size, and a listener that is slow to accept, or never does."""
 
 import ctypes
 import fcntl
@@ -10,7 +10,7 @@ import tempfile
 import pytest
 
 from connecting import fill_backlog, listening
-from harness import Outcome, ScriptedDaemon, await_state, finish_tool, frame, reply, start_tool, tool
+from harness import Outcome, ScriptedDaemon, await_state, finish_tool, frame, reply, start_tool, stop_and_continue, tool
 
 PRINTED = ("info-proactive-rebalance",)
 REFUSED = Outcome(b"", b"connect error: Connection refused\n", 1)
@@ -52,7 +52,7 @@ def test_path_of_108_characters_is_not_reached():
         assert tool("-s", path, *PRINTED) == Outcome(b"", b"connect error: No such file or directory\n", 1)
 
 
-# ---- A listener that ends ----
+# ---- A listener that takes its time, or ends ----
 
 @pytest.mark.parametrize("words, outcome", [
     (PRINTED, Outcome(b"", b"Error received: Connection reset by peer: (null)\n", 104)),
@@ -65,6 +65,18 @@ def test_listener_that_closes_with_the_tool_in_its_backlog(words, outcome):
         await_state(process.pid, "S")
         listener.close()
         assert finish_tool(process) == outcome
+
+
+def test_interrupted_connecting_goes_on():
+    with listening(backlog=0) as (listener, path), fill_backlog(path) as waiting:
+        process = start_tool("-s", path, *PRINTED)
+        stop_and_continue(process.pid)
+        await_state(process.pid, "S")
+        for _ in waiting:
+            listener.accept()[0].close()
+        with listener.accept()[0] as connection:
+            connection.sendall(frame(0, b"abc"))
+            assert finish_tool(process) == Outcome(b"abc\n", b"", 0)
 
 
 def test_unanswered_command_ends_in_the_backlog():

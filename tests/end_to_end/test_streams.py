@@ -14,8 +14,8 @@ import threading
 import pytest
 
 from command_line import converse
-from harness import Outcome, ScriptedDaemon, await_taken, await_unread, close, collect, eventually, finish_tool, \
-    pause, send, send_bytewise, start_tool, tool, wait_for
+from harness import Outcome, ScriptedDaemon, await_state, await_taken, await_unread, close, collect, eventually, \
+    finish_tool, pause, send, send_bytewise, start_tool, stop_and_continue, tool, wait_for
 
 DONE = Outcome(b"", b"", 0)
 PLENTY = 1 << 26  # bytes
@@ -190,6 +190,16 @@ def test_file_is_opened_through_a_link(tmp_path):
     link.symlink_to(target)
     assert stream(send(b"abc"), words=("stats", "-o", link)) == DONE
     assert (target.read_bytes(), link.is_symlink()) == (b"abc", True)
+
+
+def test_fifo_is_waited_for_until_it_has_a_reader(tmp_path):
+    output = tmp_path / "out"
+    os.mkfifo(output)
+    with ScriptedDaemon(send(b"abc")) as plaxd:
+        process = start_tool("-s", plaxd.path, "stats", "-o", output)
+        stop_and_continue(process.pid)
+        await_state(process.pid, "S")
+        assert (output.read_bytes(), finish_tool(process)) == (b"abc", DONE)
 
 
 @pytest.mark.parametrize("mask, mode", [(0, 0o666), (0o022, 0o644), (0o027, 0o640), (0o777, 0)], ids=oct)
