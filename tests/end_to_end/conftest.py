@@ -1,4 +1,4 @@
-"""The tests that wait for a timeout begin first, so that all the others run while they wait.
+"""The tests that wait for a timeout or take long begin first, so that the others run meanwhile and none is left over.
 
 Tests that use the stand-in daemon are left out where it is not built, as on a build for another machine.
 """
@@ -10,10 +10,9 @@ if "PLAXD_STANDIN" not in os.environ:
     collect_ignore_glob += ["test_standin_*.py", "test_fleet_document.py", "test_load.py", "test_readme.py"]
 
 
-def waits_long(item):
-    group = item.get_closest_marker("xdist_group")
-    return group is not None and group.args[0] in ("timeouts", "stay silent")
+LONG = ("test_timeouts.py", "test_stay_silent", "test_fleet_document.py", "test_many_runs",
+        "test_two_builds_are_the_same_bytes")
 
 
 def pytest_collection_modifyitems(items):
-    items.sort(key=waits_long, reverse=True)
+    items.sort(key=lambda item: not any(name in item.nodeid for name in LONG))

@@ -165,7 +165,6 @@ def test_garbage_of_ones_own():
         {"status": 3, "length": 1, "bytes": 1})
 
 
-@pytest.mark.xdist_group("stay silent")  # begins early, and waits beside the others
 def test_stay_silent():
     """The tool waits for 20 seconds; a framed and a streamed reply are waited for at the same time."""
     with Standin().answers({"fix-concats": {"fault": "stay-silent"}, "stats": {"fault": "stay-silent"}}) as plaxd:
