@@ -136,11 +136,9 @@ Suggests: plax-tool-standin
 %else
 Recommends: plax-tool
 %endif")
-# The directories of the system belong to other packages.
+# These directories are there on every system. Those of the shells are only where the shells are, and shared with them.
 set(CPACK_RPM_EXCLUDE_FROM_AUTO_FILELIST_ADDITION
-    /usr/sbin /usr/share/bash-completion /usr/share/bash-completion/completions /usr/share/fish
-    /usr/share/fish/vendor_completions.d /usr/share/man /usr/share/man/man1 /usr/share/man/man8 /usr/share/zsh
-    /usr/share/zsh/site-functions)
+    /usr/sbin /usr/share/man /usr/share/man/man1 /usr/share/man/man8)
 set(CPACK_RPM_plax-tool_PACKAGE_NAME plax-tool)
 set(CPACK_RPM_plax-tool_PACKAGE_SUMMARY "Administer plaxd, the placement daemon of clustered storage")
 set(CPACK_RPM_plax-tool_PACKAGE_DESCRIPTION "${tool_description}")

@@ -1,6 +1,10 @@
 #!/usr/bin/env bash
-# Builds the Debian packages, has lintian read them, installs them into a bare Debian root, and runs the tour there with
-# manual pages and completion. Then removes them and looks for what they left. Needs root, for debootstrap and chroot.
+# Builds the packages, has lintian and rpmlint read them, and installs them into a bare Debian root: the Debian packages,
+# the rpms, and for comparison the build itself below /usr/local. Each time it runs the tour there, reads the manual pages,
+# asks bash, zsh and fish for completions, starts the tool without /proc, removes all, and looks for what is left. Needs
+# root, for debootstrap and chroot. Then it makes the files of a release twice, and compares them.
+#
+# The root has no rpm database that knows the C library, so rpm installs there without looking for dependencies.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -10,9 +14,9 @@ fi
 
 scripts/install-packages.sh build package
 
-build=build/packages
-folder=$(mktemp -d)
-root=$folder/root # within it, since users other than root must be able to enter a root folder
+build=build/package
+directory=$(mktemp -d)
+root=$directory/root # within it, since users other than root must be able to enter a root directory
 child=
 clean_up() {
     if [[ -n $child ]]; then
@@ -20,7 +24,7 @@ clean_up() {
         wait "$child" 2>/dev/null || true
     fi
     # What died just now may still have been writing.
-    rm -rf --one-file-system "$folder" || { sleep 1 && rm -rf --one-file-system "$folder"; }
+    rm -rf --one-file-system "$directory" || { sleep 1 && rm -rf --one-file-system "$directory"; }
 }
 trap clean_up EXIT
 trap 'exit 130' INT
@@ -34,53 +38,34 @@ isolated() {
     child=
 }
 
+environment=(env --ignore-environment HOME=/root LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive
+    PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin)
+
 in_root() {
-    isolated sh -c "mount -t proc proc '$root/proc' && exec chroot '$root' \"\$@\"" sh env --ignore-environment \
-        HOME=/root LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive PATH=/usr/sbin:/usr/bin:/sbin:/bin "$@"
+    isolated sh -c "mount -t proc proc '$root/proc' && exec chroot '$root' \"\$@\"" sh "${environment[@]}" "$@"
 }
 
-# What is there, but for the notes that dpkg, the loader and the manual keep about all that is installed.
+# What is there, but for the notes that dpkg, rpm, the loader, the manual and the shells keep about all that is installed.
 list_root() {
-    find "$root" -xdev -mindepth 1 \( -path "$root/var/lib/dpkg" -o -path "$root/var/log" \
-        -o -path "$root/var/cache/man" -o -path "$root/var/cache/ldconfig" \) -prune -o -printf '%y %m %P %l\n' | sort
+    find "$root" -xdev -mindepth 1 \( -path "$root/var/lib/dpkg" -o -path "$root/var/lib/rpm" -o -path "$root/var/log" \
+        -o -path "$root/var/cache/man" -o -path "$root/var/cache/ldconfig" -o -path "$root/root" \) -prune \
+        -o -printf '%y %m %P %l\n' | sort
 }
 
-echo "== packages"
-rm -rf "$build"
-cmake --preset release -B "$build" -DBUILD_TESTING=OFF >/dev/null
-cmake --build "$build"
-cpack --config "$build/CPackConfig.cmake" -B "$build"
-packages=("$build"/plax-tool_*.deb "$build"/plax-tool-standin_*.deb)
+zsh_directories=() # those to look in besides its own
 
-echo "== lintian"
-# initial-upload-closes-no-bugs: the packages are not uploaded to Debian, so there is no request for them to close.
-lintian --allow-root --fail-on error,warning --suppress-tags initial-upload-closes-no-bugs "${packages[@]}"
-
-echo "== bare root"
-mkdir "$root"
-isolated debootstrap --variant=minbase --include=bash-completion,man-db bookworm "$root" >"$build/debootstrap.log" || {
-    tail "$build/debootstrap.log"
-    exit 1
+check_manual_pages() {
+    local page
+    for page in plax-tool.8 plaxd-standin.1; do
+        in_root man --pager=cat "$page" >"$build/$page.txt"
+        head -n 1 "$build/$page.txt"
+        grep --quiet "^NAME" "$build/$page.txt"
+    done
 }
-list_root >"$build/before"
 
-echo "== installation"
-cp "${packages[@]}" scripts/tour.sh "$root/root"
-in_root sh -c 'dpkg --install /root/*.deb'
-
-echo "== tour"
-in_root bash /root/tour.sh
-
-echo "== manual pages"
-for page in plax-tool.8 plaxd-standin.1; do
-    in_root man --pager=cat "$page" >"$build/$page.txt"
-    head -n 4 "$build/$page.txt"
-    grep --quiet "^NAME" "$build/$page.txt"
-done
-
-echo "== completion"
-# What bash offers behind "plax-tool what-if-c", with its completions loaded as for a login.
-in_root bash >"$build/completion" <<'END'
+# What each shell offers after "plax-tool what-if-c", with its completions loaded as for a login.
+check_completions() {
+    in_root bash >"$build/completion" <<'END_OF_SCRIPT'
 . /usr/share/bash-completion/bash_completion
 _completion_loader plax-tool
 complete -p plax-tool >/tmp/registered
@@ -89,13 +74,99 @@ rm /tmp/registered
 COMP_LINE="plax-tool what-if-c" COMP_POINT=19 COMP_WORDS=(plax-tool what-if-c) COMP_CWORD=1
 "$complete_words" plax-tool what-if-c plax-tool
 printf '%s\n' "${COMPREPLY[@]% }"
-END
-diff - "$build/completion" <<<what-if-cancel
-cat "$build/completion"
+END_OF_SCRIPT
+    # The function that completes the tool's words has the name of the file in which zsh has found it.
+    in_root zsh -f -s "${zsh_directories[@]}" >>"$build/completion" <<'END_OF_SCRIPT'
+fpath+=($@)
+autoload -Uz compinit
+compinit -D
+print -r -- $_comps[plax-tool]
+END_OF_SCRIPT
+    in_root fish -c 'complete -C "plax-tool what-if-c"' >>"$build/completion"
+    diff - "$build/completion" <<END_OF_OFFERS
+what-if-cancel
+_plax-tool
+what-if-cancel	Cancel on-going what-if operation
+END_OF_OFFERS
+    cat "$build/completion"
+}
 
-echo "== removal"
-in_root dpkg --purge plax-tool plax-tool-standin
-rm "$root"/root/*.deb "$root/root/tour.sh"
-list_root >"$build/after"
-diff "$build/before" "$build/after"
-echo "as before: $(wc -l <"$build/after") files and folders"
+# check_installation REMOVAL...: tries what has been installed, removes it by the command, and looks for what is left.
+check_installation() {
+    echo "-- tour"
+    in_root bash /root/tour.sh
+    echo "-- manual pages"
+    check_manual_pages
+    echo "-- completions"
+    check_completions
+    echo "-- without /proc"
+    isolated chroot "$root" "${environment[@]}" plax-tool -h | head -n 1
+    echo "-- removal"
+    "$@"
+    list_root >"$build/after"
+    diff "$build/before" "$build/after"
+    echo "as before: $(wc -l <"$build/after") files and directories"
+}
+
+echo "== packages"
+rm -rf "$build"
+cmake --preset package >/dev/null
+cmake --build --preset package
+cpack --config "$build/CPackConfig.cmake" -B "$build"
+debian_packages=("$build"/plax-tool_*.deb "$build"/plax-tool-standin_*.deb)
+rpms=("$build"/plax-tool-[0-9]*.rpm "$build"/plax-tool-standin-[0-9]*.rpm)
+
+echo "== lintian"
+# initial-upload-closes-no-bugs: the packages are not uploaded to Debian, so there is no request for them to close.
+lintian --allow-root --fail-on error,warning --suppress-tags initial-upload-closes-no-bugs "${debian_packages[@]}"
+
+echo "== rpmlint"
+rpmlint --strict --config scripts/rpmlint.toml "${rpms[@]}"
+rpm --query --list --package "${rpms[@]}"
+
+echo "== bare root"
+mkdir "$root"
+isolated debootstrap --variant=minbase --include=bash-completion,fish,man-db,zsh bookworm "$root" \
+    >"$build/debootstrap.log" || {
+    tail "$build/debootstrap.log"
+    exit 1
+}
+cp scripts/tour.sh "$root/root"
+# Where fish keeps what it finds out when it starts, and rpm its database.
+in_root fish -c true
+rpm --root "$root" --initdb
+# rpm knows nothing of dpkg's packages, and would take a directory from one of them if it were empty.
+touch "$root/usr/share/fish/vendor_completions.d/other.fish"
+list_root >"$build/before"
+
+echo "== Debian packages"
+cp "${debian_packages[@]}" "$root/root"
+in_root sh -c 'dpkg --install /root/*.deb'
+check_installation in_root dpkg --purge plax-tool plax-tool-standin
+
+echo "== rpms"
+# Debian's zsh does not look there, those of systems with rpm do.
+zsh_directories=(/usr/share/zsh/site-functions)
+rpm --force-debian --root "$root" --install --nodeps "${rpms[@]}"
+check_installation rpm --force-debian --root "$root" --erase plax-tool plax-tool-standin
+zsh_directories=()
+
+echo "== /usr/local"
+cmake --preset release >/dev/null
+cmake --build --preset release
+DESTDIR=$root cmake --install build/release --prefix /usr/local >/dev/null
+# The target leaves the directories that others may use, though they are empty here.
+remove_from_local() {
+    DESTDIR=$root cmake --build --preset release --target uninstall >/dev/null
+    list_root | comm -13 "$build/before" - | sed -n "s,^d [0-9]* \\(.*\\) $,$root/\\1,p" | tac | xargs --no-run-if-empty rmdir
+}
+check_installation remove_from_local
+
+echo "== release"
+version=$(sed -n 's/^project(plax-tool VERSION \([0-9.]*\) .*/\1/p' CMakeLists.txt)
+git -c safe.directory='*' clone --quiet . "$directory/clone"
+git -C "$directory/clone" tag --force "v$version"
+"$directory/clone/scripts/release.sh" "v$version" "$directory/release-1"
+(umask 077 && TZ=Asia/Tokyo LC_ALL=C "$directory/clone/scripts/release.sh" "v$version" "$directory/release-2")
+diff -r "$directory/release-1" "$directory/release-2"
+cat "$directory/release-1/SHA256SUMS"

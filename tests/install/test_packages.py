@@ -128,7 +128,13 @@ def test_files_of_the_tools_rpm(packages):
         "-rw-r--r-- /usr/share/fish/vendor_completions.d/plax-tool.fish",
         "-rw-r--r-- /usr/share/zsh/site-functions/_plax-tool",
         "drwxr-xr-x /usr/lib/plax-tool",
-        "drwxr-xr-x /usr/share/doc/plax-tool"})
+        "drwxr-xr-x /usr/share/bash-completion",
+        "drwxr-xr-x /usr/share/bash-completion/completions",
+        "drwxr-xr-x /usr/share/doc/plax-tool",
+        "drwxr-xr-x /usr/share/fish",
+        "drwxr-xr-x /usr/share/fish/vendor_completions.d",
+        "drwxr-xr-x /usr/share/zsh",
+        "drwxr-xr-x /usr/share/zsh/site-functions"})
 
 
 @rpm
