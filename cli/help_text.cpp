@@ -24,6 +24,7 @@ static consteval void ForEachPiece(Append append)
     }
     append("\noptions:\n");
     for (const char letter : kOptionHelpOrder) {
+        append(FindOption(letter)->synopsis);
         append(FindOption(letter)->help);
         append("\n");
     }

@@ -11,46 +11,49 @@
 
 // clang-format off
 inline constexpr OptionRow kOptions[] = {
-    {"help", 'h', no_argument, RequestHelp,
-     "   -h/--help:                     Print this help text"},
-    {"output-path", 'o', required_argument, SetOutputPath,
-     "   -o/--output-path=<str>:        Write output to a file"},
-    {"socket-path", 's', required_argument, SetSocketPath,
-     "   -s/--socket-path=<str>:        Alternative Unix Domain Socket path"},
-    {"timeout", 't', required_argument, CheckTimeout,
-     "   -t/--timeout=<int>:            Max time for wait (0 for infinite wait)"},
-    {"uuid", 'u', required_argument, SetUuid,
-     "   -u/--uuid=<uuid>:              Entry uuid"},
-    {"uuid-list", 'l', required_argument, SetUuidList,
-     "   -l/--uuid-list=<uuid,uuid>:    List of uuids (comma separated)"},
-    {"json", 'j', required_argument, SetJson,
-     "   -j/--json=<json>:              Stringified JSON object"},
-    {"file-path", 'f', required_argument, SetFilePath,
-     "   -f/--file-path=<str>:          File with new configuration for object"},
-    {"decom-mode", 'd', required_argument, SetDecomMode,
-     "   -d/--decom-mode=<int>:         Entity decomMode (0:noAction, 1:ensureAcces, 2:evacAllData) "},
-    {"ensure-durability", 'e', no_argument, SetEnsureDurability,
-     "   -e/--ensure-durability         ensure data durability in ensure access decom"},
-    {"reason", 'r', required_argument, SetReason,
-     "   -r/--reason=<int>:             Reason for what-if-upgrade (0:none, 1:disable dedup, 2:enable encryption, "
-     "3:disable dedup and enforce encryption)"},
-    {"work-item", 'i', required_argument, SetWorkItem,
-     "   -i/--work-item=<str>:          Work item type name (example: PLACEMENT, MOVE, REACTIVE_REBALANCE, DECOM, "
-     "REPAIR, CHANGE, COMPLIANCE, CONCAT ...)"},
-    {"recovery-mode", 'm', required_argument, SetRecoveryMode,
-     "   -m/--recovery-mode=<int>:      Recovery mode (1: REPAIR, 2: REBALANCE, 3: COMPLIANCE, 4: POLICY, 5: CONCAT, "
-     "6: DELTA, 7: ALL, except DELTA)"},
-    {"wipe-disk", 'w', no_argument, SetWipeDisk,
-     "   -w/--wipe-disk                 Wipe disk in what-if-upgrade "},
-    {"all", 'a', no_argument, SetAll,
-     "   -a/--all:                      Print crawler states of all objects owned by this node"},
-    {"destination-list", 'n', required_argument, SetDestinationList,
-     "   -n/--destination-list=<uuid,uuid>: List of uuids for destination disk/dg/host/FD"},
-    {"exclusion-list", 'x', required_argument, SetExclusionList,
-     "   -x/--exclusion-list=<uuid,uuid>  : List of uuids for exclusion disk/dg/host/FD"},
-    {"exclusion-mode", 'X', required_argument, SetExclusionMode,
-     "   -X/--exclusion-mode=<int>:     Exclusion mode (1: ignoreForWitness, 2: ignoreForNewPlacement, 3: "
-     "ignoreForWitnessAndNewPlacement)"},
+    {"help", 'h', "", RequestHelp, "   -h/--help:                     ",
+     "Print this help text", nullptr},
+    {"output-path", 'o', "str", SetOutputPath, "   -o/--output-path=<str>:        ",
+     "Write output to a file", kFileNames},
+    {"socket-path", 's', "str", SetSocketPath, "   -s/--socket-path=<str>:        ",
+     "Alternative Unix Domain Socket path", kFileNames},
+    {"timeout", 't', "int", CheckTimeout, "   -t/--timeout=<int>:            ",
+     "Max time for wait (0 for infinite wait)", nullptr},
+    {"uuid", 'u', "uuid", SetUuid, "   -u/--uuid=<uuid>:              ",
+     "Entry uuid", nullptr},
+    {"uuid-list", 'l', "uuid,uuid", SetUuidList, "   -l/--uuid-list=<uuid,uuid>:    ",
+     "List of uuids (comma separated)", nullptr},
+    {"json", 'j', "json", SetJson, "   -j/--json=<json>:              ",
+     "Stringified JSON object", nullptr},
+    {"file-path", 'f', "str", SetFilePath, "   -f/--file-path=<str>:          ",
+     "File with new configuration for object", kFileNames},
+    {"decom-mode", 'd', "int", SetDecomMode, "   -d/--decom-mode=<int>:         ",
+     "Entity decomMode (0:noAction, 1:ensureAcces, 2:evacAllData) ",
+     "0:noAction\n1:ensureAcces\n2:evacAllData"},
+    {"ensure-durability", 'e', "", SetEnsureDurability, "   -e/--ensure-durability         ",
+     "ensure data durability in ensure access decom", nullptr},
+    {"reason", 'r', "int", SetReason, "   -r/--reason=<int>:             ",
+     "Reason for what-if-upgrade (0:none, 1:disable dedup, 2:enable encryption, 3:disable dedup and enforce "
+     "encryption)",
+     "0:none\n1:disable dedup\n2:enable encryption\n3:disable dedup and enforce encryption"},
+    {"work-item", 'i', "str", SetWorkItem, "   -i/--work-item=<str>:          ",
+     "Work item type name (example: PLACEMENT, MOVE, REACTIVE_REBALANCE, DECOM, REPAIR, CHANGE, COMPLIANCE, CONCAT "
+     "...)", kWorkItemNames},
+    {"recovery-mode", 'm', "int", SetRecoveryMode, "   -m/--recovery-mode=<int>:      ",
+     "Recovery mode (1: REPAIR, 2: REBALANCE, 3: COMPLIANCE, 4: POLICY, 5: CONCAT, 6: DELTA, 7: ALL, except DELTA)",
+     "1:REPAIR\n2:REBALANCE\n3:COMPLIANCE\n4:POLICY\n5:CONCAT\n6:DELTA\n7:ALL, except DELTA"},
+    {"wipe-disk", 'w', "", SetWipeDisk, "   -w/--wipe-disk                 ",
+     "Wipe disk in what-if-upgrade ", nullptr},
+    {"all", 'a', "", SetAll, "   -a/--all:                      ",
+     "Print crawler states of all objects owned by this node", nullptr},
+    {"destination-list", 'n', "uuid,uuid", SetDestinationList, "   -n/--destination-list=<uuid,uuid>: ",
+     "List of uuids for destination disk/dg/host/FD", nullptr},
+    {"exclusion-list", 'x', "uuid,uuid", SetExclusionList, "   -x/--exclusion-list=<uuid,uuid>  : ",
+     "List of uuids for exclusion disk/dg/host/FD", nullptr},
+    {"exclusion-mode", 'X', "int", SetExclusionMode, "   -X/--exclusion-mode=<int>:     ",
+     "Exclusion mode (1: ignoreForWitness, 2: ignoreForNewPlacement, 3: ignoreForWitnessAndNewPlacement)",
+     "0:applicable to all new components\n1:ignoreForWitness\n2:ignoreForNewPlacement\n"
+     "3:ignoreForWitnessAndNewPlacement"},
 };
 // clang-format on
 
@@ -80,7 +83,7 @@ consteval bool ShortOptionsFollowTable()
             return false;
         }
         const bool hasColon = place + 1 < kShort.size() && kShort[place + 1] == ':';
-        if (hasColon != (row.argumentKind == required_argument)) {
+        if (hasColon != (TakesArgument(row))) {
             return false;
         }
         argumentsRequired += hasColon;

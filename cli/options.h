@@ -20,10 +20,19 @@ using OptionHandler = ParseOutcome (*)(const char *argument, CommandSettings *se
 struct OptionRow {
     const char *longName;
     char letter;
-    int argumentKind; // no_argument or required_argument
+    const char *argumentName; // empty: the option takes no argument
     OptionHandler handler;
-    const char *help; // the option's line of the help text
+    const char *synopsis; // with `help`, the option's line of the help text
+    const char *help;
+    const char *offers; // what completions offer for the argument: kFileNames, kWorkItemNames, or lines "value:meaning"
 };
+inline constexpr const char *kFileNames = "file names";
+inline constexpr const char *kWorkItemNames = "work items";
+
+constexpr bool TakesArgument(const OptionRow &row)
+{
+    return *row.argumentName != '\0';
+}
 
 // Parses the options in command-line order into `settings`, which must hold the defaults, and permutes the vector so
 // that the operands start at `optind`. Stops at the first option that fails, after printing its message; `settings`

@@ -1,33 +1,167 @@
-// Prints the completion for one shell: generate-completions bash|zsh|fish. With "tables" it prints what the completions
-// are made from.
+// Copies a template from standard input to standard output and puts the tool's own tables in the place of each ~name~.
 
-#include "shells.h"
+#include "callback_words.h"
+#include "command_table.h"
+#include "option_table.h"
+#include "work_items.h"
 
 #include <iostream>
-#include <string_view>
+#include <map>
+#include <string>
 
-struct OutputRow {
-    std::string_view name;
-    void (*write)(std::ostream &out);
-};
+using Texts = std::map<std::string, std::string, std::less<>>;
 
-static constexpr OutputRow kOutputs[] = {
-    {"bash", WriteBash},
-    {"zsh", WriteZsh},
-    {"fish", WriteFish},
-    {"tables", WriteTables},
-};
-
-int main(int argumentCount, char **arguments)
+// Takes everything up to the next `end`, which is dropped, or all of it.
+static std::string Take(std::string *text, std::string_view end)
 {
-    const std::string_view wanted = argumentCount == 2 ? arguments[1] : "";
-    for (const OutputRow &output : kOutputs) {
-        if (output.name == wanted) {
-            output.write(std::cout);
-            std::cout.flush();
-            return std::cout ? 0 : 1;
+    const std::string taken = text->substr(0, text->find(end));
+    text->erase(0, taken.size() + end.size());
+    return taken;
+}
+
+static std::string Replaced(std::string text, std::string_view unwanted, std::string_view escape)
+{
+    for (size_t i = text.find_first_of(unwanted); i != text.npos; i = text.find_first_of(unwanted, i + 1)) {
+        text.insert(i, escape);
+        i += escape.size();
+    }
+    return text;
+}
+
+// Text between single quotes, in the way that all three shells read.
+static std::string Quoted(const std::string &text)
+{
+    return "'" + Replaced(text, "'", R"('\')") + "'";
+}
+
+// Colons and brackets have a meaning in the texts that zsh's helper functions take.
+static std::string ForZsh(const std::string &text)
+{
+    return Replaced(text, R"(:[]\)", "\\");
+}
+
+// The first sentence without its full stop: usage and examples have no room in a list of words.
+static std::string Description(const CommandRow &row)
+{
+    std::string text = row.help;
+    text = Take(&text, ". ");
+    return text.ends_with('.') ? text.substr(0, text.size() - 1) : text;
+}
+
+// What is offered for an argument is left out.
+static std::string Description(const OptionRow &row)
+{
+    std::string text = row.help;
+    text = row.offers == nullptr ? text : Take(&text, " (");
+    return text.ends_with(' ') ? text.substr(0, text.size() - 1) : text;
+}
+
+static void AddWord(std::string *list, std::string_view word)
+{
+    list->append(list->empty() ? "" : " ").append(word);
+}
+
+static std::string WorkItemNames()
+{
+    std::string names;
+    for (const WorkItem &item : kWorkItems) {
+        AddWord(&names, item.name);
+    }
+    return names;
+}
+
+// What each shell offers for an option's argument.
+struct Offers {
+    std::string bash;
+    std::string zsh;
+    std::string fish;
+};
+
+static Offers OffersOf(const OptionRow &row)
+{
+    std::string lines = row.offers == nullptr ? "" : row.offers;
+    if (lines.empty()) {
+        return {"", " ", " -x"};
+    }
+    if (lines == kFileNames) {
+        return {"_plax_tool_files", "_files", " -r -F"};
+    }
+    if (lines == kWorkItemNames) {
+        return {"_plax_tool_words '" + WorkItemNames() + "'", "(" + WorkItemNames() + ")",
+                " -x -a '" + WorkItemNames() + "'"};
+    }
+    Offers offers{"_plax_tool_numbers", "", ""};
+    while (!lines.empty()) {
+        std::string meaning = Take(&lines, "\n");
+        const std::string value = Take(&meaning, ":");
+        AddWord(&offers.bash, Quoted(value + "  " + meaning));
+        AddWord(&offers.zsh, value + "\\:" + Replaced(ForZsh(meaning), " ", "\\"));
+        AddWord(&offers.fish, value + "\\t\"" + meaning + "\"");
+    }
+    return {offers.bash, "((" + offers.zsh + "))", " -x -a '" + offers.fish + "'"};
+}
+
+static void AddCommand(const CommandRow &row, Texts *texts)
+{
+    const std::string word = row.word;
+    AddWord(&(*texts)["commands"], word);
+    (*texts)["zsh-commands"] += "        " + Quoted(word + ":" + ForZsh(Description(row))) + "\n";
+    (*texts)["fish-commands"] +=
+        "complete -c plax-tool -n '__plax_tool_words 0 0' -a " + word + " -d " + Quoted(Description(row)) + "\n";
+}
+
+static void AddOption(const OptionRow &row, Texts *texts)
+{
+    const bool takesArgument = TakesArgument(row);
+    const Offers offers = OffersOf(row);
+    const std::string letter(1, row.letter);
+    const std::string name = row.longName;
+    AddWord(&(*texts)["options"], "-" + letter + " --" + name);
+    if (takesArgument) {
+        (*texts)["letters-with-argument"] += letter;
+        (*texts)["bash-long-options"] += "        --" + name + ") awaiting=" + letter + " ;;\n";
+    }
+    if (!offers.bash.empty()) {
+        (*texts)["bash-arguments"] += "        " + letter + ") " + offers.bash + "; return ;;\n";
+    }
+    // Nothing counts beside a call for help, and help alone is what counts.
+    const std::string excluded = name == "help" ? "- : *" : "-" + letter + " --" + name;
+    const std::string argument = takesArgument ? ":" + ForZsh(row.argumentName) + ":" + offers.zsh : "";
+    (*texts)["zsh-options"] += "        '(" + excluded + ")'{-" + letter + (takesArgument ? "+" : "") + ",--" + name +
+                               (takesArgument ? "=" : "") + "}" +
+                               Quoted("[" + ForZsh(Description(row)) + "]" + argument) + " \\\n";
+    AddWord(&(*texts)["fish-option-kinds"], letter + "/" + name + (takesArgument ? "=+" : ""));
+    (*texts)["fish-options"] += "complete -c plax-tool -s " + letter + " -l " + name + " -d " +
+                                Quoted(Description(row)) + (takesArgument ? offers.fish : "") + "\n";
+}
+
+static Texts AllTexts()
+{
+    Texts texts;
+    for (const CommandRow &row : kCommands) {
+        if (row.help != nullptr) {
+            AddCommand(row, &texts);
         }
     }
-    std::cerr << "usage: generate-completions bash|zsh|fish|tables\n";
-    return 1;
+    for (const OptionRow &row : kOptions) {
+        AddOption(row, &texts);
+    }
+    for (const CallbackWord &event : kEventWords) {
+        AddWord(&texts["callback-words"], event.word);
+    }
+    for (const CallbackWord &entry : kEntryWords) {
+        AddWord(&texts["callback-words"], entry.word);
+    }
+    return texts;
+}
+
+int main()
+{
+    const Texts texts = AllTexts();
+    std::string part;
+    for (bool isName = false; std::getline(std::cin, part, '~'); isName = !isName) {
+        std::cout << (isName ? texts.at(part) : part);
+    }
+    std::cout.flush();
+    return std::cout ? 0 : 1;
 }

@@ -1,11 +1,10 @@
-// The tables as text.
+// Prints the tables as text, for the tests to compare.
 
 #include "command_table.h"
 #include "option_table.h"
-#include "shells.h"
 #include "work_items.h"
 
-#include <ostream>
+#include <iostream>
 
 static const char *ReplyClassName(ReplyClass replyClass)
 {
@@ -24,17 +23,20 @@ static const char *ReplyClassName(ReplyClass replyClass)
     __builtin_unreachable();
 }
 
-void WriteTables(std::ostream &out)
+int main()
 {
+    std::ostream &out = std::cout;
     for (const CommandRow &row : kCommands) {
         out << "command\t" << static_cast<uint32_t>(row.code) << '\t' << row.word << '\t' << row.receiveTimeoutSec
             << '\t' << ReplyClassName(row.replyClass) << '\t' << (row.help == nullptr ? "" : row.help) << '\n';
     }
     for (const OptionRow &row : kOptions) {
-        out << "option\t" << row.letter << '\t' << row.longName << '\t'
-            << (row.argumentKind == required_argument ? "required" : "none") << '\t' << row.help << '\n';
+        out << "option\t" << row.letter << '\t' << row.longName << '\t' << row.argumentName << '\t' << row.synopsis
+            << row.help << '\n';
     }
     for (const WorkItem &item : kWorkItems) {
         out << "work item\t" << item.name << '\n';
     }
+    out.flush();
+    return out ? 0 : 1;
 }

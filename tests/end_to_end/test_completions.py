@@ -87,6 +87,12 @@ def test_options(shell, before):
     assert sorted(offered) == sorted(names - given)
 
 
+# zsh alone looks at what has been given already.
+@pytest.mark.parametrize("before", ["-h ", "-h -", "--help ", "--help -", "stats -h -", "-h stats "])
+def test_nothing_after_a_call_for_help(before):
+    assert zsh(f"plax-tool {before}") == []
+
+
 @all_shells
 def test_begun_long_option(shell):
     assert sorted(words(shell("plax-tool --exclusion"))) == ["--exclusion-list", "--exclusion-mode"]

@@ -51,7 +51,7 @@ def test_commands_of_the_tool():
 
 def test_options_of_the_tool():
     assert_agrees("cli/option_table.h", table("option"), [
-        [option["letter"], option["name"], "required" if option["argument"] else "none", option["help"]]
+        [option["letter"], option["name"], option["argument"] or "", option["help"]]
         for option in OPTIONS])
 
 
