@@ -4,7 +4,7 @@
 
 #include "input.h"
 
-#include "log.h"
+#include "log_formats.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -2,7 +2,7 @@
 #ifndef PLAX_STANDIN_ARGUMENTS_H
 #define PLAX_STANDIN_ARGUMENTS_H
 
-#include "log.h"
+#include "log_formats.h"
 
 #include <sys/types.h>
 

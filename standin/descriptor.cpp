@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <system_error>
 
 namespace standin {
@@ -41,6 +42,11 @@ int ReadFile(const std::string &path, std::string *bytes)
 std::string SystemError(const std::string &text, int error)
 {
     return text + ": " + std::generic_category().message(error);
+}
+
+void Report(const std::string &message)
+{
+    fprintf(stderr, "plaxd-standin: %s\n", message.c_str());
 }
 
 } // namespace standin

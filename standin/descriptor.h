@@ -35,6 +35,9 @@ int ReadFile(const std::string &path, std::string *bytes);
 // "TEXT: what the errno means".
 std::string SystemError(const std::string &text, int error);
 
+// Tells the user something, on standard error.
+void Report(const std::string &message);
+
 } // namespace standin
 
 #endif

@@ -1,76 +1,92 @@
-// The log: one line for each request, as text, as JSON or as a shell command, and a summary at the end.
+// The log: a line for each request, in the order of the requests, and a summary at the end.
+//
+// A request's line tells how its connection ended, so it can't be written before that; and the client may send its next
+// request as soon as it has its reply. The lines therefore wait for each other: each takes its place as soon as its
+// client can go on. A client that stays connected holds up the others for a second at most: then a line in this place
+// says that the request has come, and its last line follows when it has ended.
 #ifndef PLAX_STANDIN_LOG_H
 #define PLAX_STANDIN_LOG_H
 
-#include "protocol_table.h"
-#include "socket_io.h"
+#include "log_file.h"
+#include "log_formats.h"
 
-#include <array>
-#include <chrono>
-#include <map>
-#include <mutex>
-#include <string>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <vector>
 
 namespace standin {
 
-enum class LogFormat { Text, Json, Commands };
+using SteadyTime = std::chrono::steady_clock::time_point;
+inline constexpr SteadyTime kNever = SteadyTime::max();
 
-// What went back to the client: the bytes are counted, and the first ones kept, which are a frame's header.
-struct SentBytes {
-    std::array<uint8_t, kHeaderSize> head{};
-    uint64_t count = 0;
-
-    void Add(std::string_view bytes);
+// One request on its way through the log.
+struct LogRecord {
+    LogEntry entry;
+    SteadyTime came{};
+    SteadyTime released = kNever;
+    bool told = false; // there is a line that says that it has come
+    bool ended = false;
 };
 
-struct LogEntry {
-    std::chrono::system_clock::time_point time;
-    uint64_t connection;
-    DecodedRequest request;
-    ReplyClass replyClass; // how to read `sent`
-    SentBytes sent;
-    std::string_view fault;   // played on purpose; empty: none
-    std::string_view outcome; // counted in the summary
-    std::string end;          // how the connection ended
-    std::chrono::duration<double> taken;
-};
-
-// A decoded request alone, as the `decode` command shows it. No newline.
-std::string FormatRequest(const DecodedRequest &request, LogFormat format);
+using LogTicket = std::shared_ptr<LogRecord>;
 
 class Log {
 public:
-    // Appends to the file at `path`, or writes to standard output when it is "-". Throws when it can't be opened.
-    Log(const std::string &path, LogFormat format);
+    // Called for every request when it comes, in the order in which they come, and when it has ended.
+    using Observer = std::function<void(const LogEntry &, LogEvent)>;
 
-    void Write(const LogEntry &entry);
+    Log(const std::string &path, Descriptor file, LogFormat format);
+
+    void Observe(Observer observer);
+
+    void Start(std::string_view kind, std::string_view name);
+
+    // The request has come. Its entry can be added to until its end.
+    LogTicket Add(std::chrono::system_clock::time_point time, uint64_t connection, Bytes request);
+    // Its client can go on to the next request. Called more than once, the first call counts.
+    void Release(const LogTicket &ticket);
+    // Everything about it is known.
+    void End(const LogTicket &ticket);
+
+    // Writes what must not wait longer; to be called when Due() has come, or more often.
+    void Tick();
+    [[nodiscard]] SteadyTime Due() const;
+
+    // Called when all requests have ended.
     void WriteSummary();
 
     [[nodiscard]] bool SawViolation() const
     {
-        return broken_ > 0;
+        return summary_.broken > 0;
     }
     [[nodiscard]] bool SawWarning() const
     {
-        return warned_ > 0;
+        return summary_.warned > 0;
     }
-    // False when a line could not be written.
-    [[nodiscard]] bool Complete() const
+    LogFile &File()
     {
-        return complete_;
+        return file_;
     }
 
 private:
-    void WriteLine(std::string line);
+    // A line that waits for its turn.
+    struct Line {
+        LogTicket ticket;
+        LogEvent event;
+    };
+
+    void Tell(const Line &line);
+    void TellHanging();
+    void GiveUp(const Line &line);
+    void WriteReady();
 
     LogFormat format_;
-    Descriptor file_;
-    std::mutex mutex_;
-    bool complete_ = true;
-    uint64_t requests_ = 0;
-    uint64_t broken_ = 0;
-    uint64_t warned_ = 0;
-    std::map<std::string, std::map<std::string, uint64_t, std::less<>>> counts_;
+    std::vector<Observer> observers_;
+    std::deque<LogTicket> untold_; // requests in the order in which they came
+    std::deque<Line> lines_;       // in the order in which they are to be written
+    LogSummary summary_;
+    LogFile file_;
 };
 
 } // namespace standin

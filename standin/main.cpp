@@ -2,11 +2,12 @@
 
 #include "answer_file.h"
 #include "arguments.h"
-#include "connections.h"
 #include "rehearse.h"
 #include "relay.h"
 #include "serve.h"
+#include "server.h"
 
+#include <poll.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -15,6 +16,7 @@
 #include <cstdio>
 #include <exception>
 #include <functional>
+#include <memory>
 #include <stdexcept>
 #include <string>
 
@@ -39,11 +41,31 @@ static int StrictStatus(Strictness strict, bool sawViolation, bool sawWarning)
     return fails ? kExitFailure : 0;
 }
 
+// Waits until the log is written. A signal ends the waiting: nobody may ever read the pipe that the log goes to.
+static bool AwaitLog(Log *log, Signals *signals)
+{
+    pollfd inputs[] = {{log->File().Done().Get(), POLLIN, 0}, {signals->Input().Get(), POLLIN, 0}};
+    while ((inputs[0].revents & POLLIN) == 0) {
+        const int signal = poll(inputs, std::size(inputs), -1) > 0 ? signals->Next() : 0;
+        if (signal == SIGTERM || signal == SIGINT) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Ends without the log's thread, which may wait for ever.
+[[noreturn]] static void EndAtOnce(Listener *listener, Log *log)
+{
+    Report("ended by a second signal; lines of the log not written: " + std::to_string(log->File().Waiting()));
+    CloseListener(listener);
+    _exit(kExitFailure);
+}
+
 static int EndLog(const Settings &settings, Log *log)
 {
-    log->WriteSummary();
-    if (!log->Complete()) {
-        fprintf(stderr, "plaxd-standin: the log could not be written whole\n");
+    if (log->File().Lost() > 0) {
+        Report("the log could not be written whole");
         return kExitFailure;
     }
     return StrictStatus(settings.strict, log->SawViolation(), log->SawWarning());
@@ -52,29 +74,65 @@ static int EndLog(const Settings &settings, Log *log)
 static void Announce(const Settings &settings)
 {
     if (settings.command != Command::Rehearse) {
-        fprintf(stderr, "plaxd-standin: listening on %s\n", settings.socketPath.c_str());
+        Report("listening on " + settings.socketPath);
     } else if (write(settings.readyDescriptor, "", 1) < 0) {
         throw std::runtime_error(SystemError("pipe", errno));
     }
 }
 
-static int RunDaemon(const Settings &settings, const std::function<void(Connection &, Log *)> &handle)
+using MakeSession = std::function<std::unique_ptr<Session>(Connection connection, const Watch &watch, Log *log)>;
+
+static int RunDaemon(const Settings &settings, const MakeSession &make, const std::function<void()> &reload)
 {
-    BlockEndSignals();
-    signal(SIGPIPE, SIG_IGN);
     RaiseDescriptorLimit();
-    Log log(settings.logPath, settings.format);
+    Descriptor logFile = OpenLogFile(settings.logPath);
+    Signals signals;
+    Log log(settings.logPath, std::move(logFile), settings.format);
     Listener listener = OpenListener(settings.socketPath, settings.socketMode);
+    Server server(listener, &signals, &log,
+                  [&](Connection connection, const Watch &watch) { return make(std::move(connection), watch, &log); });
+    server.OnReload([&] {
+        reload();
+        log.File().Reopen();
+    });
     Announce(settings);
-    ServeConnections(listener, [&](Connection &connection) { handle(connection, &log); });
+    if (settings.command == Command::Rehearse) {
+        log.Start("script", settings.script.front());
+    } else {
+        log.Start("socket", settings.socketPath);
+    }
+    const bool served = server.Run();
+    log.WriteSummary();
+    if (!served || !AwaitLog(&log, &signals)) {
+        EndAtOnce(&listener, &log);
+    }
     CloseListener(&listener);
     return EndLog(settings, &log);
 }
 
+static std::shared_ptr<AnswerBook> ReadAnswers(const Settings &settings)
+{
+    return std::make_shared<AnswerBook>(settings.answersPath.empty() ? BuiltInAnswers()
+                                                                     : ReadAnswerFile(settings.answersPath));
+}
+
+static void ReloadAnswers(const Settings &settings, Answers *answers)
+{
+    try {
+        answers->book = ReadAnswers(settings);
+    } catch (const std::exception &error) {
+        Report(std::string(error.what()) + "\nplaxd-standin: the answers stay as they were");
+    }
+}
+
 static int Serve(const Settings &settings)
 {
-    AnswerBook book = settings.answersPath.empty() ? BuiltInAnswers() : ReadAnswerFile(settings.answersPath);
-    return RunDaemon(settings, [&](Connection &connection, Log *log) { ServeConnection(connection, &book, log); });
+    Answers answers{ReadAnswers(settings)};
+    const auto make = [&](Connection connection, const Watch &watch, Log *log) {
+        static_cast<void>(watch);
+        return MakeServeSession(std::move(connection), answers, log);
+    };
+    return RunDaemon(settings, make, [&] { ReloadAnswers(settings, &answers); });
 }
 
 static int Relay(const Settings &settings)
@@ -83,8 +141,10 @@ static int Relay(const Settings &settings)
     if (settings.daemonPath == settings.socketPath) {
         throw std::runtime_error(settings.socketPath + ": a relay to itself");
     }
-    return RunDaemon(settings,
-                     [&](Connection &connection, Log *log) { RelayConnection(connection, settings.daemonPath, log); });
+    const auto make = [&](Connection connection, const Watch &watch, Log *log) {
+        return MakeRelaySession(std::move(connection), watch, settings.daemonPath, log);
+    };
+    return RunDaemon(settings, make, [] {});
 }
 
 static int RehearseScript(const Settings &settings)

@@ -7,20 +7,28 @@
 
 #include "request_input.h"
 
-#include <sys/epoll.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <condition_variable>
-#include <mutex>
 #include <stdexcept>
 #include <vector>
 
 namespace standin {
 
 static constexpr const char *kEndOfTheRelay = "ended by the relay's end";
+
+// Once the program has been told to end, a daemon that takes nothing more is not waited for much longer.
+static constexpr std::chrono::seconds kPatienceAtEnd{1};
+// A daemon with a full queue of clients is asked again after this time.
+static constexpr std::chrono::milliseconds kConnectAgain{2};
+// So often bytes are passed on before the other connections have their turn.
+static constexpr int kStepsAtOnce = 16;
+
+static SteadyTime Now()
+{
+    return std::chrono::steady_clock::now();
+}
 
 namespace {
 
@@ -39,55 +47,60 @@ struct Flow {
     bool ended = false;
 };
 
-// Clients reach the daemon in the order in which they came, though each is served by a thread of its own: a script's
-// next command must not overtake the one before. Constructed, it is the connection's turn; destroyed, the next one's.
-class Turn {
-public:
-    explicit Turn(uint64_t number)
-    {
-        std::unique_lock lock(mutex);
-        changed.wait(lock, [=] { return next == number; });
-    }
-
-    ~Turn()
-    {
-        const std::lock_guard lock(mutex);
-        ++next;
-        changed.notify_all();
-    }
-
-    Turn(const Turn &) = delete;
-    Turn &operator=(const Turn &) = delete;
-
-private:
-    static inline std::mutex mutex;
-    static inline std::condition_variable changed;
-    static inline uint64_t next = 1;
-};
-
 enum class Step { Moved, Waiting, Ended, Reset };
 
-struct Relay {
-    Flow request;
-    Flow reply;
-    RequestCapture capture;
-    SentBytes sent;
-    std::chrono::system_clock::time_point lastReply;
-    std::stop_token stop;
-    std::string end; // who ended first, and how; empty when it was the relay itself
+class RelaySession : public Session {
+public:
+    RelaySession(Connection connection, const Watch &watch, const std::string &daemonPath, Log *log)
+        : connection_(std::move(connection)), watch_(watch), daemonPath_(daemonPath), log_(log)
+    {
+        Connect();
+    }
+
+    Progress Advance() override;
+    void Stop() override;
+
+private:
+    void Connect();
+    void BeginPassing();
+    Progress AwaitDaemon();
+    Progress TurnAway();
+    Progress Pass();
+
+    Step AdvanceBoth();
+    template <typename Observer>
+    Step AdvanceOne(Flow *flow, const Observer &observe);
+    void SeeRequest(std::string_view bytes);
+    void SeeReply(std::string_view bytes);
+    void AddToLog();
+    void NoteEnd(const Flow &flow, const char *how);
+    void NoteReset(const Flow &flow, Step step);
+    Progress Finish();
+    Progress Log(std::string_view outcome, std::string end);
+
+    using Doing = Progress (RelaySession::*)();
+
+    Connection connection_;
+    Watch watch_;
+    const std::string &daemonPath_;
+    standin::Log *log_;
+    Doing doing_ = &RelaySession::AwaitDaemon;
+    Descriptor daemon_;
+    int connectError_ = 0;
+    Flow request_{};
+    Flow reply_{};
+    RequestCapture capture_;
+    LogTicket ticket_; // from the moment when the request is whole
+    SentBytes sent_;
+    SteadyTime lastReply_{};
+    SteadyTime firstEnd_ = kNever;
+    bool stopping_ = false; // the program ends
+    bool stopped_ = false;  // it was this program that shut the client's connection down
+    std::string end_;       // who ended first, and how; empty when it was the relay itself
+    std::string daemonEnd_; // how the daemon ended, when the client has gone too
 };
 
 } // namespace
-
-// How many of the bytes that come next belong to the request.
-static size_t RequestBytesDue(const std::vector<uint8_t> &bytes)
-{
-    if (bytes.size() < kHeaderSize) {
-        return kHeaderSize - bytes.size();
-    }
-    const uint32_t length = ReadHeader(bytes).length;
-    return length > kRequestLengthMax ? 0 : kHeaderSize + length - bytes.size();
-}
 
 static void Capture(RequestCapture *capture, std::string_view bytes)
 {
@@ -155,23 +168,121 @@ static void PassOnEnd(Flow *flow)
     flow->ended = true;
 }
 
-// Notes the first end only. At the program's end the daemon's side is shut down from here, which cuts short whatever a
-// client that is still there was waiting for.
-static void NoteEnd(Relay *relay, const Flow &flow, const char *how)
+Progress RelaySession::Advance()
 {
-    if (!relay->end.empty()) {
-        return;
+    return (this->*doing_)();
+}
+
+// What a client has sent before the end still goes to the daemon; just the daemon's reply is not waited for.
+void RelaySession::Stop()
+{
+    stopping_ = true;
+    const int client = connection_.socket.Get();
+    if (!PeerHasGone(client)) {
+        stopped_ = true;
+        shutdown(client, SHUT_RDWR);
     }
-    const bool endedHere = &flow == &relay->reply && relay->stop.stop_requested();
-    if (!endedHere) {
-        relay->end = std::string(flow.sender) + how;
-    } else if (!PeerHasGone(relay->request.from)) {
-        relay->end = kEndOfTheRelay;
+    if (doing_ == &RelaySession::Pass) {
+        shutdown(daemon_.Get(), SHUT_RD);
+        due_ = Now() + kPatienceAtEnd;
+    }
+}
+
+// ---- Reaching the daemon ----
+
+// A daemon whose queue of clients is full is waited for, as a client would. Nobody else is accepted meanwhile, so
+// clients reach the daemon in the order in which they came: a script's next command must not overtake the one before.
+void RelaySession::Connect()
+{
+    daemon_ = NewSocket(SOCK_NONBLOCK);
+    connectError_ = standin::Connect(daemon_, daemonPath_);
+    holdsOthers_ = connectError_ == EAGAIN;
+    due_ = holdsOthers_ ? Now() + kConnectAgain : kNever;
+    if (connectError_ == 0) {
+        BeginPassing();
+    } else if (!holdsOthers_) {
+        doing_ = &RelaySession::TurnAway;
+    }
+}
+
+void RelaySession::BeginPassing()
+{
+    const int client = connection_.socket.Get();
+    const int offset = 0;
+    for (const int socket : {client, daemon_.Get()}) {
+        if (setsockopt(socket, SOL_SOCKET, SO_PEEK_OFF, &offset, sizeof offset) < 0) {
+            throw std::runtime_error(SystemError("setsockopt", errno));
+        }
+    }
+    request_ = {client, daemon_.Get(), "client", {}};
+    reply_ = {daemon_.Get(), client, "daemon", {}};
+    doing_ = &RelaySession::Pass;
+    watch_.Add(daemon_.Get());
+}
+
+Progress RelaySession::AwaitDaemon()
+{
+    if (Now() < due_ && !stopping_) {
+        return Progress::Waiting;
+    }
+    Connect();
+    if (connectError_ == EAGAIN && stopping_) {
+        holdsOthers_ = false;
+        due_ = kNever;
+        doing_ = &RelaySession::TurnAway;
+    }
+    if (stopping_ && doing_ == &RelaySession::Pass) {
+        Stop();
+    }
+    return doing_ == &RelaySession::AwaitDaemon ? Progress::Waiting : Progress::More;
+}
+
+// The client has connected already, so it cannot be told otherwise than by a reset.
+Progress RelaySession::TurnAway()
+{
+    if (ReadRequest(connection_.socket.Get(), &capture_.bytes) == RequestState::Coming) {
+        return Progress::Waiting;
+    }
+    if (capture_.bytes.empty()) {
+        return Progress::Done;
+    }
+    AddToLog();
+    return Log("unreachable", SystemError("no daemon", connectError_));
+}
+
+// ---- Passing on ----
+
+void RelaySession::SeeRequest(std::string_view bytes)
+{
+    Capture(&capture_, bytes);
+    if (RequestBytesDue(capture_.bytes) == 0) {
+        AddToLog();
+    }
+}
+
+static bool IsFramed(ReplyClass replyClass)
+{
+    return replyClass == ReplyClass::Printed || replyClass == ReplyClass::Checked;
+}
+
+// Whether a client that reads this as its reply has read all of it. The end of a stream is that of the connection.
+static bool IsWhole(const SentBytes &sent, ReplyClass replyClass)
+{
+    return IsFramed(replyClass) && sent.count >= kHeaderSize &&
+           sent.count - kHeaderSize >= ReadHeader(sent.head).length;
+}
+
+void RelaySession::SeeReply(std::string_view bytes)
+{
+    sent_.Add(bytes);
+    lastReply_ = Now();
+    if (ticket_ != nullptr && IsWhole(sent_, ticket_->entry.replyClass)) {
+        log_->Release(ticket_);
     }
 }
 
 template <typename Observer>
-static Step Advance(Relay *relay, Flow *flow, const Observer &observe)
+Step RelaySession::AdvanceOne(Flow *flow, const Observer &observe)
 {
     if (flow->ended) {
         return Step::Waiting;
@@ -179,7 +290,7 @@ static Step Advance(Relay *relay, Flow *flow, const Observer &observe)
     if (flow->pending.empty()) {
         const Step step = Look(flow);
         if (step == Step::Ended) {
-            NoteEnd(relay, *flow, " closed");
+            NoteEnd(*flow, " closed");
             PassOnEnd(flow);
             return Step::Moved;
         }
@@ -191,129 +302,103 @@ static Step Advance(Relay *relay, Flow *flow, const Observer &observe)
     return SendOn(flow);
 }
 
-static Step AdvanceBoth(Relay *relay)
+Step RelaySession::AdvanceBoth()
 {
-    const Step request =
-        Advance(relay, &relay->request, [=](std::string_view bytes) { Capture(&relay->capture, bytes); });
-    const Step reply = Advance(relay, &relay->reply, [=](std::string_view bytes) {
-        relay->sent.Add(bytes);
-        relay->lastReply = std::chrono::system_clock::now();
-    });
-    if (request == Step::Reset) {
-        NoteEnd(relay, relay->request, " reset");
-    }
-    if (reply == Step::Reset) {
-        NoteEnd(relay, relay->reply, " reset");
-    }
+    const Step request = AdvanceOne(&request_, [this](std::string_view bytes) { SeeRequest(bytes); });
+    const Step reply = AdvanceOne(&reply_, [this](std::string_view bytes) { SeeReply(bytes); });
+    NoteReset(request_, request);
+    NoteReset(reply_, reply);
     if (request == Step::Reset || reply == Step::Reset) {
         return Step::Reset;
     }
     return request == Step::Moved || reply == Step::Moved ? Step::Moved : Step::Waiting;
 }
 
-// The byte that stays in a queue would wake a poll again and again, so changes are waited for instead of states.
-static void WatchChanges(const Descriptor &watch, int socket)
+void RelaySession::NoteReset(const Flow &flow, Step step)
 {
-    const int offset = 0;
-    epoll_event event{EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET, {}};
-    if (setsockopt(socket, SOL_SOCKET, SO_PEEK_OFF, &offset, sizeof offset) < 0 ||
-        epoll_ctl(watch.Get(), EPOLL_CTL_ADD, socket, &event) < 0) {
-        throw std::runtime_error(SystemError("epoll", errno));
+    if (step == Step::Reset) {
+        NoteEnd(flow, " reset");
     }
 }
 
-// Once the program has been told to end, a daemon that takes nothing more is not waited for much longer.
-static constexpr int kPatienceAtEndMs = 1000;
-
-static void Pass(Relay *relay)
+// Notes the first end only. When both have ended by the time that anyone looks, the client counts, who has yet to be
+// read to its end: a daemon ends because its client has what it wants. At the program's end the daemon's side is shut
+// down from here, which cuts short whatever a client that is still there was waiting for.
+void RelaySession::NoteEnd(const Flow &flow, const char *how)
 {
-    const Descriptor watch(epoll_create1(EPOLL_CLOEXEC));
-    WatchChanges(watch, relay->request.from);
-    WatchChanges(watch, relay->reply.from);
-    while (!relay->request.ended || !relay->reply.ended) {
-        const Step step = AdvanceBoth(relay);
+    if (!end_.empty()) {
+        return;
+    }
+    firstEnd_ = std::min(firstEnd_, Now());
+    const bool byDaemon = &flow == &reply_;
+    const std::string end = byDaemon && stopping_ ? kEndOfTheRelay : std::string(flow.sender) + how;
+    (byDaemon && PeerHasGone(request_.from) ? daemonEnd_ : end_) = end;
+    if (ticket_ != nullptr) {
+        log_->Release(ticket_);
+    }
+}
+
+Progress RelaySession::Pass()
+{
+    for (int i = 0; i < kStepsAtOnce; ++i) {
+        if (request_.ended && reply_.ended) {
+            return Finish();
+        }
+        const Step step = AdvanceBoth();
         if (step == Step::Reset) {
-            return;
+            return Finish();
         }
         if (step == Step::Waiting) {
-            epoll_event event{};
-            if (epoll_wait(watch.Get(), &event, 1, relay->stop.stop_requested() ? kPatienceAtEndMs : -1) == 0) {
-                return;
-            }
+            return stopping_ && due_ <= Now() ? Finish() : Progress::Waiting;
         }
+        due_ = stopping_ ? Now() + kPatienceAtEnd : kNever;
     }
+    return Progress::More;
 }
 
-static LogEntry EntryFor(const Connection &connection, const RequestCapture &capture)
-{
-    LogEntry entry{
-        connection.since, connection.number, DecodeRequest(capture.bytes), ReplyClass::None, {}, {}, {}, {}, {}};
-    if (capture.bytesAfterEnd > 0 && entry.request.length <= kRequestLengthMax) {
-        entry.request.violations.push_back(BytesAfterEnd(capture.bytesAfterEnd));
-    }
-    entry.replyClass = ReplyClassOf(entry.request);
-    return entry;
-}
+// ---- The log ----
 
-// The client has connected already, so it cannot be told otherwise than by a reset.
-static void TurnAway(Connection &connection, int error, Log *log)
+void RelaySession::AddToLog()
 {
-    RequestCapture capture;
-    ReadRequest(connection.socket.Get(), &capture.bytes);
-    if (capture.bytes.empty()) {
+    if (ticket_ != nullptr) {
         return;
     }
-    LogEntry entry = EntryFor(connection, capture);
-    entry.outcome = "unreachable";
-    entry.end = SystemError("no daemon", error);
-    log->Write(entry);
+    ticket_ = log_->Add(connection_.since, connection_.number, capture_.bytes);
+    if (ticket_->entry.replyClass == ReplyClass::None) {
+        log_->Release(ticket_);
+    }
 }
 
-// Returns a connection to the daemon, with *error 0, or an unconnected socket, with *error the reason. A daemon whose
-// queue of clients is full is waited for, as a client would, but not beyond the end of the program.
-static Descriptor ConnectInTurn(const Connection &connection, const std::string &path, int *error)
+Progress RelaySession::Finish()
 {
-    const Turn turn(connection.number);
-    Descriptor daemon = NewSocket(0);
-    const timeval lookAgain{0, 100000};
-    setsockopt(daemon.Get(), SOL_SOCKET, SO_SNDTIMEO, &lookAgain, sizeof lookAgain);
-    do {
-        *error = Connect(daemon, path);
-    } while (*error == EAGAIN && !connection.stop.stop_requested());
-    return daemon;
+    if (capture_.bytes.empty()) {
+        return Progress::Done;
+    }
+    AddToLog();
+    const std::string &end = end_.empty() ? daemonEnd_ : end_;
+    const bool unfinished = stopped_ || end.empty() || end == kEndOfTheRelay;
+    return unfinished ? Log("unfinished", kEndOfTheRelay) : Log("relayed", end);
 }
 
-void RelayConnection(Connection &connection, const std::string &daemonPath, Log *log)
+Progress RelaySession::Log(std::string_view outcome, std::string end)
 {
-    int error = 0;
-    const Descriptor daemon = ConnectInTurn(connection, daemonPath, &error);
-    if (error != 0) {
-        TurnAway(connection, error, log);
-        return;
+    LogEntry &entry = ticket_->entry;
+    if (capture_.bytesAfterEnd > 0 && entry.request.length <= kRequestLengthMax) {
+        entry.request.violations.push_back(BytesAfterEnd(capture_.bytesAfterEnd));
     }
-    const int client = connection.socket.Get();
-    Relay relay{{client, daemon.Get(), "client", {}},
-                {daemon.Get(), client, "daemon", {}},
-                {},
-                {},
-                connection.since,
-                connection.stop,
-                {}};
-    {
-        // What a client has sent before the end still goes to the daemon; just the daemon's reply is not waited for.
-        const std::stop_callback wake(connection.stop, [&daemon] { shutdown(daemon.Get(), SHUT_RD); });
-        Pass(&relay);
-    }
-    if (relay.capture.bytes.empty()) {
-        return;
-    }
-    LogEntry entry = EntryFor(connection, relay.capture);
-    entry.sent = relay.sent;
-    const bool unfinished = *connection.stopped || relay.end.empty() || relay.end == kEndOfTheRelay;
-    entry.outcome = unfinished ? "unfinished" : "relayed";
-    entry.end = unfinished ? kEndOfTheRelay : relay.end;
-    entry.taken = relay.lastReply - connection.since;
-    log->Write(entry);
+    entry.sent = sent_;
+    entry.outcome = outcome;
+    entry.end = std::move(end);
+    const SteadyTime over = sent_.count > 0 ? lastReply_ : std::min(firstEnd_, Now());
+    entry.taken = over - connection_.start;
+    log_->End(ticket_);
+    return Progress::Done;
+}
+
+std::unique_ptr<Session> MakeRelaySession(Connection connection, const Watch &watch, const std::string &daemonPath,
+                                          Log *log)
+{
+    return std::make_unique<RelaySession>(std::move(connection), watch, daemonPath, log);
 }
 
 } // namespace standin

@@ -3,12 +3,12 @@
 #ifndef PLAX_STANDIN_RELAY_H
 #define PLAX_STANDIN_RELAY_H
 
-#include "connections.h"
-#include "log.h"
+#include "server.h"
 
 namespace standin {
 
-void RelayConnection(Connection &connection, const std::string &daemonPath, Log *log);
+std::unique_ptr<Session> MakeRelaySession(Connection connection, const Watch &watch, const std::string &daemonPath,
+                                          Log *log);
 
 } // namespace standin
 

@@ -6,22 +6,17 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cerrno>
 
 namespace standin {
 
-// Waits for `count` more bytes, and leaves the last of them unread. Returns false when the client ends or fails first.
-static bool ReadAllButLast(int socket, size_t count, std::vector<uint8_t> *bytes)
+size_t RequestBytesDue(Bytes bytes)
 {
-    const size_t before = bytes->size();
-    bytes->resize(before + count);
-    uint8_t *place = bytes->data() + before;
-    ssize_t arrived = count > 1 ? recv(socket, place, count - 1, MSG_WAITALL) : 0;
-    arrived = std::max<ssize_t>(arrived, 0);
-    if (static_cast<size_t>(arrived) == count - 1) {
-        arrived += std::max<ssize_t>(recv(socket, place + arrived, 1, MSG_PEEK), 0);
+    if (bytes.size() < kHeaderSize) {
+        return kHeaderSize - bytes.size();
     }
-    bytes->resize(before + static_cast<size_t>(arrived));
-    return static_cast<size_t>(arrived) == count;
+    const uint32_t length = ReadHeader(bytes).length;
+    return length > kRequestLengthMax ? 0 : kHeaderSize + length - bytes.size();
 }
 
 void ReadLastByte(int socket)
@@ -30,20 +25,31 @@ void ReadLastByte(int socket)
     recv(socket, &byte, 1, 0);
 }
 
-bool ReadRequest(int socket, std::vector<uint8_t> *bytes)
+// Takes all but the last one of the bytes that are due, or looks at that one. Returns what recv does.
+static ssize_t ReadSome(int socket, size_t due, std::vector<uint8_t> *bytes)
 {
-    if (!ReadAllButLast(socket, kHeaderSize, bytes)) {
-        return false;
+    uint8_t piece[16384];
+    const size_t size = std::min(sizeof piece, std::max<size_t>(due - 1, 1));
+    const ssize_t count = recv(socket, piece, size, due == 1 ? MSG_PEEK : 0);
+    if (count > 0) {
+        bytes->insert(bytes->end(), piece, piece + count);
     }
-    const FrameHeader header = ReadHeader(*bytes);
-    if (header.length == 0) {
-        return true;
+    return count;
+}
+
+RequestState ReadRequest(int socket, std::vector<uint8_t> *bytes)
+{
+    size_t due = 0;
+    while ((due = RequestBytesDue(*bytes)) > 0) {
+        const ssize_t count = ReadSome(socket, due, bytes);
+        if (count <= 0) {
+            return count < 0 && errno == EAGAIN ? RequestState::Coming : RequestState::Broken;
+        }
+        if (due == 1 && RequestBytesDue(*bytes) > 0) {
+            ReadLastByte(socket); // of the header
+        }
     }
-    if (header.length > kRequestLengthMax) {
-        return false;
-    }
-    ReadLastByte(socket);
-    return ReadAllButLast(socket, header.length, bytes);
+    return ReadHeader(*bytes).length > kRequestLengthMax ? RequestState::Broken : RequestState::Whole;
 }
 
 } // namespace standin

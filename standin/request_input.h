@@ -1,4 +1,4 @@
-// Getting one request off a connection.
+// Getting one request off a connection that does not block.
 #ifndef PLAX_STANDIN_REQUEST_INPUT_H
 #define PLAX_STANDIN_REQUEST_INPUT_H
 
@@ -8,10 +8,19 @@
 
 namespace standin {
 
-// Reads one request, but leaves its last byte unread: a connection that is closed with unread bytes is reset, which is
-// what a client sees of a daemon that dies before it has read the request. Returns true when the request is whole and
-// can be answered; `bytes` holds what came.
-bool ReadRequest(int socket, std::vector<uint8_t> *bytes);
+enum class RequestState {
+    Coming, // there is more to come
+    Whole,  // it can be answered
+    Broken, // the client ended before, or what it announces is too long to be waited for
+};
+
+// How many of the bytes that come next belong to the request of which these have come.
+size_t RequestBytesDue(Bytes bytes);
+
+// Reads what has come, but leaves the request's last byte unread: a connection that is closed with unread bytes is
+// reset, which is what a client sees of a daemon that dies before it has read the request. `bytes` holds what has come,
+// with that last byte.
+RequestState ReadRequest(int socket, std::vector<uint8_t> *bytes);
 
 // Reads the byte that was left.
 void ReadLastByte(int socket);

@@ -7,30 +7,80 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <condition_variable>
-#include <mutex>
+#include <cerrno>
 
 namespace standin {
 
 // How a connection ends that is closed with a byte unread.
 static constexpr const char *kResetHere = "reset by the stand-in";
 
-// False when the program has been told to end.
-static bool Pause(const Connection &connection, std::chrono::milliseconds time)
+// A reply that makes no sense: a header with a status that nobody gives, and far fewer bytes than it announces.
+static constexpr std::string_view kGarbage("\xde\xad\xbe\xef\x00\x0f\xf1\xce\x7f\x00\xff\x1b", 12);
+
+// So much is sent or read before the other connections have their turn.
+static constexpr size_t kBytesAtOnce = 1024 * 1024;
+
+static SteadyTime Now()
 {
-    std::mutex mutex;
-    std::unique_lock lock(mutex);
-    std::condition_variable_any never;
-    return time.count() == 0 ||
-           !never.wait_for(lock, connection.stop, time, [&] { return connection.stop.stop_requested(); });
+    return std::chrono::steady_clock::now();
 }
 
-static bool Send(const Connection &connection, std::string_view bytes, SentBytes *sent)
-{
-    const size_t count = SendAll(connection.socket.Get(), bytes);
-    sent->Add(bytes.substr(0, count));
-    return count == bytes.size();
-}
+namespace {
+
+// What is sent after a pause.
+struct Part {
+    std::chrono::milliseconds pause;
+    std::string_view bytes;
+};
+
+enum class Pause { Lasts, IsOver, IsCutShort };
+
+class ServeSession : public Session {
+public:
+    ServeSession(Connection connection, const Answers &answers, Log *log)
+        : connection_(std::move(connection)), answers_(answers), log_(log)
+    {
+    }
+
+    Progress Advance() override;
+    void Stop() override;
+
+private:
+    Progress Read();
+    Progress Delay();
+    Progress Send();
+    Progress AwaitEnd();
+
+    Progress TakeRequest(bool whole);
+    Progress Play();
+    Progress SendPart(const Part &part);
+    Progress Answered(bool whole);
+    Progress Finish(std::string end);
+    Pause PauseFor(std::chrono::milliseconds time);
+    void NoteTime();
+
+    using Step = Progress (ServeSession::*)();
+
+    Connection connection_;
+    const Answers &answers_;
+    Log *log_;
+    Step step_ = &ServeSession::Read;
+    std::vector<uint8_t> request_;
+    LogTicket ticket_;
+    std::shared_ptr<AnswerBook> book_; // keeps the answer
+    const Answer *answer_ = nullptr;
+    std::string header_;
+    std::vector<Part> parts_;
+    size_t part_ = 0;       // the one that is being sent
+    size_t partSent_ = 0;   // bytes of it
+    bool paused_ = false;   // the pause before it is over
+    bool timed_ = false;    // the time that the request took is known
+    bool stopping_ = false; // the program ends
+    bool stopped_ = false;  // it was this program that shut the connection down
+    uint64_t extraBytes_ = 0;
+};
+
+} // namespace
 
 static std::string FrameBytes(uint32_t status, uint32_t length)
 {
@@ -43,49 +93,42 @@ static std::string FrameBytes(uint32_t status, uint32_t length)
     return bytes;
 }
 
-static bool SendPieces(const Connection &connection, const Answer &answer, SentBytes *sent)
+// The header of a framed reply, or as much of it as the fault leaves.
+static std::string HeaderBytes(const Answer &answer)
 {
-    return std::all_of(answer.pieces.begin(), answer.pieces.end(), [&](const Piece &piece) {
-        return Pause(connection, piece.pause) && Send(connection, piece.bytes, sent);
-    });
-}
-
-// A reply that makes no sense: a header with a status that nobody gives, and far fewer bytes than it announces.
-static constexpr std::string_view kGarbage("\xde\xad\xbe\xef\x00\x0f\xf1\xce\x7f\x00\xff\x1b", 12);
-
-// Sends what the answer has to send. False when the client, or the program, ended before all of it was out.
-static bool SendAnswer(const Connection &connection, const Answer &answer, ReplyClass replyClass, SentBytes *sent)
-{
-    if (answer.fault == Fault::Garbage) {
-        return answer.pieces.empty() ? Send(connection, kGarbage, sent) : SendPieces(connection, answer, sent);
-    }
-    if (replyClass == ReplyClass::None) {
-        return true;
-    }
-    if (replyClass == ReplyClass::Streamed) {
-        return SendPieces(connection, answer, sent);
-    }
     const bool announcesMore = answer.fault == Fault::AnnounceMore;
     const size_t length = announcesMore ? answer.faultBytes : PayloadSize(answer);
-    const std::string header = FrameBytes(answer.status, static_cast<uint32_t>(length));
+    std::string header = FrameBytes(answer.status, static_cast<uint32_t>(length));
     if (answer.fault == Fault::CutHeader) {
-        return Send(connection, std::string_view(header).substr(0, answer.faultBytes), sent);
+        header.resize(answer.faultBytes);
     }
-    return Send(connection, header, sent) && SendPieces(connection, answer, sent);
+    return header;
 }
 
-// Reads until the client ends the connection, and returns how it did.
-static std::string AwaitEnd(const Connection &connection, uint64_t *extraBytes)
+static void AddPieces(const Answer &answer, std::vector<Part> *parts)
 {
-    char bytes[4096];
-    ssize_t count = 0;
-    while ((count = recv(connection.socket.Get(), bytes, sizeof bytes, 0)) > 0) {
-        *extraBytes += static_cast<uint64_t>(count);
+    for (const Piece &piece : answer.pieces) {
+        parts->push_back({piece.pause, piece.bytes});
     }
-    if (*connection.stopped) {
-        return "ended by the stand-in's end";
+}
+
+// All that is sent for the answer. `header` keeps bytes that the answer does not have.
+static std::vector<Part> PartsOf(const Answer &answer, ReplyClass replyClass, std::string *header)
+{
+    std::vector<Part> parts;
+    const bool garbage = answer.fault == Fault::Garbage;
+    if (garbage && answer.pieces.empty()) {
+        parts.push_back({{}, kGarbage});
+    } else if (garbage || replyClass == ReplyClass::Streamed) {
+        AddPieces(answer, &parts);
+    } else if (replyClass != ReplyClass::None) {
+        *header = HeaderBytes(answer);
+        parts.push_back({{}, *header});
+        if (answer.fault != Fault::CutHeader) {
+            AddPieces(answer, &parts);
+        }
     }
-    return count == 0 ? "client closed" : "client reset";
+    return parts;
 }
 
 static bool ClosesAtOnce(Fault fault)
@@ -93,64 +136,184 @@ static bool ClosesAtOnce(Fault fault)
     return fault == Fault::CloseWithoutReading || fault == Fault::CloseWithoutAnswering;
 }
 
-// Sends what the answer has to send, and returns false when the client, or the program, ended before it was out.
-static bool PlayAnswer(const Connection &connection, const Answer &answer, LogEntry *entry)
+Progress ServeSession::Advance()
 {
-    const bool waited = Pause(connection, answer.delay);
-    if (!waited || answer.fault != Fault::CloseWithoutReading) {
-        ReadLastByte(connection.socket.Get());
-    }
-    if (!waited) {
-        return false;
-    }
-    if (ClosesAtOnce(answer.fault) || answer.fault == Fault::StaySilent) {
-        return true;
-    }
-    const bool whole = SendAnswer(connection, answer, entry->replyClass, &entry->sent);
-    shutdown(connection.socket.Get(), SHUT_WR);
-    return whole;
+    return (this->*step_)();
 }
 
-static void AnswerRequest(const Connection &connection, const Answer &answer, LogEntry *entry)
+// A client that has gone already needs no shutting down: its last bytes are read, and how it ended is still told.
+void ServeSession::Stop()
 {
-    const bool whole = PlayAnswer(connection, answer, entry);
-    entry->fault = NameOf(answer.fault);
-    entry->taken = std::chrono::system_clock::now() - entry->time;
-    entry->outcome = !whole ? "unfinished" : answer.fault == Fault::None ? "answered" : "fault";
-    if (whole && ClosesAtOnce(answer.fault)) {
-        entry->end = answer.fault == Fault::CloseWithoutReading ? kResetHere : "closed by the stand-in";
-        return;
-    }
-    uint64_t extraBytes = 0;
-    entry->end = AwaitEnd(connection, &extraBytes);
-    if (extraBytes > 0) {
-        entry->request.violations.push_back(BytesAfterEnd(extraBytes));
+    stopping_ = true;
+    if (!PeerHasGone(connection_.socket.Get())) {
+        stopped_ = true;
+        shutdown(connection_.socket.Get(), SHUT_RDWR);
     }
 }
 
-// A request that did not come whole. When it is the client who stopped, it has ended, or just its sending side.
-static void LeaveUnanswered(const Connection &connection, LogEntry *entry)
+Progress ServeSession::Read()
 {
-    uint64_t none = 0;
-    entry->outcome = "unanswered";
-    entry->end = entry->request.length > kRequestLengthMax ? kResetHere : AwaitEnd(connection, &none);
+    const RequestState state = ReadRequest(connection_.socket.Get(), &request_);
+    if (state == RequestState::Coming) {
+        return Progress::Waiting;
+    }
+    if (request_.empty()) {
+        return Progress::Done; // somebody looked whether a daemon is there
+    }
+    return TakeRequest(state == RequestState::Whole);
 }
 
-void ServeConnection(Connection &connection, AnswerBook *book, Log *log)
+Progress ServeSession::TakeRequest(bool whole)
 {
-    std::vector<uint8_t> bytes;
-    const bool whole = ReadRequest(connection.socket.Get(), &bytes);
-    if (bytes.empty()) {
-        return; // somebody looked whether a daemon is there
-    }
-    LogEntry entry{connection.since, connection.number, DecodeRequest(bytes), ReplyClass::None, {}, {}, {}, {}, {}};
-    entry.replyClass = ReplyClassOf(entry.request);
+    ticket_ = log_->Add(connection_.since, connection_.number, request_);
+    LogEntry &logged = ticket_->entry;
     if (whole) {
-        AnswerRequest(connection, NextAnswer(book, entry.request), &entry);
-    } else {
-        LeaveUnanswered(connection, &entry);
+        book_ = answers_.book;
+        answer_ = &NextAnswer(book_.get(), logged.request);
+        logged.fault = NameOf(answer_->fault);
+        step_ = &ServeSession::Delay;
+        return Delay();
     }
-    log->Write(entry);
+    logged.outcome = "unanswered";
+    if (logged.request.length > kRequestLengthMax) {
+        return Finish(kResetHere);
+    }
+    step_ = &ServeSession::AwaitEnd; // it was the client who stopped; perhaps just its sending side has ended
+    return AwaitEnd();
+}
+
+Pause ServeSession::PauseFor(std::chrono::milliseconds time)
+{
+    if (time.count() == 0) {
+        return Pause::IsOver;
+    }
+    if (stopping_ || PeerHasGone(connection_.socket.Get())) {
+        due_ = kNever;
+        return Pause::IsCutShort;
+    }
+    due_ = due_ == kNever ? Now() + time : due_;
+    if (Now() < due_) {
+        return Pause::Lasts;
+    }
+    due_ = kNever;
+    return Pause::IsOver;
+}
+
+Progress ServeSession::Delay()
+{
+    const Pause pause = PauseFor(answer_->delay);
+    if (pause == Pause::Lasts) {
+        return Progress::Waiting;
+    }
+    const bool over = pause == Pause::IsOver;
+    if (!over || answer_->fault != Fault::CloseWithoutReading) {
+        ReadLastByte(connection_.socket.Get());
+    }
+    return over ? Play() : Answered(false);
+}
+
+Progress ServeSession::Play()
+{
+    LogEntry &entry = ticket_->entry;
+    const Fault fault = answer_->fault;
+    entry.outcome = fault == Fault::None ? "answered" : "fault";
+    if (ClosesAtOnce(fault)) {
+        return Finish(fault == Fault::CloseWithoutReading ? kResetHere : "closed by the stand-in");
+    }
+    if (fault == Fault::StaySilent) {
+        step_ = &ServeSession::AwaitEnd;
+        return AwaitEnd();
+    }
+    parts_ = PartsOf(*answer_, entry.replyClass, &header_);
+    step_ = &ServeSession::Send;
+    return Send();
+}
+
+Progress ServeSession::Send()
+{
+    while (part_ < parts_.size()) {
+        const Part &part = parts_[part_];
+        const Pause pause = paused_ ? Pause::IsOver : PauseFor(part.pause);
+        if (pause != Pause::IsOver) {
+            return pause == Pause::Lasts ? Progress::Waiting : Answered(false);
+        }
+        paused_ = true;
+        if (partSent_ < part.bytes.size()) {
+            return SendPart(part);
+        }
+        ++part_;
+        partSent_ = 0;
+        paused_ = false;
+    }
+    return Answered(true);
+}
+
+Progress ServeSession::SendPart(const Part &part)
+{
+    const std::string_view bytes = part.bytes.substr(partSent_, kBytesAtOnce);
+    const ssize_t count = send(connection_.socket.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    if (count < 0) {
+        return errno == EAGAIN ? Progress::Waiting : Answered(false);
+    }
+    partSent_ += static_cast<size_t>(count);
+    ticket_->entry.sent.Add(bytes.substr(0, static_cast<size_t>(count)));
+    return Progress::More;
+}
+
+// A client that wants no reply is not missed when it has gone before the end of a delay.
+Progress ServeSession::Answered(bool whole)
+{
+    LogEntry &entry = ticket_->entry;
+    const bool wanted = entry.replyClass != ReplyClass::None || answer_->fault != Fault::None;
+    entry.outcome = !whole && wanted ? "unfinished" : answer_->fault == Fault::None ? "answered" : "fault";
+    NoteTime();
+    log_->Release(ticket_);
+    shutdown(connection_.socket.Get(), SHUT_WR);
+    step_ = &ServeSession::AwaitEnd;
+    return AwaitEnd();
+}
+
+// Reads until the client ends the connection.
+Progress ServeSession::AwaitEnd()
+{
+    char bytes[4096];
+    ssize_t count = 0;
+    for (size_t read = 0; read < kBytesAtOnce; read += static_cast<size_t>(count)) {
+        count = recv(connection_.socket.Get(), bytes, sizeof bytes, 0);
+        if (count < 0 && errno == EAGAIN) {
+            return Progress::Waiting;
+        }
+        if (count <= 0) {
+            return Finish(stopped_ ? "ended by the stand-in's end" : count == 0 ? "client closed" : "client reset");
+        }
+        extraBytes_ += static_cast<uint64_t>(count);
+    }
+    return Progress::More;
+}
+
+// The time to the last byte of the reply; where there was none, the time until the client gave up.
+void ServeSession::NoteTime()
+{
+    if (!std::exchange(timed_, true)) {
+        ticket_->entry.taken = Now() - connection_.start;
+    }
+}
+
+Progress ServeSession::Finish(std::string end)
+{
+    LogEntry &entry = ticket_->entry;
+    NoteTime();
+    entry.end = std::move(end);
+    if (extraBytes_ > 0 && answer_ != nullptr) {
+        entry.request.violations.push_back(BytesAfterEnd(extraBytes_));
+    }
+    log_->End(ticket_);
+    return Progress::Done;
+}
+
+std::unique_ptr<Session> MakeServeSession(Connection connection, const Answers &answers, Log *log)
+{
+    return std::make_unique<ServeSession>(std::move(connection), answers, log);
 }
 
 } // namespace standin

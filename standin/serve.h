@@ -3,12 +3,16 @@
 #define PLAX_STANDIN_SERVE_H
 
 #include "answers.h"
-#include "connections.h"
-#include "log.h"
+#include "server.h"
 
 namespace standin {
 
-void ServeConnection(Connection &connection, AnswerBook *book, Log *log);
+// The book in use can be replaced at any time: it answers the requests that come from then on.
+struct Answers {
+    std::shared_ptr<AnswerBook> book;
+};
+
+std::unique_ptr<Session> MakeServeSession(Connection connection, const Answers &answers, Log *log);
 
 } // namespace standin
 

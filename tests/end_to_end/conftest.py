@@ -5,9 +5,21 @@ Tests that use the stand-in daemon are left out where it is not built, as on a b
 
 import os
 
+import pytest
+
 collect_ignore_glob = []
 if "PLAXD_STANDIN" not in os.environ:
     collect_ignore_glob += ["test_standin_*.py", "test_fleet_document.py", "test_load.py", "test_readme.py"]
+
+
+if not collect_ignore_glob:
+    from standin_process import kill_leftovers
+
+    @pytest.fixture(autouse=True)
+    def leftover_standins():
+        """A test that fails leaves no stand-in running, and one that passes must have ended its own."""
+        yield
+        assert not kill_leftovers(), "a stand-in was left running"
 
 
 LONG = ("test_timeouts.py", "test_stay_silent", "test_fleet_document.py", "test_many_runs",

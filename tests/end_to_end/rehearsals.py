@@ -72,7 +72,8 @@ class Rehearsal:
         """The commands in the log, and the numbers in its summary."""
         with open(self.log, encoding="utf-8") as file:
             lines = [json.loads(line) for line in file]
-        return [(line["command"], line["outcome"]) for line in lines[:-1]], lines[-1]["summary"]["requests"]
+        ended = [(line["command"], line["outcome"]) for line in lines if line["event"] == "end"]
+        return ended, lines[-1]["summary"]["requests"]
 
 
 @contextlib.contextmanager

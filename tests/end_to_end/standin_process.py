@@ -11,6 +11,7 @@ exit status. The block fails when the stand-in complains about anything.
 
 import json
 import os
+import re
 import signal
 import socket
 import subprocess
@@ -22,6 +23,8 @@ EXAMPLES = os.path.join(PROJECT, "standin", "examples")
 PATIENCE = 60  # seconds after which a stand-in that should have ended is given up
 
 CLIENT_CLOSED = "client closed"
+
+started = []  # processes, by the test that runs
 
 
 def run_standin(*words, stdin=b""):
@@ -39,9 +42,21 @@ def run_standin(*words, stdin=b""):
 
 def start_standin(*words, stdout=subprocess.DEVNULL):
     """Starts the stand-in, and gives the process when it listens, or has ended."""
-    process = subprocess.Popen([STANDIN, *words], stdin=subprocess.DEVNULL, stdout=stdout, stderr=subprocess.PIPE)
+    process = subprocess.Popen([STANDIN, *words], stdin=subprocess.DEVNULL, stdout=stdout, stderr=subprocess.PIPE,
+                               bufsize=0)  # or what comes with the first message would be lost
+    started.append(process)
     process.first_message = process.stderr.readline()
     return process
+
+
+def kill_leftovers():
+    """Kills what a failed test has left running, and gives whether there was anything."""
+    left = [process for process in started if process.poll() is None]
+    for process in left:
+        process.kill()
+        process.communicate()
+    started.clear()
+    return bool(left)
 
 
 def end(process, by=signal.SIGTERM):
@@ -49,6 +64,12 @@ def end(process, by=signal.SIGTERM):
     process.send_signal(by)
     _, messages = process.communicate(timeout=PATIENCE)
     return process.returncode, messages
+
+
+def timeless(log):
+    """The lines of a log of text, without what changes from run to run."""
+    stamp = r"^(# )?\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z "
+    return [re.sub(r"\d+\.\d{3} s(?=$| \|)", "T s", re.sub(stamp, r"\1NOW ", line)) for line in log.splitlines()]
 
 
 def entry(command, code, length, fields=None, *, reply, connection=1, violations=(), warnings=(), outcome="answered",
@@ -98,8 +119,11 @@ class Standin:
         socket_is_gone = not os.path.exists(self.path)
         self.folder.cleanup()
         self.summary = self.lines.pop()["summary"]
-        self.entries = sorted(self.lines, key=lambda line: line["connection"])
+        assert self.lines.pop(0)["event"] == "start"
+        self.entries = sorted((line for line in self.lines if line["event"] == "end"),
+                              key=lambda line: line["connection"])
         for line in self.entries:
+            del line["event"]
             assert 0 <= line.pop("seconds") < PATIENCE
             assert line.pop("time").endswith("Z")
         if kind is None:

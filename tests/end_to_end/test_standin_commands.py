@@ -5,7 +5,7 @@ import subprocess
 
 from harness import Outcome, ZERO_UUID, tool
 from request_table import CHECKED, PRINTED, ROWS, STREAMED
-from standin_process import Standin, end, entry, framed, start_standin
+from standin_process import Standin, end, entry, framed, start_standin, timeless
 import pytest
 
 UUID = "01234567-89ab-cdef-fedc-ba9876543210"
@@ -97,10 +97,9 @@ def text_log(folder, *runs):
     for words in runs:
         tool("-s", path, *words)
     assert end(process) == (0, b"")
-    stamp = r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z "
-    lines = [re.sub(r"\d\.\d{3} s(?=$| \|)", "T s", re.sub(stamp, "NOW ", line))
-             for line in log.read_text().splitlines()]
-    return sorted(lines[:-1], key=lambda line: int(re.match(r"NOW #(\d+) ", line)[1])) + lines[-1:]
+    start, *lines = timeless(log.read_text())
+    assert start == f"NOW start: socket {path}"
+    return lines
 
 
 def test_text(tmp_path):
@@ -134,7 +133,7 @@ def test_text(tmp_path):
         'NOW #8 update-plaxdb 20 filePath="" | status 0x00000000, 7 bytes | answered, client closed, T s '
         "| WARNING: filePath is empty",
         "NOW #9 stats 1 | 46 bytes streamed | answered, client closed, T s",
-        "summary: 9 requests, 0 broken, 4 with warnings; "
+        "NOW summary: 9 requests, 0 broken, 4 with warnings; "
         "block-cdb-cb 1 answered; enable-plax-recovery-mode 1 answered; "
         "enable-workitem 1 answered; fitness-config-set 1 answered; set-global-exclusion-list 1 answered; "
         "stats 1 answered; update-plaxdb 1 answered; what-if-entity-decom 1 answered; what-if-upgrade 1 answered",
@@ -142,6 +141,8 @@ def test_text(tmp_path):
 
 
 def test_log_on_standard_output(tmp_path):
-    process = start_standin("serve", "--socket", str(tmp_path / "plaxd.uds"), stdout=subprocess.PIPE)
+    path = str(tmp_path / "plaxd.uds")
+    process = start_standin("serve", "--socket", path, stdout=subprocess.PIPE)
     process.terminate()
-    assert process.communicate()[0] == b"summary: 0 requests, 0 broken\n"
+    assert timeless(process.communicate()[0].decode()) == [
+        f"NOW start: socket {path}", "NOW summary: 0 requests, 0 broken"]

@@ -6,11 +6,11 @@ import struct
 import threading
 
 from command_line import record
-from harness import Outcome, PATIENCE, eventually, frame, tool
+from harness import Outcome, PATIENCE, frame, tool
 from namespaces import run_at_default_path
 from random_requests import random_requests
 from request_table import ONE, ROWS, TWO, UUID_BYTES, name
-from standin_process import Standin, end, run_standin, start_standin
+from standin_process import Standin, end, run_standin, start_standin, timeless
 import pytest
 
 U = "0123abcd-4567-89ef-fedc-ba9876543210"
@@ -93,12 +93,13 @@ def test_log_of_serve(tmp_path):
     path, log = tmp_path / "plaxd.uds", tmp_path / "log"
     process = start_standin("serve", "--socket", str(path), "--log", str(log), "--format", "commands")
     for words in (["fix-concats"], ["log-level", "two words"]):
-        before = log.stat().st_size
         assert tool("-s", path, *words) == Outcome(b"", b"", 0)
-        assert eventually(lambda size=before: log.stat().st_size > size)
     assert end(process) == (0, b"")
-    assert log.read_text() == ("plax-tool fix-concats\nplax-tool log-level 'two words'\n"
-                               "# summary: 2 requests, 0 broken; fix-concats 1 answered; log-level 1 answered\n")
+    assert timeless(log.read_text()) == [
+        f"# NOW start: socket {path}",
+        "plax-tool fix-concats",
+        "plax-tool log-level 'two words'",
+        "# NOW summary: 2 requests, 0 broken; fix-concats 1 answered; log-level 1 answered"]
 
 
 # ---- The property: what the log's lines send is what came. ----
@@ -109,14 +110,12 @@ def commands_for(requests, folder):
     path, log = os.path.join(folder, "plaxd.uds"), os.path.join(folder, "log")
     process = start_standin("serve", "--socket", path, "--log", log, "--format", "commands")
     for request in requests:
-        before = os.path.getsize(log)
         with socket.socket(socket.AF_UNIX) as connection:
             connection.connect(path)
             connection.sendall(request.bytes)
             connection.shutdown(socket.SHUT_WR)
             while connection.recv(1 << 16):
                 pass
-        assert eventually(lambda size=before: os.path.getsize(log) > size)
     assert end(process) == (0, b"")
     return log
 

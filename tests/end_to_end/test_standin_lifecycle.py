@@ -11,7 +11,7 @@ import subprocess
 
 from binaries import is_sanitized
 from harness import Outcome, frame, tool
-from standin_process import PATIENCE, STANDIN, Standin, end, run_standin, start_standin
+from standin_process import PATIENCE, STANDIN, Standin, end, run_standin, start_standin, timeless
 import pytest
 
 
@@ -145,8 +145,9 @@ def test_removed_folder(tmp_path):
     os.unlink(folder / "s")
     folder.rmdir()
     process.terminate()
-    assert process.communicate(timeout=PATIENCE) == (b"summary: 0 requests, 0 broken\n", b"")
-    assert process.returncode == 0
+    log, messages = process.communicate(timeout=PATIENCE)
+    assert timeless(log.decode()) == [f"NOW start: socket {folder}/s", "NOW summary: 0 requests, 0 broken"]
+    assert (messages, process.returncode) == (b"", 0)
 
 
 def test_path_lengths(tmp_path):
@@ -201,7 +202,8 @@ def test_log_is_appended_to(tmp_path, path):
     log = tmp_path / "log"
     log.write_bytes(b"before\n")
     assert end(start_standin("serve", "--socket", path, "--log", str(log))) == (0, b"")
-    assert log.read_bytes() == b"before\nsummary: 0 requests, 0 broken\n"
+    assert timeless(log.read_text()) == [
+        "before", f"NOW start: socket {path}", "NOW summary: 0 requests, 0 broken"]
 
 
 def test_log_that_cannot_be_opened(tmp_path, path):
@@ -213,7 +215,8 @@ def test_log_that_cannot_be_opened(tmp_path, path):
 def test_log_that_cannot_be_written(path):
     process = start_standin("serve", "--socket", path, "--log", "/dev/full")
     assert tool("-s", path, "fix-concats") == Outcome(b"", b"", 0)
-    assert end(process) == (1, b"plaxd-standin: the log could not be written whole\n")
+    assert end(process) == (1, b"plaxd-standin: /dev/full: No space left on device: lines of the log are lost\n"
+                               b"plaxd-standin: the log could not be written whole\n")
     assert not os.path.exists(path)
 
 
@@ -239,5 +242,8 @@ def test_summary_as_json(path, tmp_path):
     process = start_standin("serve", "--socket", path, "--log", str(log), "--format", "json")
     tool("-s", path, "fix-concats")
     end(process)
-    assert json.loads(log.read_text().splitlines()[-1]) == {
+    summary = json.loads(log.read_text().splitlines()[-1])
+    assert summary.pop("time").endswith("Z")
+    assert summary == {
+        "event": "summary",
         "summary": {"requests": 1, "broken": 0, "warned": 0, "commands": {"fix-concats": {"answered": 1}}}}

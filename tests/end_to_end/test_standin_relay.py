@@ -42,7 +42,7 @@ def test_time_taken(tmp_path):
         process = start_standin("relay", "--socket", path, "--log", str(log), "--to", daemon.path)
         assert tool("-s", path, "fix-concats").code == 0
         assert end(process) == (0, b"")
-    start, _, seconds = log.read_text().splitlines()[0].rpartition(", ")
+    start, _, seconds = log.read_text().splitlines()[1].rpartition(", ")
     assert start[24:] == " #1 fix-concats 13 | status 0x00000000, 0 bytes | relayed, client closed"
     assert 0.5 <= float(seconds.removesuffix(" s")) < 10
 

@@ -1,6 +1,6 @@
 // The wording of the log, where a running stand-in cannot easily be brought to it.
 
-#include "log.h"
+#include "log_formats.h"
 
 #include <gtest/gtest.h>
 
