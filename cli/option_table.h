@@ -83,7 +83,7 @@ consteval bool ShortOptionsFollowTable()
             return false;
         }
         const bool hasColon = place + 1 < kShort.size() && kShort[place + 1] == ':';
-        if (hasColon != (TakesArgument(row))) {
+        if (hasColon != (*row.argumentName != '\0')) {
             return false;
         }
         argumentsRequired += hasColon;

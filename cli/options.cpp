@@ -10,8 +10,8 @@ static consteval auto MakeLongOptions()
 {
     std::array<option, std::size(kOptions) + 1> longOptions{}; // the last entry stays zero: the end of the table
     for (size_t i = 0; i < std::size(kOptions); ++i) {
-        longOptions[i] = {kOptions[i].longName, TakesArgument(kOptions[i]) ? required_argument : no_argument, nullptr,
-                          kOptions[i].letter};
+        longOptions[i] = {kOptions[i].longName, *kOptions[i].argumentName != '\0' ? required_argument : no_argument,
+                          nullptr, kOptions[i].letter};
     }
     return longOptions;
 }

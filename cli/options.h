@@ -29,11 +29,6 @@ struct OptionRow {
 inline constexpr const char *kFileNames = "file names";
 inline constexpr const char *kWorkItemNames = "work items";
 
-constexpr bool TakesArgument(const OptionRow &row)
-{
-    return *row.argumentName != '\0';
-}
-
 // Parses the options in command-line order into `settings`, which must hold the defaults, and permutes the vector so
 // that the operands start at `optind`. Stops at the first option that fails, after printing its message; `settings`
 // then holds the options before it.

@@ -5,6 +5,7 @@
 #include "option_table.h"
 #include "work_items.h"
 
+#include <initializer_list>
 #include <iostream>
 #include <map>
 #include <string>
@@ -14,7 +15,7 @@ using Texts = std::map<std::string, std::string, std::less<>>;
 // Takes everything up to the next `end`, which is dropped, or all of it.
 static std::string Take(std::string *text, std::string_view end)
 {
-    const std::string taken = text->substr(0, text->find(end));
+    std::string taken = text->substr(0, text->find(end));
     text->erase(0, taken.size() + end.size());
     return taken;
 }
@@ -61,6 +62,15 @@ static void AddWord(std::string *list, std::string_view word)
     list->append(list->empty() ? "" : " ").append(word);
 }
 
+static std::string Joined(std::initializer_list<std::string_view> pieces)
+{
+    std::string joined;
+    for (const std::string_view piece : pieces) {
+        joined += piece;
+    }
+    return joined;
+}
+
 static std::string WorkItemNames()
 {
     std::string names;
@@ -87,16 +97,16 @@ static Offers OffersOf(const OptionRow &row)
         return {"_plax_tool_files", "_files", " -r -F"};
     }
     if (lines == kWorkItemNames) {
-        return {"_plax_tool_words '" + WorkItemNames() + "'", "(" + WorkItemNames() + ")",
-                " -x -a '" + WorkItemNames() + "'"};
+        const std::string names = WorkItemNames();
+        return {"_plax_tool_words " + Quoted(names), "(" + names + ")", " -x -a " + Quoted(names)};
     }
     Offers offers{"_plax_tool_numbers", "", ""};
     while (!lines.empty()) {
         std::string meaning = Take(&lines, "\n");
         const std::string value = Take(&meaning, ":");
-        AddWord(&offers.bash, Quoted(value + "  " + meaning));
-        AddWord(&offers.zsh, value + "\\:" + Replaced(ForZsh(meaning), " ", "\\"));
-        AddWord(&offers.fish, value + "\\t\"" + meaning + "\"");
+        AddWord(&offers.bash, Quoted(Joined({value, "  ", meaning})));
+        AddWord(&offers.zsh, Joined({value, "\\:", Replaced(ForZsh(meaning), " ", "\\")}));
+        AddWord(&offers.fish, Joined({value, "\\t\"", meaning, "\""}));
     }
     return {offers.bash, "((" + offers.zsh + "))", " -x -a '" + offers.fish + "'"};
 }
@@ -112,7 +122,7 @@ static void AddCommand(const CommandRow &row, Texts *texts)
 
 static void AddOption(const OptionRow &row, Texts *texts)
 {
-    const bool takesArgument = TakesArgument(row);
+    const bool takesArgument = *row.argumentName != '\0';
     const Offers offers = OffersOf(row);
     const std::string letter(1, row.letter);
     const std::string name = row.longName;
