@@ -32,7 +32,7 @@ isolated() {
 
 # make_root RELEASE PACKAGE...: makes a root with these packages, all of which are kept in build/archives for the next.
 make_root() {
-    local release=$1 log=build/debootstrap.log packages
+    local release=$1 log=build/debootstrap-$1.log packages
     shift
     printf -v packages '%s,' "$@"
     archives=$PWD/build/archives/$release

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Runs the README's two commands, from a clean clone of HEAD, in a bare root of each Debian release. Then compiles the
-# tool as for systems older than all of them. Needs root, for debootstrap and chroot.
+# Runs the README's two commands, from a clean clone of HEAD, in a bare root of each Debian release, and shows the
+# compiler's warnings. Then compiles the tool as for systems older than all of them. Needs root, for debootstrap and
+# chroot.
 #
 # usage: check-distributions.sh [RELEASE...]    bookworm, trixie and sid when none is named
 set -euo pipefail
@@ -25,10 +26,10 @@ for release; do
             tail -n 100 "$log"
             exit 1
         }
-        sed -n '/tests passed/p' "$log"
+        sed -n '/: warning:/p; /tests passed/p' "$log"
     done
-    in_root sh -c 'cat /etc/debian_version && dpkg-query --show g++ libc6 python3 cmake'
-    echo "$((SECONDS - start)) s"
+    in_root dpkg-query --show base-files cmake g++ libc6 python3
+    echo "$release: $((SECONDS - start)) s"
     remove_root
 done
 scripts/check-portable.sh
