@@ -5,12 +5,12 @@ set -euo pipefail
 
 declare -A packages=(
     [build]="g++ cmake gzip ninja-build libcli11-dev nlohmann-json3-dev"
-    [test]="bash-completion clustershell dpkg-dev fish libgmock-dev libgtest-dev locales mandoc python3-jsonschema python3-pytest python3-pytest-xdist rpm zsh"
+    [test]="bash-completion clustershell dpkg-dev file fish libgmock-dev libgtest-dev locales mandoc python3-jsonschema python3-pytest python3-pytest-xdist rpm zsh"
     [compilers]="clang-14 clang-19 g++-11 g++-12"
     [coverage]="clang-19 libclang-rt-19-dev llvm-19"
     [bench]="chrony knot netcat-openbsd python3-matplotlib socat strace valgrind"
     [foreign]="g++-aarch64-linux-gnu g++-i686-linux-gnu g++-s390x-linux-gnu qemu-user"
-    [package]="debootstrap dpkg-dev git lintian python3 rpm rpmlint"
+    [package]="debootstrap dpkg-dev file git lintian python3 rpm rpmlint"
     [fuzz]="clang llvm libclang-rt-14-dev"
     [sanitizers]="clang llvm libclang-rt-14-dev valgrind"
     [distributions]="debootstrap git"

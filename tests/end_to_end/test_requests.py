@@ -250,8 +250,8 @@ DOUBLES = [
     ("-InFiNiTy", MINUS_INFINITY), (" inf", INFINITY), ("infx", INFINITY),
     ("infinityx", INFINITY),
     ("nan", NOT_A_NUMBER), ("NaN", NOT_A_NUMBER), ("-nan", MINUS_NOT_A_NUMBER), ("nanx", NOT_A_NUMBER),
-    # What may follow "nan" is not read, and so does not show in the number.
-    ("nan(1)", NOT_A_NUMBER), ("nan()", NOT_A_NUMBER), ("nan(", NOT_A_NUMBER), ("-nan(0x7)", MINUS_NOT_A_NUMBER),
+    # What open parentheses, or a number in them, make of it differs between versions of the C library.
+    ("nan()", NOT_A_NUMBER),
     ("0x.", 0), ("-0X.", 0x8000000000000000), ("0x.g", 0),
 ]
 # sscanf reads the longest text that could become a number and gives up when it does not become one, so "infinite" and
