@@ -40,10 +40,11 @@ def run_standin(*words, stdin=b""):
     return process.returncode, output, first_message + messages
 
 
-def start_standin(*words, stdout=subprocess.DEVNULL):
+def start_standin(*words, stdout=subprocess.DEVNULL, **options):
     """Starts the stand-in, and gives the process when it listens, or has ended."""
+    # Without a buffer, or what comes with the first message would be lost.
     process = subprocess.Popen([STANDIN, *words], stdin=subprocess.DEVNULL, stdout=stdout, stderr=subprocess.PIPE,
-                               bufsize=0)  # or what comes with the first message would be lost
+                               bufsize=0, **options)
     started.append(process)
     process.first_message = process.stderr.readline()
     return process
