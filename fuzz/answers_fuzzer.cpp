@@ -1,5 +1,5 @@
 // Fuzzes the stand-in's reading of an answers file. An input is the file. Either each of its mistakes is named, on a
-// line of its own, or every command has an answer.
+// line of its own, or every entry has an answer.
 
 #include "input.h"
 
@@ -22,8 +22,10 @@ static void Require(bool holds)
 static void Read(const std::string &path)
 {
     try {
-        for (const auto &[command, list] : standin::ReadAnswerFile(path)) {
-            Require(!list.answers.empty());
+        for (const auto &[command, answers] : standin::ReadAnswerFile(path)) {
+            for (const standin::AnswerEntry &entry : answers.entries) {
+                Require(!entry.answers.empty());
+            }
         }
     } catch (const std::runtime_error &error) {
         std::istringstream lines(error.what());

@@ -5,6 +5,7 @@
 #include "answer_file.h"
 
 #include "descriptor.h"
+#include "status_names.h"
 
 #include <algorithm>
 #include <charconv>
@@ -158,7 +159,7 @@ static std::chrono::milliseconds ReadPause(Reader *reader, const Place &place, c
 static std::optional<uint32_t> HexNumber(std::string_view text)
 {
     static constexpr size_t kTextLengthMax = 10;
-    if (!text.starts_with("0x") || text.size() > kTextLengthMax) {
+    if (text.size() > kTextLengthMax) {
         return std::nullopt;
     }
     uint32_t number = 0;
@@ -166,16 +167,17 @@ static std::optional<uint32_t> HexNumber(std::string_view text)
     return error == std::errc{} && end == text.data() + text.size() ? std::optional(number) : std::nullopt;
 }
 
-// Statuses are usually written in base 16, which JSON has no numbers for.
+// Statuses are usually written by name, or in base 16, which JSON has no numbers for.
 static uint32_t ReadStatus(Reader *reader, const Place &place, const Json &answer)
 {
     const auto found = answer.find("status");
     if (found == answer.end() || !found->is_string()) {
         return static_cast<uint32_t>(ReadNumber(reader, place, answer, "status", kStatusRange));
     }
-    const std::optional<uint32_t> status = HexNumber(found->get_ref<const std::string &>());
+    const auto &text = found->get_ref<const std::string &>();
+    const std::optional<uint32_t> status = text.starts_with("0x") ? HexNumber(text) : StatusNamed(text);
     if (!status) {
-        Report(reader, place / "status", "must be a number, or a text such as \"0x0bad0001\"");
+        Report(reader, place / "status", "must be a number, or a text such as \"EAGAIN\" or \"0x2bad000b\"");
     }
     return status.value_or(0);
 }
@@ -332,13 +334,21 @@ static void CheckFault(Reader *reader, const Place &place, const Json &json, Fau
     }
 }
 
+static uint32_t ReadTimes(Reader *reader, const Place &place, const Json &json)
+{
+    const uint64_t times = ReadNumber(reader, place, json, "times", {1, kStatusRange.max});
+    return json.contains("times") ? static_cast<uint32_t>(times) : 1;
+}
+
 static Answer ReadAnswer(Reader *reader, const Place &place, const Json &json, ReplyClass replyClass)
 {
     Answer answer;
     if (!IsObject(reader, place, json)) {
         return answer;
     }
-    RefuseOtherKeys(reader, place, json, {"status", "text", "file", "pieces", "delayMs", "fault", "faultBytes"});
+    RefuseOtherKeys(reader, place, json,
+                    {"times", "status", "text", "file", "pieces", "delayMs", "fault", "faultBytes"});
+    answer.times = ReadTimes(reader, place, json);
     answer.status = ReadStatus(reader, place, json);
     answer.delay = ReadPause(reader, place, json, "delayMs");
     answer.pieces = ReadPieces(reader, place, json);
@@ -351,18 +361,88 @@ static Answer ReadAnswer(Reader *reader, const Place &place, const Json &json, R
     return answer;
 }
 
-static void ReadAnswers(Reader *reader, const Place &place, const Json &json, ReplyClass replyClass, AnswerList *list)
+// One answer, or a list of them.
+template <typename ReadOne>
+static void ReadOneOrMore(Reader *reader, const Place &place, const Json &json, const ReadOne &readOne)
 {
-    list->answers.clear();
     if (!json.is_array()) {
-        list->answers.push_back(ReadAnswer(reader, place, json, replyClass));
+        readOne(place, json);
         return;
     }
     if (json.empty()) {
         Report(reader, place, "must not be empty");
     }
     for (size_t i = 0; i < json.size(); ++i) {
-        list->answers.push_back(ReadAnswer(reader, place / i, json[i], replyClass));
+        readOne(place / i, json[i]);
+    }
+}
+
+// Every payload of a shape has the same fields, even one of zeros.
+static bool HasField(const CommandRow &command, std::string_view name)
+{
+    DecodedRequest request;
+    command.payload.decode(std::vector<uint8_t>(command.payload.lengthMin), &request);
+    return std::any_of(request.fields.begin(), request.fields.end(),
+                       [=](const Field &field) { return field.name == name; });
+}
+
+static bool IsFieldValue(const Json &value)
+{
+    return value.is_number() || value.is_string() ||
+           (value.is_array() &&
+            std::all_of(value.begin(), value.end(), [](const Json &text) { return text.is_string(); }));
+}
+
+static std::vector<FieldCondition> ReadConditions(Reader *reader, const Place &place, const Json &json,
+                                                  const CommandRow &command)
+{
+    std::vector<FieldCondition> conditions;
+    if (!IsObject(reader, place, json)) {
+        return conditions;
+    }
+    for (const auto &[key, value] : json.items()) {
+        if (!HasField(command, key)) {
+            Report(reader, place / key, "is no field of this command");
+        } else if (!IsFieldValue(value)) {
+            Report(reader, place / key, "must be a number, a text or a list of texts");
+        }
+        conditions.push_back({key, value});
+    }
+    return conditions;
+}
+
+// The entry that an answer belongs to. Answers without conditions that follow each other make one entry.
+static AnswerEntry &EntryFor(CommandAnswers *command, bool isConditional)
+{
+    std::vector<AnswerEntry> &entries = command->entries;
+    if (isConditional || entries.empty() || entries.back().isConditional) {
+        entries.emplace_back().isConditional = isConditional;
+    }
+    return entries.back();
+}
+
+static void ReadEntry(Reader *reader, const Place &place, Json json, CommandAnswers *command)
+{
+    const bool isConditional = json.is_object() && json.contains("for");
+    const auto fitsAll = [](const AnswerEntry &entry) { return !entry.isConditional; };
+    if (isConditional && std::any_of(command->entries.begin(), command->entries.end(), fitsAll)) {
+        Report(reader, place, "is never used: an answer without \"for\" stands before it");
+    }
+    AnswerEntry &entry = EntryFor(command, isConditional);
+    const auto readAnswer = [&](const Place &answerPlace, const Json &answer) {
+        entry.answers.push_back(ReadAnswer(reader, answerPlace, answer, command->replyClass));
+    };
+    if (!isConditional) {
+        readAnswer(place, json);
+        return;
+    }
+    entry.conditions = ReadConditions(reader, place / "for", json["for"], *command->command);
+    json.erase("for");
+    if (json.contains("answers")) {
+        RefuseOtherKeys(reader, place, json, {"answers"});
+        ReadOneOrMore(reader, place / "answers", json["answers"], readAnswer);
+    } else {
+        readAnswer(place, json);
     }
 }
 
@@ -372,12 +452,15 @@ static void ReadCommands(Reader *reader, const Place &place, const Json &command
         return;
     }
     for (const auto &[key, value] : commands.items()) {
-        const auto list = book->find(key);
-        if (list == book->end()) {
+        const auto command = book->find(key);
+        if (command == book->end()) {
             Report(reader, place / key, "is no command");
             continue;
         }
-        ReadAnswers(reader, place / key, value, list->second.replyClass, &list->second);
+        ReadOneOrMore(reader, place / key, value,
+                      [&, answers = &command->second](const Place &entryPlace, const Json &entry) {
+                          ReadEntry(reader, entryPlace, entry, answers);
+                      });
     }
 }
 

@@ -37,20 +37,21 @@ std::string AnswerKey(const CommandRow &row, bool allObjects)
     return std::string(row.word) + (allObjects ? " --all" : "");
 }
 
-static void AddAnswer(AnswerBook *book, const std::string &key, ReplyClass replyClass, std::string_view text)
+static void AddCommand(AnswerBook *book, const CommandRow &row, bool allObjects)
 {
-    AnswerList &list = (*book)[key];
-    list.replyClass = replyClass;
-    list.answers.push_back(PlainAnswer(text));
+    CommandAnswers &answers = (*book)[AnswerKey(row, allObjects)];
+    answers.command = &row;
+    answers.replyClass = allObjects ? ReplyClass::Streamed : row.replyClass;
+    answers.builtIn = PlainAnswer(allObjects ? kAllObjectsAnswer : row.answer);
 }
 
 AnswerBook BuiltInAnswers()
 {
     AnswerBook book;
     for (const CommandRow &row : AllCommands()) {
-        AddAnswer(&book, AnswerKey(row, false), row.replyClass, row.answer);
+        AddCommand(&book, row, false);
         if (row.streamsForAllObjects) {
-            AddAnswer(&book, AnswerKey(row, true), ReplyClass::Streamed, kAllObjectsAnswer);
+            AddCommand(&book, row, true);
         }
     }
     return book;
@@ -67,14 +68,43 @@ static const Answer &Refusal()
     return refusal;
 }
 
-const Answer &NextAnswer(AnswerBook *book, const DecodedRequest &request)
+static bool Holds(const FieldCondition &condition, const DecodedRequest &request)
+{
+    return std::any_of(request.fields.begin(), request.fields.end(), [&](const Field &field) {
+        return field.name == condition.name && nlohmann::json::parse(DumpJson(field.value)) == condition.value;
+    });
+}
+
+static bool Fits(const AnswerEntry &entry, const DecodedRequest &request)
+{
+    return std::all_of(entry.conditions.begin(), entry.conditions.end(),
+                       [&](const FieldCondition &condition) { return Holds(condition, request); });
+}
+
+static const Answer &NextAnswer(AnswerEntry *entry)
+{
+    size_t turn = entry->next++;
+    for (const Answer &answer : entry->answers) {
+        if (turn < answer.times) {
+            return answer;
+        }
+        turn -= answer.times;
+    }
+    return entry->answers.back();
+}
+
+ChosenAnswer ChooseAnswer(AnswerBook *book, const DecodedRequest &request)
 {
     if (request.command == nullptr) {
-        return Refusal();
+        return {&Refusal(), false};
     }
-    AnswerList &list = book->find(AnswerKey(*request.command, request.allObjects))->second;
-    const size_t turn = list.next.fetch_add(1);
-    return list.answers[std::min(turn, list.answers.size() - 1)];
+    CommandAnswers &answers = book->find(AnswerKey(*request.command, request.allObjects))->second;
+    for (AnswerEntry &entry : answers.entries) {
+        if (Fits(entry, request)) {
+            return {&NextAnswer(&entry), false};
+        }
+    }
+    return {&answers.builtIn, !answers.entries.empty()};
 }
 
 } // namespace standin

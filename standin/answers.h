@@ -1,11 +1,10 @@
-// What the stand-in answers. Every command has a list of answers that is gone through once, request by request; its
-// last answer is then given for ever.
+// What the stand-in answers. A command has entries, each for some or for all of its requests. An entry's answers are
+// gone through once, one for each request that it answers; from then on it gives the last one.
 #ifndef PLAX_STANDIN_ANSWERS_H
 #define PLAX_STANDIN_ANSWERS_H
 
 #include "protocol_table.h"
 
-#include <atomic>
 #include <chrono>
 #include <map>
 #include <string>
@@ -45,6 +44,7 @@ struct Piece {
 };
 
 struct Answer {
+    uint32_t times = 1; // that it is given before the next one's turn
     uint32_t status = 0;
     std::chrono::milliseconds delay{};
     std::vector<Piece> pieces; // of the payload, or of the stream
@@ -54,21 +54,41 @@ struct Answer {
 
 size_t PayloadSize(const Answer &answer);
 
-struct AnswerList {
-    ReplyClass replyClass;
-    std::vector<Answer> answers; // never empty
-    std::atomic<size_t> next = 0;
+// What a field of a request has to be, as the JSON log writes it.
+struct FieldCondition {
+    std::string name;
+    nlohmann::json value;
 };
 
-using AnswerBook = std::map<std::string, AnswerList, std::less<>>;
+struct AnswerEntry {
+    bool isConditional = false;             // it may have no conditions even so
+    std::vector<FieldCondition> conditions; // all of them have to hold
+    std::vector<Answer> answers;            // never empty
+    size_t next = 0;
+};
+
+struct CommandAnswers {
+    const CommandRow *command;
+    ReplyClass replyClass;
+    Answer builtIn;
+    std::vector<AnswerEntry>
+        entries; // the first one that fits answers; none: the command is left to the built-in answer
+};
+
+using AnswerBook = std::map<std::string, CommandAnswers, std::less<>>;
 
 // What a command's answers are found under: its word. A stream over all objects has answers of its own.
 std::string AnswerKey(const CommandRow &row, bool allObjects);
 
-// One plain answer a command.
+// The built-in answers alone: one plain answer a command.
 AnswerBook BuiltInAnswers();
 
-const Answer &NextAnswer(AnswerBook *book, const DecodedRequest &request);
+struct ChosenAnswer {
+    const Answer *answer;
+    bool isUnmatched; // the command has entries, but none of them fits: the answer is the built-in one
+};
+
+ChosenAnswer ChooseAnswer(AnswerBook *book, const DecodedRequest &request);
 
 } // namespace standin
 

@@ -9,6 +9,11 @@
 
 namespace standin {
 
+std::string DumpJson(const nlohmann::ordered_json &value)
+{
+    return value.dump(-1, ' ', true, nlohmann::ordered_json::error_handler_t::replace);
+}
+
 static uint32_t ReadBigEndian(Bytes bytes)
 {
     uint32_t number = 0;

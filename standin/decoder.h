@@ -40,6 +40,9 @@ struct DecodedRequest {
     std::vector<std::string> warnings; // of what the protocol allows, but nobody can have meant
 };
 
+// A value as one line of JSON. Texts that came over the wire may hold any bytes: what is no UTF-8 is replaced.
+std::string DumpJson(const nlohmann::ordered_json &value);
+
 // Both halves of a frame header.
 struct FrameHeader {
     uint32_t codeOrStatus;

@@ -3,6 +3,7 @@
 #include "log_formats.h"
 
 #include "request_command.h"
+#include "status_names.h"
 
 #include <algorithm>
 #include <cctype>
@@ -13,12 +14,6 @@
 namespace standin {
 
 using Json = nlohmann::ordered_json;
-
-// A request's texts may hold any bytes. What is no UTF-8 is replaced, and a line stays one line.
-static std::string Dump(const Json &value)
-{
-    return value.dump(-1, ' ', true, Json::error_handler_t::replace);
-}
 
 static std::string TimeText(std::chrono::system_clock::time_point time)
 {
@@ -70,7 +65,7 @@ static std::string BareOrQuoted(const Json &value)
     };
     const bool plain =
         !text.empty() && text.find('\0') == std::string::npos && std::all_of(text.begin(), text.end(), isPlain);
-    return plain ? text : Dump(value);
+    return plain ? text : DumpJson(value);
 }
 
 static std::string ListText(const Json &list)
@@ -126,7 +121,12 @@ static std::string FrameText(const SentBytes &sent)
     }
     const FrameHeader header = ReadHeader(sent.head);
     const uint64_t bytes = sent.count - kHeaderSize;
-    std::string text = "status " + StatusText(header.codeOrStatus) + ", " + std::to_string(bytes);
+    const std::string_view name = header.codeOrStatus == 0 ? "" : StatusName(header.codeOrStatus);
+    std::string text = "status " + StatusText(header.codeOrStatus);
+    if (!name.empty()) {
+        text.append(" ").append(name);
+    }
+    text += ", " + std::to_string(bytes);
     return text + (bytes == header.length ? "" : " of " + std::to_string(header.length)) + " bytes";
 }
 
@@ -206,7 +206,13 @@ static Json ReplyJson(const LogEntry &entry)
         return {{framed ? "headerBytes" : "bytes", entry.sent.count}};
     }
     const FrameHeader header = ReadHeader(entry.sent.head);
-    return {{"status", header.codeOrStatus}, {"length", header.length}, {"bytes", entry.sent.count - kHeaderSize}};
+    Json reply = {{"status", header.codeOrStatus}, {"statusHex", StatusText(header.codeOrStatus)}};
+    if (const std::string_view name = StatusName(header.codeOrStatus); !name.empty()) {
+        reply["statusName"] = name;
+    }
+    reply["length"] = header.length;
+    reply["bytes"] = entry.sent.count - kHeaderSize;
+    return reply;
 }
 
 static Json Line(const char *event, std::chrono::system_clock::time_point time)
@@ -238,7 +244,7 @@ std::string FormatRequest(const DecodedRequest &request, LogFormat format)
 {
     switch (format) {
     case LogFormat::Json:
-        return Dump(RequestJson(request));
+        return DumpJson(RequestJson(request));
     case LogFormat::Commands:
         return RequestCommand(request);
     case LogFormat::Text:
@@ -253,7 +259,7 @@ std::string FormatStart(std::string_view kind, std::string_view name, LogFormat 
     if (format == LogFormat::Json) {
         Json line = Line("start", now);
         line[std::string(kind)] = name;
-        return Dump(line);
+        return DumpJson(line);
     }
     return (CommentMark(format) + TimeText(now) + " start: ").append(kind).append(" ").append(BareOrQuoted(name));
 }
@@ -262,7 +268,7 @@ std::string FormatEntry(const LogEntry &entry, LogEvent event, LogFormat format)
 {
     switch (format) {
     case LogFormat::Json:
-        return Dump(EntryJson(entry, event));
+        return DumpJson(EntryJson(entry, event));
     case LogFormat::Commands:
         return event == LogEvent::End ? RequestCommand(entry.request) : std::string();
     case LogFormat::Text:
@@ -280,7 +286,7 @@ std::string FormatSummary(const LogSummary &summary, LogFormat format)
                            {"broken", summary.broken},
                            {"warned", summary.warned},
                            {"commands", summary.counts}};
-        return Dump(line);
+        return DumpJson(line);
     }
     return CommentMark(format) + TimeText(now) + " " + SummaryText(summary);
 }

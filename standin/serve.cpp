@@ -56,6 +56,7 @@ private:
     Progress SendPart(const Part &part);
     Progress Answered(bool whole);
     Progress Finish(std::string end);
+    [[nodiscard]] std::string_view Outcome() const;
     Pause PauseFor(std::chrono::milliseconds time);
     void NoteTime();
 
@@ -69,6 +70,7 @@ private:
     LogTicket ticket_;
     std::shared_ptr<AnswerBook> book_; // keeps the answer
     const Answer *answer_ = nullptr;
+    bool unmatched_ = false; // the answers file says nothing for this request
     std::string header_;
     std::vector<Part> parts_;
     size_t part_ = 0;       // the one that is being sent
@@ -169,7 +171,9 @@ Progress ServeSession::TakeRequest(bool whole)
     LogEntry &logged = ticket_->entry;
     if (whole) {
         book_ = answers_.book;
-        answer_ = &NextAnswer(book_.get(), logged.request);
+        const ChosenAnswer chosen = ChooseAnswer(book_.get(), logged.request);
+        answer_ = chosen.answer;
+        unmatched_ = chosen.isUnmatched;
         logged.fault = NameOf(answer_->fault);
         step_ = &ServeSession::Delay;
         return Delay();
@@ -212,11 +216,20 @@ Progress ServeSession::Delay()
     return over ? Play() : Answered(false);
 }
 
+// Of an answer that was given whole.
+std::string_view ServeSession::Outcome() const
+{
+    if (answer_->fault != Fault::None) {
+        return "fault";
+    }
+    return unmatched_ ? "unmatched" : "answered";
+}
+
 Progress ServeSession::Play()
 {
     LogEntry &entry = ticket_->entry;
     const Fault fault = answer_->fault;
-    entry.outcome = fault == Fault::None ? "answered" : "fault";
+    entry.outcome = Outcome();
     if (ClosesAtOnce(fault)) {
         return Finish(fault == Fault::CloseWithoutReading ? kResetHere : "closed by the stand-in");
     }
@@ -265,7 +278,7 @@ Progress ServeSession::Answered(bool whole)
 {
     LogEntry &entry = ticket_->entry;
     const bool wanted = entry.replyClass != ReplyClass::None || answer_->fault != Fault::None;
-    entry.outcome = !whole && wanted ? "unfinished" : answer_->fault == Fault::None ? "answered" : "fault";
+    entry.outcome = !whole && wanted ? "unfinished" : Outcome();
     NoteTime();
     log_->Release(ticket_);
     shutdown(connection_.socket.Get(), SHUT_WR);

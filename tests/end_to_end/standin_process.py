@@ -82,9 +82,16 @@ def entry(command, code, length, fields=None, *, reply, connection=1, violations
     return {**expected, "fault": fault} if fault else expected
 
 
-def framed(length, status=0):
-    """A whole reply, as the log tells of it."""
-    return {"status": status, "length": length, "bytes": length}
+def framed(length, status=0, announced=None):
+    """A reply with so many bytes of payload, as the log tells of it."""
+    return {"status": status, "statusHex": f"0x{status:08x}", **named(status),
+            "length": length if announced is None else announced, "bytes": length}
+
+
+def named(status):
+    """The name of each status that the tests use and that has one."""
+    names = {0: "Success", 0x0bad0001: "Failure", 0x2bad000b: "EAGAIN", 0x2bad0010: "EBUSY", 0x2bad0016: "EINVAL"}
+    return {"statusName": names[status]} if status in names else {}
 
 
 class Standin:

@@ -7,7 +7,7 @@ import time
 from command_line import INCOMPLETE
 from harness import Outcome, finish_tool, frame, start_tool, tool
 from request_table import COMMANDS, ROWS
-from standin_process import EXAMPLES, PROJECT, Standin, entry, framed, run_standin
+from standin_process import EXAMPLES, PROJECT, Standin, end, entry, framed, run_standin, start_standin
 from jsonschema import Draft202012Validator
 import pytest
 
@@ -42,11 +42,36 @@ def test_status_and_text():
         [entry("fix-concats", 13, 0, reply=framed(4, 5))])
 
 
-@pytest.mark.parametrize("status, code", [("0x2bad000b", 11), ("0xFFFFFFFF", 255), (4294967295, 255)])
-def test_status_without_text(status, code):
+@pytest.mark.parametrize("status, number, code", [
+    ("0x2bad000b", 0x2bad000b, 11), ("0xFFFFFFFF", 0xffffffff, 255), (4294967295, 0xffffffff, 255), ("Success", 0, 0),
+    ("Failure", 0x0bad0001, 1), ("EAGAIN", 0x2bad000b, 11), ("EBUSY", 0x2bad0010, 16), ("EPERM", 0x2bad0001, 1),
+    ("EHWPOISON", 0x2bad0085, 133)])
+def test_status_without_text(status, number, code):
     outcome, entries = run("fix-concats", {"status": status}, "fix-concats")
     assert outcome.code == code
-    assert entries == [entry("fix-concats", 13, 0, reply=framed(0, int(str(status), 0)))]
+    assert (entries[0]["reply"]["status"], entries[0]["reply"]["statusHex"]) == (number, f"0x{number:08x}")
+
+
+@pytest.mark.parametrize("status, shown", [
+    (0, "0x00000000"), (0x0bad0001, "0x0bad0001 Failure"), (0x2bad000b, "0x2bad000b EAGAIN"), (5, "0x00000005"),
+    (0x2bad0fff, "0x2bad0fff"), (0x2bad0000, "0x2bad0000")])
+def test_status_in_the_log(status, shown, tmp_path):
+    log = tmp_path / "log"
+    plaxd = Standin().answers({"fix-concats": {"status": status}})
+    with plaxd:
+        tool("-s", plaxd.path, "fix-concats")
+    assert plaxd.entries[0]["reply"].get("statusName", "") == {0: "Success"}.get(status, shown[11:])
+    process = start_standin("serve", "--socket", str(tmp_path / "s"), "--log", str(log), "--answers",
+                            str(write_answers(tmp_path, {"fix-concats": {"status": status}})))
+    tool("-s", str(tmp_path / "s"), "fix-concats")
+    assert end(process) == (0, b"")
+    assert log.read_text().split(" | ")[1] == f"status {shown}, 0 bytes"
+
+
+def write_answers(folder, commands):
+    file = folder / "answers.json"
+    file.write_text(json.dumps({"answers": commands}))
+    return file
 
 
 def test_nothing_said():
@@ -62,6 +87,86 @@ def test_list_of_answers():
         shown = [tool("-s", plaxd.path, "info-rebalance", "-a").stdout for _ in range(4)]
         codes = [tool("-s", plaxd.path, "fix-concats").code for _ in range(3)]
     assert (shown, codes) == ([b"one\n", b"two\n", b"three\n", b"three\n"], [1, 0, 0])
+
+
+def test_repeated_answers():
+    answers = {"info-rebalance": [{"text": "one", "times": 3}, {"text": "two"}, {"text": "three", "times": 2}]}
+    assert fits_schema({"answers": answers})
+    with Standin().answers(answers) as plaxd:
+        shown = [tool("-s", plaxd.path, "info-rebalance", "-a").stdout.decode().strip() for _ in range(8)]
+    assert shown == ["one", "one", "one", "two", "three", "three", "three", "three"]
+
+
+# ---- Answers by request ----
+
+A = "0a0a0a0a-0a0a-0a0a-0a0a-0a0a0a0a0a0a"
+B = "0b0b0b0b-0b0b-0b0b-0b0b-0b0b0b0b0b0b"
+
+
+def test_first_entry_that_fits_answers():
+    answers = {"what-if-entity-decom": [
+        {"for": {"uuid": A, "decomMode": 2}, "answers": [{"text": "A2 first"}, {"text": "A2 then"}]},
+        {"for": {"uuid": A}, "text": "A", "times": 2},
+        {"for": {"ensureDurability": 1}, "status": "EBUSY"},
+        {"text": "rest first"}, {"text": "rest then"}]}
+    assert fits_schema({"answers": answers})
+    asked = [("-u", A, "-d", "2"), ("-u", A), ("-u", B), ("-u", A, "-d", "2"), ("-u", A, "-e"), ("-u", B, "-e"),
+             ("-u", B), ("-u", A, "-e", "-d", "2"), ("-u", B, "-d", "2")]
+    with Standin().answers(answers) as plaxd:
+        runs = [tool("-s", plaxd.path, "what-if-entity-decom", *options) for options in asked]
+    assert [run.stdout.decode().strip() for run in runs] == [
+        "A2 first", "A", "rest first", "A2 then", "A", "", "rest then", "A2 then", "rest then"]
+    assert [run.code for run in runs] == [0, 0, 0, 0, 0, 16, 0, 0, 0]
+    assert plaxd.summary["commands"] == {"what-if-entity-decom": {"answered": 9}}
+
+
+def test_unmatched():
+    with Standin().answers({"info-rebalance": {"for": {"uuid": A}, "text": "A"}}) as plaxd:
+        assert tool("-s", plaxd.path, "info-rebalance", "-u", B) == Outcome(b"bytes to move: 0\n", b"", 0)
+        assert tool("-s", plaxd.path, "info-rebalance", "-u", A) == Outcome(b"A\n", b"", 0)
+        assert tool("-s", plaxd.path, "fix-concats").code == 0
+    assert plaxd.entries == [
+        entry("info-rebalance", 14, 36, {"uuid": B}, reply=framed(16), outcome="unmatched"),
+        entry("info-rebalance", 14, 36, {"uuid": A}, reply=framed(1), connection=2),
+        entry("fix-concats", 13, 0, reply=framed(16), connection=3)]
+    assert plaxd.summary["commands"] == {"fix-concats": {"answered": 1},
+                                         "info-rebalance": {"answered": 1, "unmatched": 1}}
+
+
+@pytest.mark.parametrize("condition, words, others", [
+    ({"level": "two words"}, ["two words"], ["two"]),
+    ({"level": "\N{REPLACEMENT CHARACTER}a"}, [b"\xffa"], [b"a"]),
+    ({"level": ""}, [""], ["0"]),
+    ({}, ["any"], None),
+])
+def test_texts_are_those_of_the_log(condition, words, others):
+    with Standin().answers({"log-level": {"for": condition, "status": 7}}) as plaxd:
+        assert tool("-s", plaxd.path, "log-level", *words).code == 7
+        if others is not None:
+            assert tool("-s", plaxd.path, "log-level", *others).code == 0
+    assert [line["outcome"] for line in plaxd.entries] == ["answered", "unmatched"][:len(plaxd.entries)]
+    assert {**plaxd.entries[0]["fields"], **condition} == plaxd.entries[0]["fields"]
+
+
+def test_lists_and_reals_are_compared():
+    answers = {"set-global-exclusion-list": {"for": {"exclusionList": [A, B]}, "status": 7},
+               "start-proactive-rebalance": [{"for": {"varianceThreshold": 0.25}, "status": 8},
+                                             {"for": {"varianceThreshold": "nan"}, "status": 9}],
+               "get-obj-crawler-state --all": {"for": {"all": 1}, "text": "all"}}
+    with Standin().answers(answers) as plaxd:
+        codes = [tool("-s", plaxd.path, *words).code for words in (
+            ["set-global-exclusion-list", "-x", f"{A},{B}"], ["set-global-exclusion-list", "-x", f"{B},{A}"],
+            ["start-proactive-rebalance", "1", "0.25"], ["start-proactive-rebalance", "1", "nan"],
+            ["start-proactive-rebalance", "1", "0.5"])]
+        assert tool("-s", plaxd.path, "get-obj-crawler-state", "-a").stdout == b"all"
+    assert codes == [7, 0, 8, 9, 0]
+
+
+def test_request_without_its_fields_fits_no_conditions():
+    """One byte is missing, so the log shows no fields of it."""
+    with Standin().answers({"crawler": [{"for": {"uuid": A}, "status": 7}]}) as plaxd:
+        assert plaxd.exchange(frame(2, A[:-1].encode())) == frame(0, b"queued")
+    assert plaxd.entries[0]["outcome"] == "unmatched"
 
 
 def test_commands_left_out_are_answered():
@@ -149,20 +254,20 @@ def test_announce_more():
     answer = {"fault": "announce-more", "faultBytes": 1000, "text": "0123456789"}
     assert faulty("info-rebalance", answer, "info-rebalance", "-a") == (
         Outcome(b"\n", INCOMPLETE, 0), "announce-more", "fault", "client closed",
-        {"status": 0, "length": 1000, "bytes": 10})
+        framed(10, announced=1000))
 
 
 def test_garbage():
     """The tool takes the first bytes for a header that announces more than comes."""
     assert faulty("info-rebalance", {"fault": "garbage"}, "info-rebalance", "-a") == (
         Outcome(b"\n", INCOMPLETE, 0), "garbage", "fault", "client closed",
-        {"status": 0xdeadbeef, "length": 1044942, "bytes": 4})
+        framed(4, 0xdeadbeef, announced=1044942))
 
 
 def test_garbage_of_ones_own():
     assert faulty("fix-concats", {"fault": "garbage", "text": "\0\0\0\3\0\0\0\1x"}, "fix-concats") == (
         Outcome(b"", b"Error received: Status 0x00000003: x\n", 3), "garbage", "fault", "client closed",
-        {"status": 3, "length": 1, "bytes": 1})
+        framed(1, 3))
 
 
 def test_stay_silent():
@@ -257,8 +362,31 @@ WRONG = [
     ({"answers": {"crawler": {"status": 4294967296}}}, ["/answers/crawler/status: " + STATUS], True),
     ({"answers": {"crawler": {"status": 0.5}}}, ["/answers/crawler/status: " + STATUS], True),
     *[({"answers": {"crawler": {"status": text}}},
-       ['/answers/crawler/status: must be a number, or a text such as "0x0bad0001"'], True)
-      for text in ("", "0x", "5", "0X5", "0x5g", "0x123456789", "0x-1")],
+       ['/answers/crawler/status: must be a number, or a text such as "EAGAIN" or "0x2bad000b"'], schema_tells)
+      for text, schema_tells in [("", True), ("0x", True), ("5", True), ("0X5", True), ("0x5g", True),
+                                 ("0x123456789", True), ("0x-1", True), ("success", True), ("eagain", True),
+                                 ("EAGAI", False), ("EAGAIN ", True)]],
+    *[({"answers": {"crawler": {"times": times}}},
+       ["/answers/crawler/times: must be a whole number from 1 to 4294967295"], True)
+      for times in (0, "2", 4294967296)],
+    ({"answers": {"crawler": {"for": 5}}}, ["/answers/crawler/for: must be an object"], True),
+    ({"answers": {"crawler": {"for": {"UUID": "", "decomMode": 2}}}},
+     ["/answers/crawler/for/UUID: is no field of this command",
+      "/answers/crawler/for/decomMode: is no field of this command"], False),
+    ({"answers": {"fix-concats": {"for": {"uuid": ""}}}},
+     ["/answers/fix-concats/for/uuid: is no field of this command"], False),
+    *[({"answers": {"crawler": [{"for": {"uuid": value}}]}},
+       ["/answers/crawler/0/for/uuid: must be a number, a text or a list of texts"], True)
+      for value in (None, True, {}, [5])],
+    ({"answers": {"crawler": [{"for": {}, "answers": []}, {"for": {}, "answers": 5}]}},
+     ["/answers/crawler/0/answers: must not be empty", "/answers/crawler/1/answers: must be an object"], True),
+    ({"answers": {"crawler": {"for": {}, "answers": [{"for": {}}, {"status": -1}], "text": ""}}},
+     ["/answers/crawler/text: is not known here", "/answers/crawler/answers/0/for: is not known here",
+      "/answers/crawler/answers/1/status: " + STATUS], True),
+    ({"answers": {"crawler": {"answers": [{}]}}}, ["/answers/crawler/answers: is not known here"], True),
+    ({"answers": {"crawler": [{"text": ""}, {"for": {}}, {"text": ""}, {"for": {"uuid": ""}}]}},
+     ['/answers/crawler/1: is never used: an answer without "for" stands before it',
+      '/answers/crawler/3: is never used: an answer without "for" stands before it'], False),
     ({"answers": {"crawler": {"text": 5}}}, ["/answers/crawler/text: must be a text"], True),
     ({"answers": {"crawler": {"file": 5}}}, ["/answers/crawler/file: must be a text"], True),
     ({"answers": {"crawler": {"text": "", "pieces": [{"text": ""}]}}},

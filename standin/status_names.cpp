@@ -1,0 +1,42 @@
+// The C library knows the names of its errno numbers.
+
+#include "status_names.h"
+
+#include "return_status.h"
+
+#include <cstring>
+
+namespace standin {
+
+// Linux gives out no higher number.
+static constexpr uint32_t kErrnoMax = 4095;
+
+std::string_view StatusName(uint32_t status)
+{
+    if (status == kStatusSuccess) {
+        return "Success";
+    }
+    if (status == kStatusFailure) {
+        return "Failure";
+    }
+    const uint32_t error = status - kStatusSystemErrorBase;
+    const char *name = error >= 1 && error <= kErrnoMax ? strerrorname_np(static_cast<int>(error)) : nullptr;
+    return name != nullptr ? name : "";
+}
+
+std::optional<uint32_t> StatusNamed(std::string_view name)
+{
+    for (const uint32_t status : {kStatusSuccess, kStatusFailure}) {
+        if (StatusName(status) == name) {
+            return status;
+        }
+    }
+    for (uint32_t error = 1; error <= kErrnoMax; ++error) {
+        if (!name.empty() && StatusName(kStatusSystemErrorBase + error) == name) {
+            return kStatusSystemErrorBase + error;
+        }
+    }
+    return std::nullopt;
+}
+
+} // namespace standin
