@@ -41,8 +41,10 @@ isolated() {
 environment=(env --ignore-environment HOME=/root LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive
     PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin)
 
+# The root is a mount of its own in there, as that of a machine.
 in_root() {
-    isolated sh -c "mount -t proc proc '$root/proc' && exec chroot '$root' \"\$@\"" sh "${environment[@]}" "$@"
+    isolated sh -c "mount --bind '$root' '$root' && mount -t proc proc '$root/proc' && exec chroot '$root' \"\$@\"" \
+        sh "${environment[@]}" "$@"
 }
 
 # What is there, but for the notes that dpkg, rpm, the loader, the manual and the shells keep about all that is installed.
