@@ -63,3 +63,6 @@ step 0 cat standin.log
 echo "# A script that knows nothing of the stand-in, and the commands that it has sent"
 step 0 plaxd-standin rehearse --log rehearsal.log --format commands -- sh -c 'plax-tool -a crawler && plax-tool stats'
 step 0 cat rehearsal.log
+echo "# The same script, held to those commands, and another one"
+step 0 plaxd-standin rehearse --expect rehearsal.log -- sh -c 'plax-tool -a crawler && plax-tool stats'
+step 1 plaxd-standin rehearse --expect rehearsal.log -- plax-tool stats

@@ -8,6 +8,7 @@
 #include "status_names.h"
 
 #include <algorithm>
+#include <cctype>
 #include <charconv>
 #include <filesystem>
 #include <initializer_list>
@@ -358,6 +359,8 @@ static Answer ReadAnswer(Reader *reader, const Place &place, const Json &json, R
     if (IsFrameFault(answer.fault)) {
         answer.faultBytes = ReadFaultBytes(reader, place, json, answer);
     }
+    const std::string &lastStep = place.back(); // a number in a list, else a key, which begins with a letter
+    answer.listPlace = isdigit(static_cast<unsigned char>(lastStep.front())) != 0 ? place.to_string() : "";
     return answer;
 }
 

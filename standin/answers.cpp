@@ -107,4 +107,26 @@ ChosenAnswer ChooseAnswer(AnswerBook *book, const DecodedRequest &request)
     return {&answers.builtIn, !answers.entries.empty()};
 }
 
+static void AddUnused(const AnswerEntry &entry, std::vector<std::string> *places)
+{
+    size_t turn = 0; // in which the answer is given first
+    for (const Answer &answer : entry.answers) {
+        if (!answer.listPlace.empty() && entry.next <= turn) {
+            places->push_back(answer.listPlace);
+        }
+        turn += answer.times;
+    }
+}
+
+std::vector<std::string> UnusedAnswers(const AnswerBook &book)
+{
+    std::vector<std::string> places;
+    for (const auto &[key, command] : book) {
+        for (const AnswerEntry &entry : command.entries) {
+            AddUnused(entry, &places);
+        }
+    }
+    return places;
+}
+
 } // namespace standin

@@ -50,6 +50,7 @@ struct Answer {
     std::vector<Piece> pieces; // of the payload, or of the stream
     Fault fault = Fault::None;
     uint32_t faultBytes = 0; // of the header that is cut, or announced
+    std::string listPlace;   // of an answer in a list: its place in the answers file
 };
 
 size_t PayloadSize(const Answer &answer);
@@ -89,6 +90,9 @@ struct ChosenAnswer {
 };
 
 ChosenAnswer ChooseAnswer(AnswerBook *book, const DecodedRequest &request);
+
+// The places of those answers in lists that have never been given.
+std::vector<std::string> UnusedAnswers(const AnswerBook &book);
 
 } // namespace standin
 

@@ -130,6 +130,7 @@ static CLI::App *AddDaemon(CLI::App *app, const char *name, const char *help, Se
 static void AddAnswers(CLI::App *command, Settings *settings)
 {
     AddValue(command, "--answers", &settings->answersPath, " FILE", "Take answers and faults from this JSON file");
+    AddValue(command, "--expect", &settings->expectPath, " FILE", "Exit with status 1 unless these requests came");
 }
 
 static void AddRehearse(CLI::App *app, Settings *settings, TypedValues *typed)

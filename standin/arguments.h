@@ -22,6 +22,7 @@ struct Settings {
     std::string socketPath;
     mode_t socketMode = 0600;
     std::string answersPath; // empty: the built-in answers
+    std::string expectPath;  // empty: any requests
     std::string daemonPath = "/var/run/plaxd.uds";
     std::string requestPath; // of the bytes to decode
     std::string logPath = "-";

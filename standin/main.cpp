@@ -2,6 +2,7 @@
 
 #include "answer_file.h"
 #include "arguments.h"
+#include "expectations.h"
 #include "rehearse.h"
 #include "relay.h"
 #include "serve.h"
@@ -80,19 +81,31 @@ static void Announce(const Settings &settings)
     }
 }
 
-using MakeSession = std::function<std::unique_ptr<Session>(Connection connection, const Watch &watch, Log *log)>;
+namespace {
 
-static int RunDaemon(const Settings &settings, const MakeSession &make, const std::function<void()> &reload)
+// What tells one daemon from another.
+struct Daemon {
+    std::function<std::unique_ptr<Session>(Connection connection, const Watch &watch, Log *log)> make;
+    std::function<void()> reload = [] {};
+    Log::Observer observe = [](const LogEntry &, LogEvent) {};
+    std::function<bool()> judge = [] { return true; }; // at the end: whether all went as it should
+};
+
+} // namespace
+
+static int RunDaemon(const Settings &settings, const Daemon &daemon)
 {
     RaiseDescriptorLimit();
     Descriptor logFile = OpenLogFile(settings.logPath);
     Signals signals;
     Log log(settings.logPath, std::move(logFile), settings.format);
     Listener listener = OpenListener(settings.socketPath, settings.socketMode);
-    Server server(listener, &signals, &log,
-                  [&](Connection connection, const Watch &watch) { return make(std::move(connection), watch, &log); });
+    Server server(listener, &signals, &log, [&](Connection connection, const Watch &watch) {
+        return daemon.make(std::move(connection), watch, &log);
+    });
+    log.Observe(daemon.observe);
     server.OnReload([&] {
-        reload();
+        daemon.reload();
         log.File().Reopen();
     });
     Announce(settings);
@@ -107,7 +120,8 @@ static int RunDaemon(const Settings &settings, const MakeSession &make, const st
         EndAtOnce(&listener, &log);
     }
     CloseListener(&listener);
-    return EndLog(settings, &log);
+    const int status = EndLog(settings, &log);
+    return daemon.judge() ? status : kExitFailure;
 }
 
 static std::shared_ptr<AnswerBook> ReadAnswers(const Settings &settings)
@@ -125,14 +139,67 @@ static void ReloadAnswers(const Settings &settings, Answers *answers)
     }
 }
 
+namespace {
+
+struct Inputs {
+    Answers answers;
+    Expectations expectations;
+};
+
+} // namespace
+
+// Returns what is wrong, or nothing.
+static std::string ErrorsOf(const std::function<void()> &read)
+{
+    try {
+        read();
+    } catch (const std::exception &error) {
+        return error.what();
+    }
+    return {};
+}
+
+// The errors of both files are told at once.
+static Inputs ReadInputs(const Settings &settings)
+{
+    Inputs inputs;
+    std::string errors = ErrorsOf([&] { inputs.answers.book = ReadAnswers(settings); });
+    if (!settings.expectPath.empty()) {
+        const std::string more = ErrorsOf([&] { inputs.expectations = ReadExpectations(settings.expectPath); });
+        errors.append(errors.empty() || more.empty() ? "" : "\n").append(more);
+    }
+    if (!errors.empty()) {
+        throw std::runtime_error(errors);
+    }
+    return inputs;
+}
+
+static bool GaveAllAnswers(const Settings &settings, const AnswerBook &book)
+{
+    const std::vector<std::string> unused = UnusedAnswers(book);
+    for (const std::string &place : unused) {
+        Report(settings.answersPath + ": " + place + ": the answer was never given");
+    }
+    return unused.empty();
+}
+
 static int Serve(const Settings &settings)
 {
-    Answers answers{ReadAnswers(settings)};
-    const auto make = [&](Connection connection, const Watch &watch, Log *log) {
-        static_cast<void>(watch);
-        return MakeServeSession(std::move(connection), answers, log);
+    Inputs inputs = ReadInputs(settings);
+    RequestList requests;
+    Daemon daemon;
+    daemon.make = [&](Connection connection, const Watch & /*watch*/, Log *log) {
+        return MakeServeSession(std::move(connection), inputs.answers, log);
     };
-    return RunDaemon(settings, make, [&] { ReloadAnswers(settings, &answers); });
+    daemon.reload = [&] { ReloadAnswers(settings, &inputs.answers); };
+    if (!settings.expectPath.empty()) {
+        daemon.observe = [&](const LogEntry &entry, LogEvent event) { NoteRequest(entry, event, &requests); };
+        daemon.judge = [&] {
+            const bool met = MeetExpectations(inputs.expectations, requests.commands);
+            return GaveAllAnswers(settings, *inputs.answers.book) && met;
+        };
+    }
+    return RunDaemon(settings, daemon);
 }
 
 static int Relay(const Settings &settings)
@@ -141,10 +208,11 @@ static int Relay(const Settings &settings)
     if (settings.daemonPath == settings.socketPath) {
         throw std::runtime_error(settings.socketPath + ": a relay to itself");
     }
-    const auto make = [&](Connection connection, const Watch &watch, Log *log) {
+    Daemon daemon;
+    daemon.make = [&](Connection connection, const Watch &watch, Log *log) {
         return MakeRelaySession(std::move(connection), watch, settings.daemonPath, log);
     };
-    return RunDaemon(settings, make, [] {});
+    return RunDaemon(settings, daemon);
 }
 
 static int RehearseScript(const Settings &settings)

@@ -7,8 +7,8 @@
 #include "shell_words.h"
 
 #include <algorithm>
-#include <cstring>
 #include <limits>
+#include <map>
 
 namespace standin {
 
@@ -242,6 +242,94 @@ std::string RequestCommand(const DecodedRequest &request)
     CommandWords words = WordsOf(request);
     CheckMoveTarget(request, &words);
     return words.reasons.empty() ? Line(request.command->word, words) : Comment(request, words.reasons);
+}
+
+// ---- A line that was typed ----
+
+namespace {
+
+struct TypedCommand {
+    std::map<const FieldRow *, std::string> options; // in the order of the rows, which is that of the fields
+    std::vector<std::string> rest;                   // the command word and its operands
+};
+
+} // namespace
+
+static const FieldRow *FindOption(std::string_view option)
+{
+    const auto *row = std::find_if(std::begin(kFieldRows), std::end(kFieldRows), [&](const FieldRow &candidate) {
+        return candidate.option != nullptr && option == candidate.option;
+    });
+    return row == std::end(kFieldRows) ? nullptr : row;
+}
+
+// Returns how many words the option takes.
+static size_t TakeOption(std::span<const std::string> words, TypedCommand *typed, std::string *error)
+{
+    const FieldRow *row = FindOption(words.front());
+    if (row == nullptr) {
+        *error = "unknown option: " + words.front();
+        return 1;
+    }
+    if (row->add == AddFlag) {
+        typed->options[row] = "";
+        return 1;
+    }
+    if (words.size() == 1) {
+        *error = words.front() + " needs a value";
+        return 1;
+    }
+    typed->options[row] = words[1]; // the last one counts
+    return 2;
+}
+
+static TypedCommand TakeTyped(std::span<const std::string> words, std::string *error)
+{
+    TypedCommand typed;
+    bool optionsEnd = false;
+    while (!words.empty()) {
+        size_t count = 1;
+        if (optionsEnd || words.front().size() < 2 || words.front()[0] != '-') {
+            typed.rest.push_back(words.front());
+        } else if (words.front() == "--") {
+            optionsEnd = true;
+        } else {
+            count = TakeOption(words, &typed, error);
+        }
+        words = words.subspan(count);
+    }
+    return typed;
+}
+
+static bool IsCommand(const std::string &word)
+{
+    const auto commands = AllCommands();
+    return std::any_of(commands.begin(), commands.end(), [&](const CommandRow &row) { return row.word == word; });
+}
+
+std::string TidyCommand(std::span<const std::string> words, std::string *error)
+{
+    if (words.front() != "plax-tool") {
+        *error = "the command is not plax-tool: " + words.front();
+        return {};
+    }
+    const TypedCommand typed = TakeTyped(words.subspan(1), error);
+    if (!error->empty()) {
+        return {};
+    }
+    if (typed.rest.empty() || !IsCommand(typed.rest.front())) {
+        *error = typed.rest.empty() ? "no command word" : "unknown command word: " + typed.rest.front();
+        return {};
+    }
+    CommandWords tidy;
+    for (const auto &[row, value] : typed.options) {
+        tidy.options.emplace_back(row->option);
+        if (row->add != AddFlag) {
+            tidy.options.push_back(value);
+        }
+    }
+    tidy.operands.assign(typed.rest.begin() + 1, typed.rest.end());
+    return Line(typed.rest.front(), tidy);
 }
 
 } // namespace standin

@@ -4,6 +4,7 @@
 
 #include "decoder.h"
 
+#include <span>
 #include <string>
 
 namespace standin {
@@ -11,6 +12,10 @@ namespace standin {
 // The command line of plax-tool that sends exactly the request's bytes, quoted for a POSIX shell: a text with newlines
 // spans lines. A comment that gives the reasons when the tool cannot send them.
 std::string RequestCommand(const DecodedRequest &request);
+
+// A command line as somebody typed it, with the order and the quotes of the one above. Its options have one letter, and
+// their values stay as they are. When it cannot be a line of plax-tool, *error says why.
+std::string TidyCommand(std::span<const std::string> words, std::string *error);
 
 } // namespace standin
 

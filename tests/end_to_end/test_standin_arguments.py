@@ -35,6 +35,7 @@ options:
   --format FORMAT       text (the default), json or commands
   --strict[=warnings]   Exit with status 1 after violations (and warnings)
   --answers FILE        Take answers and faults from this JSON file
+  --expect FILE         Exit with status 1 unless these requests came
 """
 
 HELP_RELAY = """\
@@ -60,6 +61,7 @@ Run a script and answer its requests.
 options:
   -h, --help            Show this help text and exit
   --answers FILE        Take answers and faults from this JSON file
+  --expect FILE         Exit with status 1 unless these requests came
   --log FILE            Append the log to FILE; default: no log
   --format FORMAT       text (the default), json or commands
   --strict[=warnings]   Exit with status 1 after violations (and warnings)

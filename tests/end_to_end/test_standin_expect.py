@@ -1,0 +1,220 @@
+"""--expect: the requests that came are compared, in their order, with the commands in a file."""
+
+import json
+import random
+import re
+import subprocess
+
+import pytest
+from harness import frame, tool
+from rehearsals import USERS, in_namespaces, rehearsal
+from standin_process import Standin, end, run_standin, start_standin
+
+UUID = "52e6f3a1-0c94-4d1b-9a77-3f2b8c5d6e01"
+
+
+@pytest.fixture(name="stage")
+def make_stage():
+    with rehearsal() as made:
+        yield made
+
+
+def serve(stage, expected, commands, *options, requests=()):
+    """Serves these commands, and these requests after them. Gives the exit status and the messages."""
+    file = stage.file("expected", expected)
+    process = start_standin("serve", "--socket", (path := stage.file("plaxd.uds")), "--log", "/dev/null",
+                            "--expect", file, *options)
+    for words in commands:
+        assert tool("-s", path, *words).code == 0
+    for request in requests:
+        subprocess.run(["socat", "-", f"UNIX-CONNECT:{path}"], input=request, check=True, stdout=subprocess.DEVNULL)
+    code, messages = end(process)
+    return code, messages.decode().replace(file, "FILE")
+
+
+def difference(lines):
+    return 1, "--- FILE\n+++ requests\n" + lines
+
+
+CONCATS, STATS, CANCEL = ["fix-concats"], ["stats"], ["what-if-cancel"]
+
+
+@pytest.mark.parametrize("expected, commands", [
+    ("", []),
+    ("# nothing\n\n", []),
+    ("plax-tool fix-concats\n", [CONCATS]),
+    ("plax-tool fix-concats", [CONCATS]),
+    ("\n# a comment\n  plax-tool   fix-concats  # another\n\n", [CONCATS]),
+    ("plax-tool fix-concats\nplax-tool stats\n", [CONCATS, STATS]),
+    (f"plax-tool what-if-entity-decom -e -d 2 -u {UUID}\n",
+     [["--uuid", UUID, "--ensure-durability", "--decom-mode=2", "what-if-entity-decom"]]),
+    ("plax-tool log-level -- -1\n", [["log-level", "--", "-1"]]),
+    ("plax-tool -- log-level \\-1\n", [["log-level", "--", "-1"]]),
+    ("plax-tool log-level \"it's \\$1\"\n", [["log-level", "it's $1"]]),
+    ("plax-tool log-level it\\'s' $1'\n", [["log-level", "it's $1"]]),
+    ("plax-tool \\\n  log-level 'two\nlines'\nplax-tool stats\n", [["log-level", "two\nlines"], STATS]),
+    ("plax-tool log-level '...'\n", [["log-level", "..."]]),
+    ("plax-tool log-level ''\n", [["log-level", ""]]),
+    ("plax-tool -m 1 -m 2 enable-plax-recovery-mode\n", [["-m", "2", "enable-plax-recovery-mode"]]),
+    ("...\n", []),
+    ("...\n", [CONCATS, STATS]),
+    ("...\n...\n", [CONCATS]),
+    ("...\nplax-tool stats\n", [STATS]),
+    ("...\nplax-tool stats\n", [CONCATS, STATS, STATS]),
+    ("plax-tool stats\n...\n", [STATS, CONCATS]),
+    ("plax-tool stats\n...\nplax-tool stats\n", [STATS, CONCATS, STATS, CONCATS, STATS]),
+])
+def test_met(stage, expected, commands):
+    assert serve(stage, expected, commands) == (0, "")
+
+
+@pytest.mark.parametrize("expected, commands, lines", [
+    ("", [CONCATS], "@@ -0,0 +1 @@\n+plax-tool fix-concats\n"),
+    ("plax-tool stats\n", [], "@@ -1 +0,0 @@\n-plax-tool stats\n"),
+    ("plax-tool stats\nplax-tool fix-concats\n", [CONCATS, STATS],
+     "@@ -1,2 +1,2 @@\n-plax-tool stats\n plax-tool fix-concats\n+plax-tool stats\n"),
+    ("plax-tool -d 1 -u " + UUID + " what-if-entity-decom\n", [["-u", UUID, "-d", "2", "what-if-entity-decom"]],
+     f"@@ -1 +1 @@\n-plax-tool -u {UUID} -d 1 what-if-entity-decom\n+plax-tool -u {UUID} -d 2 what-if-entity-decom\n"),
+    ("plax-tool log-level 'two\nlines'\n", [["log-level", "two\nwords"]],
+     "@@ -1,2 +1,2 @@\n plax-tool log-level 'two\n-lines'\n+words'\n"),
+    ("plax-tool stats\n...\n", [CONCATS, STATS], "@@ -1,2 +1,3 @@\n+plax-tool fix-concats\n plax-tool stats\n ...\n"),
+    ("plax-tool stats\n...\n", [CONCATS, CONCATS, STATS], "@@ -1,2 +1 @@\n-plax-tool stats\n ...\n"),
+    ("...\nplax-tool stats\n", [STATS, CONCATS], "@@ -1,2 +1,3 @@\n ...\n plax-tool stats\n+plax-tool fix-concats\n"),
+    ("plax-tool stats\n...\nplax-tool what-if-cancel\n...\n", [STATS, CONCATS, CONCATS],
+     "@@ -1,4 +1,3 @@\n plax-tool stats\n ...\n-plax-tool what-if-cancel\n ...\n"),
+])
+def test_missed(stage, expected, commands, lines):
+    assert serve(stage, expected, commands) == difference(lines)
+
+
+def test_request_that_no_command_sends(stage):
+    """A comment in the file stands for nothing, so such a request is always a difference, except where any may come."""
+    line = "# plax-tool cannot send this fix-concats: 1 bytes after the end\n"
+    request = frame(13) + b"x"
+    assert serve(stage, line, [], requests=[request]) == difference(f"@@ -0,0 +1 @@\n+{line}")
+    assert serve(stage, "...\n", [], requests=[request]) == (0, "")
+
+
+def test_random_expectations(stage):
+    """A pattern over the same letters says whether they are met."""
+    dice = random.Random(4)
+    met = 0
+    for _ in range(60):
+        letters = "".join(dice.choices("ab.", k=dice.randrange(7)))
+        came = "".join(dice.choices("ab", k=dice.randrange(7)))
+        if dice.random() < 0.5:
+            came = "".join("".join(dice.choices("ab", k=dice.randrange(3))) if letter == "." else letter
+                           for letter in letters)
+        expected = "".join("...\n" if letter == "." else f"plax-tool log-level {letter}\n" for letter in letters)
+        code, messages = serve(stage, expected, [["log-level", letter] for letter in came])
+        matches = re.fullmatch(letters.replace(".", ".*"), came) is not None
+        assert (code, messages == "") == (0 if matches else 1, matches)
+        met += matches
+    assert 10 < met < 50
+
+
+@pytest.mark.parametrize("text, errors", [
+    ("plaxtool stats\n", ["1: the command is not plax-tool: plaxtool"]),
+    ("... more\n", ["1: the command is not plax-tool: ..."]),
+    ("\nplax-tool\n", ["2: no command word"]),
+    ("plax-tool list\n", ["1: unknown command word: list"]),
+    ("plax-tool --uuid=x crawler\n", ["1: unknown option: --uuid=x"]),
+    ("plax-tool -s /tmp/s stats\n", ["1: unknown option: -s"]),
+    ("plax-tool crawler -u\n", ["1: -u needs a value"]),
+    ("plax-tool log-level 'two\nlines\n", ["1: a quote is not closed"]),
+    ('plax-tool log-level "$LEVEL"\n', ["1: $ must stand in single quotes"]),
+    ("plax-tool log-level \"`id`\"\n", ["1: ` must stand in single quotes"]),
+    *((f"plax-tool log-level {character}\n", [f"1: {character} must be quoted"]) for character in "$`;&|<>()*?[~"),
+    ("plax-tool stats; plax-tool stats\n...\nplax-tool list\nplax-tool log-level 'a\nb' $x\nplax-tool stats\n"
+     "x\n", ["1: ; must be quoted", "3: unknown command word: list", "4: $ must be quoted",
+             "7: the command is not plax-tool: x"]),
+])
+def test_errors_in_the_file(stage, text, errors):
+    file = stage.file("expected", text)
+    for words in (["serve", "--socket", stage.file("plaxd.uds"), "--log", stage.log],
+                  ["rehearse", "--log", stage.log]):
+        script = ["--", "touch", stage.file("started")] if words[0] == "rehearse" else []
+        code, output, messages = run_standin(*words, "--expect", file, *script)
+        assert (code, output) == (1, b"")
+        assert messages.decode() == "plaxd-standin: " + "".join(f"{file}:{error}\n" for error in errors)
+
+
+def test_file_that_cannot_be_read(stage):
+    assert run_standin("serve", "--socket", stage.file("plaxd.uds"), "--expect", "none") == (
+        1, b"", b"plaxd-standin: none: No such file or directory\n")
+
+
+def test_errors_in_both_files(stage):
+    expected, answers = stage.file("expected", "x\n"), stage.file("answers.json", "{}")
+    assert run_standin("serve", "--socket", stage.file("plaxd.uds"), "--expect", expected, "--answers", answers) == (
+        1, b"", f"plaxd-standin: {answers}: /: needs \"answers\"\n"
+        f"{expected}:1: the command is not plax-tool: x\n".encode())
+
+
+# ---- Answers that were never given ----
+
+ANSWERS = {"fix-concats": [{"text": "a"}, {"text": "b"}], "stats": {"text": "c"},
+           "get-obj-crawler-state --all": [{"text": "d"}]}
+
+
+@pytest.mark.parametrize("commands, unused", [
+    ([], ["fix-concats/0", "fix-concats/1", "get-obj-crawler-state --all/0"]),
+    ([CONCATS], ["fix-concats/1", "get-obj-crawler-state --all/0"]),
+    ([CONCATS, CONCATS, CONCATS, ["-a", "get-obj-crawler-state"]], []),
+])
+def test_unused_answers(stage, commands, unused):
+    """An answer that is no list is given to any number of requests, also to none."""
+    file = stage.file("answers.json", json.dumps({"answers": ANSWERS}))
+    messages = "".join(f"plaxd-standin: {file}: /answers/{place}: the answer was never given\n" for place in unused)
+    assert serve(stage, "...\n", commands, "--answers", file) == (1 if unused else 0, messages)
+
+
+@pytest.mark.parametrize("level, unused", [
+    ("a", ["0/answers/1", "1"]),
+    ("b", ["0/answers/0", "0/answers/1", "1"]),
+    ("aa", ["0/answers/1", "1"]),
+    ("aaacb", []),
+])
+def test_unused_answers_of_requests(stage, level, unused):
+    """An answer that is given several times was given the first time."""
+    first = {"for": {"level": "a"}, "answers": [{"text": "b", "times": 2}, {"text": "c"}]}
+    file = stage.file("answers.json", json.dumps({"answers": {
+        "log-level": [first, {"for": {"level": "c"}, "text": "c"}],
+        "crawler": {"for": {"uuid": UUID}, "text": "c"}}}))
+    messages = "".join(f"plaxd-standin: {file}: /answers/log-level/{place}: the answer was never given\n"
+                       for place in unused)
+    assert serve(stage, "...\n", [["log-level", letter] for letter in level], "--answers", file) == (
+        1 if unused else 0, messages)
+
+
+def test_answers_may_stay_unused_without_expectations(stage):
+    with Standin().answers(ANSWERS) as plaxd:
+        pass
+    assert plaxd.code == 0
+
+
+# ---- Rehearsals ----
+
+
+@in_namespaces
+@pytest.mark.parametrize("expected, code, status, messages", [
+    ("plax-tool fix-concats\n", 0, 0, ""),
+    ("plax-tool fix-concats\n", 3, 3, ""),
+    ("plax-tool stats\n", 0, 1, "@@ -1 +1 @@\n-plax-tool stats\n+plax-tool fix-concats\n"),
+    ("plax-tool stats\n", 3, 1, "@@ -1 +1 @@\n-plax-tool stats\n+plax-tool fix-concats\n"),
+])
+def test_rehearsal(stage, user, expected, code, status, messages):
+    header = "--- expected\n+++ requests\n" if messages else ""
+    stage.file("expected", expected)
+    assert stage.run("--expect", "expected", "--", "sh", "-c", f"plax-tool fix-concats; exit {code}",
+                     user=USERS[user]) == (status, "", header + messages)
+
+
+@in_namespaces
+def test_log_becomes_the_expectation(stage, user):
+    """A first rehearsal writes what the next one expects."""
+    script = ["--", "sh", "-c", "plax-tool log-level 'a\nb'; plax-tool -a crawler; plax-tool refresh-config-opts"]
+    assert stage.run("--log", "log", "--format", "commands", *script, user=USERS[user]) == (0, "", "")
+    assert stage.run("--expect", "log", *script, user=USERS[user]) == (0, "", "")
+    script[-1] += "; plax-tool stats >/dev/null"
+    assert stage.run("--expect", "log", *script, user=USERS[user])[0] == 1
