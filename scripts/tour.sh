@@ -19,13 +19,9 @@ cd "$folder"
 cat >answers.json <<'JSON'
 {"answers": {"what-if-cancel": {"status": 2, "text": "no what-if operation is running"}}}
 JSON
-plaxd-standin serve --socket plaxd.uds --log standin.log --answers answers.json &
+# Ends the script when the stand-in ends before it is ready.
+read -r < <(plaxd-standin serve --socket plaxd.uds --log standin.log --answers answers.json --ready-fd 1)
 standin=$!
-for ((tries = 0; tries < 100; ++tries)); do
-    [[ ! -S plaxd.uds ]] || break
-    kill -0 "$standin" # it has ended: there is nothing to wait for
-    sleep 0.05
-done
 
 # step EXPECTED WORD...: shows one command line, its output and its exit status, which must be the expected one.
 step() {

@@ -5,6 +5,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include <fcntl.h>
+
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
@@ -21,6 +23,7 @@ struct TypedValues {
     std::string format = "text";
     std::string strict;
     std::string socketMode = "600";
+    std::string readyDescriptor;
 };
 
 struct FormatName {
@@ -124,6 +127,7 @@ static CLI::App *AddDaemon(CLI::App *app, const char *name, const char *help, Se
     AddValue(command, "--socket-mode", &typed->socketMode, " MODE", "Permissions of the socket in octal; default: 600");
     AddValue(command, "--log", &settings->logPath, " FILE", "Append the log to FILE; default: -, standard output");
     AddOutputOptions(command, typed);
+    AddValue(command, "--ready-fd", &typed->readyDescriptor, " N", "Write a newline to descriptor N when ready");
     return command;
 }
 
@@ -224,6 +228,16 @@ static mode_t ReadMode(const std::string &text)
     return mode;
 }
 
+static int ReadDescriptor(const std::string &text)
+{
+    int number = -1;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (!text.empty() && (error != std::errc{} || end != text.data() + text.size() || fcntl(number, F_GETFD) < 0)) {
+        throw UsageError("--ready-fd must be an open descriptor, not " + text);
+    }
+    return number;
+}
+
 // ---- The whole line ----
 
 static int ReportUsageError(const CLI::App &app, const UsageError &error)
@@ -289,6 +303,7 @@ static void Convert(const CLI::App &app, const TypedValues &typed, Settings *set
     settings->format = ReadFormat(typed.format);
     settings->strict = ReadStrictness(typed.strict);
     settings->socketMode = ReadMode(typed.socketMode);
+    settings->readyDescriptor = ReadDescriptor(typed.readyDescriptor);
 }
 
 std::optional<int> ParseArguments(int argumentCount, char **arguments, Settings *settings)

@@ -30,7 +30,7 @@ struct Settings {
     Strictness strict = Strictness::Nothing;
     std::vector<char *> script; // the words after "--", and a null
     bool socketOption = false;
-    int readyDescriptor = -1; // of a rehearsal: told when clients can connect
+    int readyDescriptor = -1; // gets a newline when clients can connect; -1: none
 };
 
 // Fills the settings. Returns the exit status when nothing is left to do: a help text was printed, or the command line

@@ -76,8 +76,13 @@ static void Announce(const Settings &settings)
 {
     if (settings.command != Command::Rehearse) {
         Report("listening on " + settings.socketPath);
-    } else if (write(settings.readyDescriptor, "", 1) < 0) {
-        throw std::runtime_error(SystemError("pipe", errno));
+    }
+    if (settings.readyDescriptor < 0) {
+        return;
+    }
+    Descriptor ready(settings.readyDescriptor);
+    if (write(ready.Get(), "\n", 1) < 0) {
+        Report(SystemError("descriptor " + std::to_string(settings.readyDescriptor), errno));
     }
 }
 

@@ -12,5 +12,5 @@ DOCUMENT = pathlib.Path(__file__).parents[2].joinpath("docs", "fleet.md").read_t
 @pytest.mark.skipif(not STANDIN, reason="this build has no stand-in daemon")
 def test_document(tmp_path):
     steps = read_steps(DOCUMENT)
-    assert len(steps) == 29
+    assert len(steps) == 28
     assert run_steps(steps, tmp_path) == steps

@@ -13,5 +13,5 @@ README = pathlib.Path(__file__).parents[2].joinpath("README.md").read_text(encod
 @pytest.mark.skipif(not STANDIN, reason="this build has no stand-in daemon")
 def test_first_look(tmp_path):
     steps = read_steps(re.search(r"^## A first look\n(.*?)^## ", README, flags=re.MULTILINE | re.DOTALL).group(1))
-    assert len(steps) == 10
+    assert len(steps) == 9
     assert run_steps(steps, tmp_path) == steps

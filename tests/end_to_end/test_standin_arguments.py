@@ -34,6 +34,7 @@ options:
   --log FILE            Append the log to FILE; default: -, standard output
   --format FORMAT       text (the default), json or commands
   --strict[=warnings]   Exit with status 1 after violations (and warnings)
+  --ready-fd N          Write a newline to descriptor N when ready
   --answers FILE        Take answers and faults from this JSON file
   --expect FILE         Exit with status 1 unless these requests came
 """
@@ -50,6 +51,7 @@ options:
   --log FILE            Append the log to FILE; default: -, standard output
   --format FORMAT       text (the default), json or commands
   --strict[=warnings]   Exit with status 1 after violations (and warnings)
+  --ready-fd N          Write a newline to descriptor N when ready
   --to PATH             Socket of the daemon; default: /var/run/plaxd.uds
 """
 
@@ -125,6 +127,8 @@ def test_no_command(words, message):
     (["rehearse", "--"], "a script is required after --"),
     (["rehearse", "script"], "unexpected argument: script"),
     (["rehearse", "--socket", "s", "--", "script"], "unknown option: --socket"),
+    *[(["serve", "--socket", "s", "--ready-fd", text], f"--ready-fd must be an open descriptor, not {text}")
+      for text in ("99", "-1", "x", "1x", "99999999999")],
     *[(["serve", "--socket", "s", "--socket-mode", text], f"--socket-mode must be octal, from 0 to 777, not {text}")
       for text in ("8", "1000", "-1", "0o600", "rw", "600 ")],
 ])
