@@ -15,6 +15,7 @@ usage: scripts/check-sanitizers.sh [--help] [CHECKER...]
 Builds and runs the tests under each CHECKER, or under all of them:
 
   address    all tests with AddressSanitizer and UndefinedBehaviorSanitizer
+  thread     the stand-in's tests with ThreadSanitizer
   memory     the tool's end-to-end tests with MemorySanitizer
   valgrind   the core of the end-to-end tests, on the release build, with memcheck
 TEXT
@@ -34,6 +35,16 @@ end_to_end() {
 
 check_address() {
     scripts/test.sh sanitize
+}
+
+check_thread() {
+    local build=$PWD/build/thread
+    cmake --preset thread >/dev/null
+    cmake --build --preset thread --target plaxd-standin plax-tool standin-unit-tests
+    g++ -fsanitize=thread tests/valgrind/race.cpp -o "$build/race"
+    ! "$build/race" 2>/dev/null || fail "ThreadSanitizer does not notice a race"
+    ctest --preset thread
+    PLAXD_STANDIN=$build/bin/plaxd-standin end_to_end 4 "$build/sbin/plax-tool" tests/end_to_end/test_standin_*.py
 }
 
 # A reply of gigabytes is not for MemorySanitizer, which would write two bytes of its own for each.
@@ -102,12 +113,12 @@ check_valgrind() {
     ((!failed))
 }
 
-checkers=(address memory valgrind)
+checkers=(address thread memory valgrind)
 chosen=()
 while (($#)); do
     case $1 in
     -h | --help) usage && exit 0 ;;
-    address | memory | valgrind) chosen+=("$1") ;;
+    address | thread | memory | valgrind) chosen+=("$1") ;;
     *) usage >&2 && exit 2 ;;
     esac
     shift

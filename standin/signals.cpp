@@ -22,6 +22,7 @@ Signals::Signals()
     }
     sigprocmask(SIG_BLOCK, &signals, nullptr);
     signal(SIGPIPE, SIG_IGN);
+    signal(SIGXFSZ, SIG_IGN);
 }
 
 int Signals::Next()

@@ -6,7 +6,8 @@
 
 namespace standin {
 
-// Blocks SIGTERM, SIGINT and SIGHUP, so it must be made before the first thread starts. SIGPIPE is ignored.
+// Blocks SIGTERM, SIGINT and SIGHUP, so it must be made before the first thread starts. Failed writes
+// are told by errors: SIGPIPE and SIGXFSZ are ignored.
 class Signals {
 public:
     Signals();

@@ -1,0 +1,12 @@
+// Two threads that count without a lock: ThreadSanitizer must object.
+
+#include <thread>
+
+int main()
+{
+    int count = 0;
+    std::thread other([&] { ++count; });
+    ++count;
+    other.join();
+    return count == 2 ? 0 : 1;
+}
