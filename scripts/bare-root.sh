@@ -50,11 +50,12 @@ make_root() {
 root_environment=(env --ignore-environment HOME=/root LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive
     PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin)
 
-# in_root WORD...: runs a command in the root, which is a mount point like any other root.
+# in_root WORD...: runs a command in the root, which becomes that of its namespace: what is merely chrooted may make no
+# namespaces of its own.
 in_root() {
     # shellcheck disable=SC2016
-    isolated sh -c 'mount --bind "$0" "$0" && mount -t proc proc "$0/proc" &&
-        mount -t devpts -o newinstance,ptmxmode=666 devpts "$0/dev/pts" &&
-        mount --bind "$1" "$0/var/cache/apt/archives" && shift && exec chroot "$0" "$@"' \
+    isolated sh -c 'mount --bind "$0" "$0" && cd "$0" && mount -t proc proc proc &&
+        mount -t devpts -o newinstance,ptmxmode=666 devpts dev/pts && mount --bind "$1" var/cache/apt/archives && shift &&
+        pivot_root . . && umount --lazy . && exec "$@"' \
         "$root" "$archives" "${root_environment[@]}" "$@"
 }

@@ -18,11 +18,11 @@ scripts/install-packages.sh build distributions
 for release; do
     start=$SECONDS
     make_root "$release" ca-certificates
-    git clone --quiet --no-hardlinks . "$root/root/plax-tool"
+    git clone --quiet --no-hardlinks . "$root/srv/plax-tool" # where every user may go
     for command in demo test; do
         echo "== $release: scripts/$command.sh"
         log=build/$release-$command.log
-        in_root "/root/plax-tool/scripts/$command.sh" >"$log" 2>&1 || {
+        in_root "/srv/plax-tool/scripts/$command.sh" >"$log" 2>&1 || {
             tail -n 100 "$log"
             exit 1
         }

@@ -15,37 +15,7 @@ fi
 scripts/install-packages.sh build package
 
 build=build/package
-directory=$(mktemp -d)
-root=$directory/root # within it, since users other than root must be able to enter a root directory
-child=
-clean_up() {
-    if [[ -n $child ]]; then
-        kill -KILL "$child" 2>/dev/null || true
-        wait "$child" 2>/dev/null || true
-    fi
-    # What died just now may still have been writing.
-    rm -rf --one-file-system "$directory" || { sleep 1 && rm -rf --one-file-system "$directory"; }
-}
-trap clean_up EXIT
-trap 'exit 130' INT
-trap 'exit 143' TERM HUP
-
-# Mounts and processes of the command end with it. It runs beside the script, which can be interrupted at any time then.
-isolated() {
-    unshare --mount --pid --fork --kill-child "$@" <&0 &
-    child=$!
-    wait "$child"
-    child=
-}
-
-environment=(env --ignore-environment HOME=/root LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive
-    PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin)
-
-# The root is a mount of its own in there, as that of a machine.
-in_root() {
-    isolated sh -c "mount --bind '$root' '$root' && mount -t proc proc '$root/proc' && exec chroot '$root' \"\$@\"" \
-        sh "${environment[@]}" "$@"
-}
+. scripts/bare-root.sh
 
 # What is there, but for the notes that dpkg, rpm, the loader, the manual and the shells keep about all that is installed.
 list_root() {
@@ -102,7 +72,7 @@ check_installation() {
     echo "-- completions"
     check_completions
     echo "-- without /proc"
-    isolated chroot "$root" "${environment[@]}" plax-tool -h | head -n 1
+    isolated chroot "$root" "${root_environment[@]}" plax-tool -h | head -n 1
     echo "-- removal"
     "$@"
     list_root >"$build/after"
@@ -127,12 +97,7 @@ rpmlint --strict --config scripts/rpmlint.toml "${rpms[@]}"
 rpm --query --list --package "${rpms[@]}"
 
 echo "== bare root"
-mkdir "$root"
-isolated debootstrap --variant=minbase --include=bash-completion,fish,man-db,zsh bookworm "$root" \
-    >"$build/debootstrap.log" || {
-    tail "$build/debootstrap.log"
-    exit 1
-}
+make_root bookworm bash-completion fish man-db zsh
 cp scripts/tour.sh "$root/root"
 # Where fish keeps what it finds out when it starts, and rpm its database.
 in_root fish -c true
@@ -166,9 +131,9 @@ check_installation remove_from_local
 
 echo "== release"
 version=$(sed -n 's/^project(plax-tool VERSION \([0-9.]*\) .*/\1/p' CMakeLists.txt)
-git -c safe.directory='*' clone --quiet . "$directory/clone"
-git -C "$directory/clone" tag --force "v$version"
-"$directory/clone/scripts/release.sh" "v$version" "$directory/release-1"
-(umask 077 && TZ=Asia/Tokyo LC_ALL=C "$directory/clone/scripts/release.sh" "v$version" "$directory/release-2")
-diff -r "$directory/release-1" "$directory/release-2"
-cat "$directory/release-1/SHA256SUMS"
+git -c safe.directory='*' clone --quiet . "$bare_root/clone"
+git -C "$bare_root/clone" tag --force "v$version"
+"$bare_root/clone/scripts/release.sh" "v$version" "$bare_root/release-1"
+(umask 077 && TZ=Asia/Tokyo LC_ALL=C "$bare_root/clone/scripts/release.sh" "v$version" "$bare_root/release-2")
+diff -r "$bare_root/release-1" "$bare_root/release-2"
+cat "$bare_root/release-1/SHA256SUMS"

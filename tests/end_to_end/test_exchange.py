@@ -93,7 +93,6 @@ def test_incomplete_payload_is_reported_and_reads_as_success(command):
     (0x2bad001c, b"No space left on device", 0x1c),
     (0x2bad0068, b"Connection reset by peer", 0x68),
     (0x2bad0085, b"Memory page has hardware error", 0x85),
-    (0x2bad0086, b"Unknown error 134", 0x86),
     (0x2bad0fff, b"Unknown error 4095", 0xff),
     (0x2bad1000, b"Status 0x2bad1000", 0x00),
     (0x7fffffff, b"Status 0x7fffffff", 0xff),
