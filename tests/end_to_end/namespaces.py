@@ -13,14 +13,14 @@ def namespaces_work():
                           stderr=subprocess.DEVNULL).returncode == 0
 
 
-def tool_folder(folder, *options):
+def tool_folder(folder, *options, tool=TOOL):
     """Makes a directory for PATH that holds plax-tool, which gets the options before its words."""
     program = os.path.join(folder, "plax-tool")
     if not options and not RUNNER:
-        os.symlink(TOOL, program)
+        os.symlink(tool, program)
         return folder
     with open(program, "w", encoding="utf-8") as file:
-        file.write("#!/bin/sh\nexec " + " ".join([*RUNNER, TOOL, *options]) + ' "$@"\n')
+        file.write("#!/bin/sh\nexec " + " ".join([*RUNNER, tool, *options]) + ' "$@"\n')
     os.chmod(program, 0o755)
     return folder
 

@@ -3,7 +3,9 @@
 Every rehearsal has a directory of its own for temporary files, and fails the test when it leaves something in there.
 """
 
+import atexit
 import contextlib
+import functools
 import json
 import os
 import shutil
@@ -11,7 +13,7 @@ import subprocess
 import tempfile
 
 import pytest
-from harness import PATIENCE, environment
+from harness import PATIENCE, TOOL, environment
 from namespaces import namespaces_work, tool_folder
 from standin_process import STANDIN
 
@@ -19,13 +21,40 @@ SYSTEM_PATH = "/usr/sbin:/usr/bin:/sbin:/bin"  # with nothing that some users ma
 NOBODY = 65534
 ORDINARY = ["setpriv", "--reuid", str(NOBODY), "--regid", str(NOBODY), "--clear-groups"]
 USERS = {"root": [], "ordinary": ORDINARY} if os.geteuid() == 0 else {"ordinary": []}
-# What a test runs under so that the system allows no mount namespaces.
-NO_NAMESPACES = ["unshare", "--user", "--map-root-user", "sh", "-c",
-                 'echo 0 >/proc/sys/user/max_mnt_namespaces && exec "$@"', "sh"]
+OWN_MOUNTS = {"root": ["unshare", "--mount", "mount", "--make-rslave", "/"],
+              "ordinary": ["unshare", "--user", "--mount", "true"]}
+# Those whom the system gives a mount namespace. What the others are told is tested, too.
+ABLE = [user for user, prefix in USERS.items()
+        if subprocess.run([*prefix, *OWN_MOUNTS[user]], check=False, capture_output=True).returncode == 0]
 
 every_user = pytest.mark.parametrize("user", USERS)
-# Where the test run allows no namespaces, what is said there is tested instead.
-in_namespaces = pytest.mark.parametrize("user", USERS if namespaces_work() else [])
+in_namespaces = pytest.mark.parametrize("user", ABLE)
+
+
+def refusing(user):
+    """What a user's test runs under so that the system refuses a mount namespace."""
+    if user not in ABLE:
+        return USERS[user]
+    if not namespaces_work():
+        return ["setpriv", "--bounding-set", "-sys_admin"]
+    return [*USERS[user], "unshare", "--user", "--map-root-user", "sh", "-c",
+            'echo 0 >/proc/sys/user/max_mnt_namespaces && exec "$@"', "sh"]
+
+
+@functools.cache
+def programs():
+    """The stand-in and the tool, or copies of them where the directories they lie in are closed to some user."""
+    if all(subprocess.run([*prefix, "test", "-x", program], check=False).returncode == 0
+           for prefix in USERS.values() for program in (STANDIN, TOOL)):
+        return STANDIN, TOOL
+    folder = tempfile.mkdtemp(prefix="programs-")
+    atexit.register(shutil.rmtree, folder)
+    os.chmod(folder, 0o755)
+    library = os.path.join(os.path.dirname(TOOL), "..", "lib", "plax-tool")
+    if os.path.isdir(library):
+        shutil.copytree(library, os.path.join(folder, "lib", "plax-tool"))
+    os.mkdir(os.path.join(folder, "sbin"))
+    return tuple(shutil.copy(program, os.path.join(folder, "sbin")) for program in (STANDIN, TOOL))
 
 
 class Rehearsal:
@@ -38,7 +67,8 @@ class Rehearsal:
             os.mkdir(self.file(name))
             os.chmod(self.file(name), 0o777)
         self.temporary = self.file("temporary files'")
-        self.tools = tool_folder(self.file("tools"))
+        self.standin, tool = programs()
+        self.tools = tool_folder(self.file("tools"), tool=tool)
         self.log = self.file("log")
 
     def file(self, name, content=None, mode=0o644):
@@ -53,7 +83,7 @@ class Rehearsal:
         return environment(**{"TMPDIR": self.temporary, "PATH": f"{self.tools}:{SYSTEM_PATH}", **changes})
 
     def start(self, *words, user=(), env=None, **options):
-        return subprocess.Popen([*user, STANDIN, "rehearse", *words], cwd=self.folder,
+        return subprocess.Popen([*user, self.standin, "rehearse", *words], cwd=self.folder,
                                 env=self.environment(**(env or {})), stdin=options.pop("stdin", subprocess.DEVNULL),
                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, **options)
 

@@ -3,7 +3,7 @@
 import json
 import random
 import re
-import subprocess
+import socket
 
 import pytest
 from harness import frame, tool
@@ -27,7 +27,9 @@ def serve(stage, expected, commands, *options, requests=()):
     for words in commands:
         assert tool("-s", path, *words).code == 0
     for request in requests:
-        subprocess.run(["socat", "-", f"UNIX-CONNECT:{path}"], input=request, check=True, stdout=subprocess.DEVNULL)
+        with socket.socket(socket.AF_UNIX) as connection:
+            connection.connect(path)
+            connection.sendall(request)
     code, messages = end(process)
     return code, messages.decode().replace(file, "FILE")
 
