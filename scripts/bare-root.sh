@@ -24,10 +24,12 @@ trap 'exit 143' TERM HUP
 
 # Mounts and processes of the command end with it. It runs beside the script, which can be interrupted at any time then.
 isolated() {
+    local status=0
     unshare --mount --pid --fork --kill-child "$@" <&0 &
     child=$!
-    wait "$child"
+    wait "$child" || status=$?
     child=
+    return "$status"
 }
 
 # make_root RELEASE PACKAGE...: makes a root with these packages, all of which are kept in build/archives for the next.
