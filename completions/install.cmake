@@ -1,4 +1,4 @@
-# Installs the completions where the shells look for them. That depends on the prefix, which is known only now.
+# Installs the completions of PLAX_PROGRAM where the shells look for them. That depends on the prefix, which is known only now.
 set(bash_directory ${CMAKE_INSTALL_PREFIX}/share/bash-completion/completions)
 set(zsh_directory ${CMAKE_INSTALL_PREFIX}/share/zsh/site-functions)
 set(fish_directory ${CMAKE_INSTALL_PREFIX}/share/fish/vendor_completions.d)
@@ -9,6 +9,6 @@ elseif(CMAKE_INSTALL_PREFIX STREQUAL "/usr/local")
     # fish searches nothing below this prefix unless XDG_DATA_DIRS says so. This is the administrator's directory.
     set(fish_directory /etc/fish/completions)
 endif()
-file(INSTALL ${PLAX_COMPLETIONS}/plax-tool.bash DESTINATION ${bash_directory} RENAME plax-tool)
-file(INSTALL ${PLAX_COMPLETIONS}/_plax-tool DESTINATION ${zsh_directory})
-file(INSTALL ${PLAX_COMPLETIONS}/plax-tool.fish DESTINATION ${fish_directory})
+file(INSTALL ${PLAX_COMPLETIONS}/${PLAX_PROGRAM}.bash DESTINATION ${bash_directory} RENAME ${PLAX_PROGRAM})
+file(INSTALL ${PLAX_COMPLETIONS}/_${PLAX_PROGRAM} DESTINATION ${zsh_directory})
+file(INSTALL ${PLAX_COMPLETIONS}/${PLAX_PROGRAM}.fish DESTINATION ${fish_directory})

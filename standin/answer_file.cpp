@@ -1,5 +1,5 @@
 // The file is checked whole: a user who has made three mistakes wants to hear of three. A place in the file is a JSON
-// pointer, such as /answers/stats/0/status. docs/standin-answers.schema.json says the same, except for what depends on
+// pointer, such as /answers/stats/0/status. standin-answers.schema.json says the same, except for what depends on
 // the command.
 
 #include "answer_file.h"

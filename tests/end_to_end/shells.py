@@ -145,7 +145,8 @@ def prepare_folder(folder):
 
 def clean_environment(home):
     # fish completes no command that it does not find.
-    path = f"{os.path.dirname(os.environ['PLAX_TOOL'])}:/usr/sbin:/usr/bin:/sbin:/bin"
+    built = ":".join(os.path.dirname(os.environ[name]) for name in ("PLAX_TOOL", "PLAXD_STANDIN") if name in os.environ)
+    path = f"{built}:/usr/sbin:/usr/bin:/sbin:/bin"
     return {"HOME": home, "PATH": path, "LC_ALL": "C.UTF-8"}
 
 

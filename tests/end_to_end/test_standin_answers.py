@@ -14,7 +14,7 @@ import pytest
 RESET = b"Error received: Connection reset by peer: (null)\n"
 TIMED_OUT = b"Error received: Resource temporarily unavailable: (null)\n"
 
-with open(os.path.join(PROJECT, "docs", "standin-answers.schema.json"), encoding="utf-8") as schema_file:
+with open(os.path.join(PROJECT, "standin", "standin-answers.schema.json"), encoding="utf-8") as schema_file:
     SCHEMA = json.load(schema_file)
 
 

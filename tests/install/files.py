@@ -17,6 +17,7 @@ TOOL = {
 
 STANDIN = {
     "-rwxr-xr-x bin/plaxd-standin",
+    "-rw-r--r-- share/bash-completion/completions/plaxd-standin",
     "-rw-r--r-- share/doc/plax-tool-standin/changelog.gz",
     "-rw-r--r-- share/doc/plax-tool-standin/copyright",
     "-rw-r--r-- share/doc/plax-tool-standin/examples/bad-day.json",

@@ -2,7 +2,10 @@
 completions, and that `uninstall` takes all away."""
 
 import gzip
+import json
 import os
+from pathlib import Path
+import re
 import shutil
 import subprocess
 
@@ -34,10 +37,30 @@ def test_files_of_the_tool(installed, prefix, zsh, fish):
 
 
 @needs_standin
-def test_files_of_the_standin(installed):
-    root = installed("/usr", "plax-tool-standin")
-    assert listing(root) == below("/usr", STANDIN)
+@pytest.mark.parametrize("prefix, zsh, fish", [*COMPLETIONS, OTHER_PREFIX])
+def test_files_of_the_standin(installed, prefix, zsh, fish):
+    root = installed(prefix, "plax-tool-standin")
+    completions = {f"-rw-r--r-- {path.replace('plax-tool', 'plaxd-standin')}" for path in (zsh, fish)}
+    assert listing(root) == below(prefix, STANDIN) | completions
     assert directory_modes(root) == {"drwxr-xr-x"}
+
+
+@needs_standin
+def test_examples_name_the_schema_where_it_is(installed):
+    examples = Path(f"{installed('/usr', 'plax-tool-standin')}/usr/share/doc/plax-tool-standin/examples")
+    named = {path.name: json.loads(path.read_text())["$schema"] for path in examples.glob("*.json")}
+    assert named == dict.fromkeys(["bad-day.json", "healthy.json"], "../standin-answers.schema.json")
+    assert json.loads((examples / "../standin-answers.schema.json").read_text())["title"] == "Answers of plaxd-standin"
+
+
+@needs_standin
+@pytest.mark.parametrize("prefix", ["/usr", "/opt/placement"])
+def test_page_names_files_that_are_there(installed, prefix):
+    root = f"{installed(prefix, 'plax-tool-standin')}{prefix}"
+    with gzip.open(f"{root}/share/man/man1/plaxd-standin.1.gz", "rt") as page:
+        named = re.findall(r"^\.It Pa (share/.*)$", page.read(), re.MULTILINE)
+    assert named == ["share/doc/plax-tool-standin/standin-answers.schema.json", "share/doc/plax-tool-standin/examples"]
+    assert all(os.path.exists(f"{root}/{path}") for path in named)
 
 
 @pytest.mark.parametrize("place", ["/usr", "/elsewhere"])
@@ -143,7 +166,7 @@ def test_uninstall_removes_all_but_the_directories_of_the_system(own_manifest, t
     (tmp_path / "usr/local/share/doc").mkdir(parents=True)
     (tmp_path / "usr/local/share/doc/other").touch()
     run_cmake("--install", BUILD, "--prefix", "/usr/local", root=tmp_path)
-    assert len(listing(tmp_path)) == len(TOOL) + 2 + len(STANDIN) + 1
+    assert len(listing(tmp_path)) == len(TOOL) + 2 + len(STANDIN) + 2 + 1
     run_cmake("--build", BUILD, "--target", "uninstall", root=tmp_path)
     assert [f"{os.path.relpath(path, tmp_path)} {names}" for path, below_it, names in sorted(os.walk(tmp_path))
             if not below_it] == [

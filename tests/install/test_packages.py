@@ -72,7 +72,9 @@ def test_files_of_the_tools_debian_package(packages):
 def test_files_of_the_standins_debian_package(packages):
     listing = debian_listing(package_file(packages, "plax-tool-standin_*.deb"))
     assert {line for line in listing if not line.endswith("/")} == owned(below("/usr", STANDIN) | {
-        "-rw-r--r-- /usr/share/doc/plax-tool-standin/changelog.Debian.gz"})
+        "-rw-r--r-- /usr/share/doc/plax-tool-standin/changelog.Debian.gz",
+        "-rw-r--r-- /usr/share/fish/vendor_completions.d/plaxd-standin.fish",
+        "-rw-r--r-- /usr/share/zsh/vendor-completions/_plaxd-standin"})
     assert {line.partition("/root ")[0] for line in listing if line.endswith("/")} == {"drwxr-xr-x root"}
 
 
@@ -140,8 +142,16 @@ def test_files_of_the_tools_rpm(packages):
 @rpm
 def test_files_of_the_standins_rpm(packages):
     assert rpm_listing(package_file(packages, "plax-tool-standin-[0-9]*.rpm")) == owned(below("/usr", STANDIN) | {
+        "-rw-r--r-- /usr/share/fish/vendor_completions.d/plaxd-standin.fish",
+        "-rw-r--r-- /usr/share/zsh/site-functions/_plaxd-standin",
+        "drwxr-xr-x /usr/share/bash-completion",
+        "drwxr-xr-x /usr/share/bash-completion/completions",
         "drwxr-xr-x /usr/share/doc/plax-tool-standin",
-        "drwxr-xr-x /usr/share/doc/plax-tool-standin/examples"})
+        "drwxr-xr-x /usr/share/doc/plax-tool-standin/examples",
+        "drwxr-xr-x /usr/share/fish",
+        "drwxr-xr-x /usr/share/fish/vendor_completions.d",
+        "drwxr-xr-x /usr/share/zsh",
+        "drwxr-xr-x /usr/share/zsh/site-functions"})
 
 
 RPM_TEXTS = r"""%{NAME}
