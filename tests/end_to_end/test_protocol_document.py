@@ -146,7 +146,8 @@ def test_table_of_commands():
 def test_receive_timeouts():
     most = re.search(r"^The receive timeout is (\d+) s;", DOCUMENT, re.MULTILINE)[1]
     others = re.findall(r"(\d+) s for codes? (\d+(?:(?:, | and )\d+)*)", DOCUMENT)
-    found = [[code, seconds] for seconds, codes in others for code in re.findall(r"\d+", codes)]
+    found = sorted(([code, seconds] for seconds, codes in others for code in re.findall(r"\d+", codes)),
+                   key=lambda row: int(row[0]))
     assert_agrees("docs/protocol.md", found, [[str(command["code"]), str(command["timeout"])]
                                               for command in request_table.COMMANDS if str(command["timeout"]) != most])
 

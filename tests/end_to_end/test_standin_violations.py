@@ -5,6 +5,7 @@ import struct
 import termios
 
 from harness import HOST_ORDER, eventually, frame, queued
+from request_table import COMMANDS
 from standin_process import Standin, entry, framed, read_all, run_standin
 import pytest
 
@@ -48,7 +49,7 @@ def test_payload_cut_short(count):
            entry("crawler", 2, 36, violations=[f"cut short: {count} of 36 payload bytes"], **UNANSWERED))
 
 
-@pytest.mark.parametrize("code", [0, 35, 0x01000000, 0xffffffff])
+@pytest.mark.parametrize("code", [0, len(COMMANDS) + 1, 0x01000000, 0xffffffff])
 def test_unknown_code(code):
     broken(frame(code, b"abc"), REFUSAL,
            entry("unknown", code, 3, violations=[f"unknown code {code}"], reply=framed(15, 0x2bad0016)))
