@@ -8,6 +8,7 @@ import pytest
 from command_line import (LISTING, SOCKET_OPTION, USAGE, cut_listing, help_text, own_program_name, refuse, run_as,
                           succeeds, usage_error)
 from harness import TOOL, Outcome, tool
+from request_table import EXPECTED, OPTIONS, assert_agrees
 
 
 # A text that differs from the listing in any way must not pass for it.
@@ -17,6 +18,10 @@ from harness import TOOL, Outcome, tool
 def test_comparison_is_exact(differing):
     assert tool("-h") == succeeds(help_text())
     assert tool("-h") != succeeds(help_text(listing=differing))
+
+
+def test_order_of_the_options_names_them_all():
+    assert_agrees("optionsInHelp", sorted(EXPECTED["optionsInHelp"]), sorted(option["letter"] for option in OPTIONS))
 
 
 # Where the listing itself is not compared, there must be one all the same.
