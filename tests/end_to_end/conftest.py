@@ -9,7 +9,7 @@ import pytest
 
 collect_ignore_glob = []
 if "PLAXD_STANDIN" not in os.environ:
-    collect_ignore_glob += ["test_standin_*.py", "test_fleet_document.py", "test_load.py", "test_readme.py"]
+    collect_ignore_glob += ["test_standin_*.py", "test_documents.py", "test_load.py"]
 
 
 if not collect_ignore_glob:

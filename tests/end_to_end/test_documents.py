@@ -1,0 +1,20 @@
+"""The documents do what they show: every console block runs, and prints what stands there."""
+
+import pathlib
+
+import pytest
+
+from console_document import STANDIN, read_steps, run_steps
+
+SOURCE = pathlib.Path(__file__).parents[2]
+
+# The number of commands, so that no block is overlooked.
+DOCUMENTS = [("README.md", 10), ("docs/fleet.md", 41), ("docs/scripting.md", 34)]
+
+
+@pytest.mark.skipif(not STANDIN, reason="this build has no stand-in daemon")
+@pytest.mark.parametrize("name, count", DOCUMENTS)
+def test_document(name, count, tmp_path):
+    steps = read_steps(SOURCE.joinpath(name).read_text(encoding="utf-8"))
+    assert len(steps) == count
+    assert run_steps(steps, tmp_path) == steps
