@@ -1,10 +1,12 @@
 """Runs the commands of a document in one shell, from top to bottom, and compares what they print.
 
 Each "console" block of the document holds command lines ("$ ", continued by "> ") and all that they print. The shell
-starts in an empty folder, with the tool and the stand-in daemon in its PATH.
+starts in a directory that holds the examples of standin/ and nothing else, with the tool and the stand-in daemon in its
+PATH.
 """
 
 import os
+import pathlib
 import re
 import signal
 import subprocess
@@ -12,6 +14,7 @@ import subprocess
 from harness import TOOL, environment
 
 STANDIN = os.environ.get("PLAXD_STANDIN", "")
+SOURCE = pathlib.Path(__file__).parents[2]
 PATIENCE = 300  # seconds for a whole document
 
 
@@ -47,6 +50,7 @@ def run_script(script, folder):
     programs.joinpath("plaxd-standin").symlink_to(STANDIN)
     work = folder / "work"
     work.mkdir()
+    work.joinpath("standin").symlink_to(SOURCE / "standin")
     changes = {"STEPS": str(folder), "PATH": f"{programs}:{os.environ['PATH']}", "HOME": str(folder),
                "PYTHONUNBUFFERED": "1"}  # programs in Python write in the order that a terminal shows
     shell = subprocess.Popen(["bash", script], cwd=work, env=environment(**changes), stdin=subprocess.DEVNULL,

@@ -1,52 +1,58 @@
-"""The rehearsal that README shows: a script that empties a disk, on a good day and on a bad one."""
+"""The example script that asks whether disks could be evacuated, rehearsed on good days and on bad ones."""
 
+import json
 import os
-import subprocess
 
-from harness import TOOL
-from standin_process import EXAMPLES, Standin
+import pytest
+from rehearsals import USERS, in_namespaces, rehearsal
+from standin_process import EXAMPLES
 
 DISK = "5b2f9c1e-44d0-4a37-9e8b-c3f1a06d7725"
+OTHER = "52e6f3a1-0c94-4d1b-9a77-3f2b8c5d6e01"
+COMMAND = f"plax-tool -u {DISK} -d 2 what-if-entity-decom"
+BUSY = (f"{COMMAND}: exit status 16, 0 bytes, Error received: Device or resource busy: another what-if operation is "
+        "running\n")
+INCOMPLETE = "Failed to receive the complete UDS message sent. Please try again"
 
 
-def rehearse(day):
-    """What the script says and ends with, and what it has asked for."""
-    with Standin("--strict", "--answers", os.path.join(EXAMPLES, day)) as plaxd:
-        run = subprocess.run([os.path.join(EXAMPLES, "decommission-disk.sh"), plaxd.path, DISK], text=True, check=False,
-                             stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                             env={**os.environ, "LANG": "C", "PLAX_TOOL": TOOL, "POLL_SECONDS": "0"})
-    assert plaxd.code == 0
-    fields = [(line["command"], line["fields"]) for line in plaxd.entries]
-    asked = [(command, values.get("exclusionList", values.get("uuid"))) for command, values in fields]
-    return run.returncode, run.stdout, run.stderr, asked
+def rehearse(user, answers, *disks):
+    """The script's exit status, output and messages, and the commands that it sent."""
+    with rehearsal() as stage:
+        run = stage.run("--answers", answers if os.path.isabs(answers) else stage.file("answers.json", answers),
+                        "--strict=warnings", "--log", "log", "--format", "commands",
+                        "--", os.path.join(EXAMPLES, "can-evacuate.sh"), *disks,
+                        user=USERS[user], env={"RETRY_SECONDS": "0"})
+        with open(stage.log, encoding="utf-8") as log:
+            sent = [line for line in log.read().splitlines() if not line.startswith("#")]
+    return *run, sent
 
 
-def test_healthy_day():
-    assert rehearse("healthy.json") == (
-        0,
-        "feasible: yes\n"
-        "bytes to move: 21474836480\n"
-        "objects that stay unprotected: 0\n"
-        "bytes to move: 21474836480\n"
-        "bytes to move: 8589934592\n"
-        "bytes to move: 0\n"
-        f"disk {DISK} is empty\n",
-        "",
-        [("what-if-entity-decom", DISK), ("set-global-exclusion-list", [DISK]), ("crawler", DISK),
-         ("info-rebalance", DISK), ("info-rebalance", DISK), ("info-rebalance", DISK)])
+@in_namespaces
+def test_healthy_day(user):
+    assert rehearse(user, os.path.join(EXAMPLES, "healthy.json"), DISK, OTHER) == (
+        0, f"{DISK}: yes\n{OTHER}: yes\n", "", [COMMAND, COMMAND.replace(DISK, OTHER)])
 
 
-def test_bad_day():
-    assert rehearse("bad-day.json") == (
-        1,
-        "feasible: yes\n"
-        "bytes to move: 21474836480\n"
-        "objects that stay unprotected: 12\n",
-        "Error received: Device or resource busy: another what-if operation is running\n"
-        "Error received: Resource temporarily unavailable: crawler queue is full\n"
-        "making the disk available again\n"
-        "Error received: Connection timed out: no answer from node 3\n"
-        "THE DISK IS STILL EXCLUDED\n"
-        "giving up: the evacuation cannot be started\n",
-        [("what-if-entity-decom", DISK), ("what-if-entity-decom", DISK), ("set-global-exclusion-list", [DISK]),
-         ("crawler", DISK), ("set-global-exclusion-list", [])])
+@in_namespaces
+def test_bad_day(user):
+    assert rehearse(user, os.path.join(EXAMPLES, "bad-day.json"), DISK) == (
+        0, f"{DISK}: yes\n", BUSY, [COMMAND, COMMAND])
+
+
+# Each of these has exit status 0 or an answer, and is a failure all the same.
+@in_namespaces
+@pytest.mark.parametrize("answer, message", [
+    ({"fault": "close-without-answering"}, "exit status 0, 0 bytes, "),
+    ({"fault": "announce-more", "faultBytes": 99, "text": "feasible: yes"}, f"exit status 0, 0 bytes, {INCOMPLETE}"),
+    ({"status": 256, "text": "later"}, "exit status 0, 0 bytes, Error received: Status 0x00000100: later"),
+])
+def test_failures_that_end_with_0(user, answer, message):
+    answers = json.dumps({"answers": {"what-if-entity-decom": answer}})
+    assert rehearse(user, answers, DISK) == (2, f"{DISK}: no answer\n", f"{COMMAND}: {message}\n" * 5, [COMMAND] * 5)
+
+
+@in_namespaces
+def test_disk_that_cannot_be_evacuated(user):
+    answers = json.dumps({"answers": {"what-if-entity-decom": [
+        {"for": {"uuid": DISK}, "text": "feasible: no"}, {"text": "feasible: yes"}]}})
+    assert rehearse(user, answers, DISK, OTHER)[:3] == (1, f"{DISK}: no\n{OTHER}: yes\n", "")

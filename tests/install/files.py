@@ -21,7 +21,7 @@ STANDIN = {
     "-rw-r--r-- share/doc/plax-tool-standin/changelog.gz",
     "-rw-r--r-- share/doc/plax-tool-standin/copyright",
     "-rw-r--r-- share/doc/plax-tool-standin/examples/bad-day.json",
-    "-rwxr-xr-x share/doc/plax-tool-standin/examples/decommission-disk.sh",
+    "-rwxr-xr-x share/doc/plax-tool-standin/examples/can-evacuate.sh",
     "-rw-r--r-- share/doc/plax-tool-standin/examples/healthy.json",
     "-rw-r--r-- share/doc/plax-tool-standin/standin-answers.schema.json",
     "-rw-r--r-- share/man/man1/plaxd-standin.1.gz",
