@@ -54,7 +54,8 @@ foreach(package IN LISTS PLAX_PACKAGES)
     install(FILES ${PLAX_PACKAGE_FILES}/copyright ${PLAX_PACKAGE_FILES}/changelog.gz
         DESTINATION share/doc/${package} COMPONENT ${package})
 endforeach()
-install(FILES docs/fleet.md docs/protocol.md docs/scripting.md DESTINATION share/doc/plax-tool COMPONENT plax-tool)
+install(FILES docs/fleet.md docs/protocol.md docs/scripting.md docs/troubleshooting.md
+    DESTINATION share/doc/plax-tool COMPONENT plax-tool)
 
 # Directories are not left writable for the group or for all.
 set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS

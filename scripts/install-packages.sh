@@ -5,7 +5,7 @@ set -euo pipefail
 
 declare -A packages=(
     [build]="g++ cmake gzip ninja-build libcli11-dev nlohmann-json3-dev"
-    [test]="bash-completion clustershell dpkg-dev file fish libgmock-dev libgtest-dev locales mandoc python3-jsonschema python3-pytest python3-pytest-xdist rpm zsh"
+    [test]="ansible-core bash-completion clustershell dpkg-dev file fish jq libgmock-dev libgtest-dev locales mandoc pdsh python3-jsonschema python3-pytest python3-pytest-xdist rpm zsh"
     [compilers]="clang-14 clang-19 g++-11 g++-12"
     [coverage]="clang-19 libclang-rt-19-dev llvm-19"
     [bench]="chrony knot netcat-openbsd python3-matplotlib socat strace valgrind"

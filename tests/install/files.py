@@ -12,6 +12,7 @@ TOOL = {
     "-rw-r--r-- share/doc/plax-tool/fleet.md",
     "-rw-r--r-- share/doc/plax-tool/protocol.md",
     "-rw-r--r-- share/doc/plax-tool/scripting.md",
+    "-rw-r--r-- share/doc/plax-tool/troubleshooting.md",
     "-rw-r--r-- share/man/man8/plax-tool.8.gz",
 }
 
