@@ -163,11 +163,8 @@ static std::string MakeFile(const std::vector<std::string> &commands, Descriptor
 // Returns whether the program has shown a difference.
 static bool RunDiff(std::vector<std::string> words)
 {
-    std::vector<char *> arguments;
-    for (std::string &word : words) {
-        arguments.push_back(word.data());
-    }
-    arguments.push_back(nullptr);
+    std::vector<char *> arguments(words.size() + 1); // the last one stays null
+    std::transform(words.begin(), words.end(), arguments.begin(), [](std::string &word) { return word.data(); });
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, STDERR_FILENO, STDOUT_FILENO);

@@ -9,6 +9,7 @@ import functools
 import json
 import os
 import shutil
+import signal
 import subprocess
 import tempfile
 
@@ -82,13 +83,24 @@ class Rehearsal:
     def environment(self, **changes):
         return environment(**{"TMPDIR": self.temporary, "PATH": f"{self.tools}:{SYSTEM_PATH}", **changes})
 
-    def start(self, *words, user=(), env=None, **options):
-        return subprocess.Popen([*user, self.standin, "rehearse", *words], cwd=self.folder,
+    def start(self, *words, user=(), env=None, before=lambda: None, **options):
+        """Starts a rehearsal in a session of its own, with no signal ignored, after a call of `before` there."""
+        def prepare():
+            for number in (signal.SIGINT, signal.SIGQUIT):
+                signal.signal(number, signal.SIG_DFL)
+            before()
+
+        return subprocess.Popen([*user, self.standin, "rehearse", *words], cwd=self.folder, start_new_session=True,
                                 env=self.environment(**(env or {})), stdin=options.pop("stdin", subprocess.DEVNULL),
-                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, **options)
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, preexec_fn=prepare,
+                                **options)
 
     def finish(self, process, text=None):
-        stdout, stderr = process.communicate(text, timeout=PATIENCE)
+        try:
+            stdout, stderr = process.communicate(text, timeout=PATIENCE)
+        except subprocess.TimeoutExpired:
+            os.killpg(process.pid, signal.SIGKILL)
+            raise
         assert os.listdir(self.temporary) == []
         return process.returncode, stdout, stderr
 

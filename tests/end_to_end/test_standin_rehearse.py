@@ -1,10 +1,12 @@
 """plaxd-standin rehearse: an unmodified script runs to its end while the stand-in answers its plax-tool."""
 
+import fcntl
 import os
 import pty
 import re
 import signal
 import subprocess
+import termios
 import time
 
 import pytest
@@ -198,7 +200,7 @@ def test_signal_before_the_start(stage, user):
         signal.pthread_sigmask(signal.SIG_BLOCK, [signal.SIGTERM])
         os.kill(os.getpid(), signal.SIGTERM)
 
-    assert stage.run(*sh("echo started"), user=USERS[user], preexec_fn=send_blocked) == (143, "", "")
+    assert stage.run(*sh("echo started"), user=USERS[user], before=send_blocked) == (143, "", "")
 
 
 # Answers an interrupt with a request, and then counts the interrupts of a second.
@@ -218,8 +220,8 @@ print(count)
 def test_interrupt_from_the_terminal(stage, user):
     """It reaches the script once, and the stand-in not at all: the script's last request is answered."""
     terminal, other_end = pty.openpty()
-    process = stage.start(*JSON_LOG, "--", "python3", "-c", COUNTER, user=["setsid", "--ctty", *USERS[user]],
-                          stdin=other_end)
+    process = stage.start(*JSON_LOG, "--", "python3", "-c", COUNTER, user=USERS[user], stdin=other_end,
+                          before=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0))
     os.close(other_end)
     assert eventually(lambda: os.path.exists(stage.file("mark")))
     os.write(terminal, b"\x03")
