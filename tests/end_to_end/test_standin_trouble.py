@@ -180,7 +180,7 @@ def test_time_until_a_client_gives_up(answer, outcome, ending):
         assert eventually(lambda: b'"end"' in open(plaxd.log, "rb").read())
         with open(plaxd.log, encoding="utf-8") as log:
             seconds = json.loads(log.readlines()[-1])["seconds"]
-    assert 0.5 <= seconds < 10
+    assert 0.4 <= seconds < 10  # the client begins to count before its connection is accepted
     assert [(line["outcome"], line["end"]) for line in plaxd.entries] == [(outcome, ending)]
 
 
@@ -193,7 +193,7 @@ def test_time_until_a_relayed_client_gives_up(tmp_path):
             assert eventually(lambda: b'"seconds"' in open(relay.log, "rb").read())
             with open(relay.log, encoding="utf-8") as log:
                 seconds = json.loads(log.readlines()[-1])["seconds"]
-    assert 0.5 <= seconds < 10
+    assert 0.4 <= seconds < 10  # the client begins to count before its connection is accepted
     assert [(line["outcome"], line["end"]) for line in relay.entries] == [("relayed", "client closed")]
 
 
