@@ -45,15 +45,15 @@ GOALS = [
 class Bench:
     """The programs that were built, and a directory for sockets and outputs."""
 
-    def __init__(self, build, folder, rounds):
+    def __init__(self, build, directory, rounds):
         self.build = pathlib.Path(build)
-        self.folder = pathlib.Path(folder)
+        self.directory = pathlib.Path(directory)
         self.rounds = rounds
         self.tool = str(self.build / "sbin/plax-tool")
         self.yardstick = str(self.build / "bin/yardstick")
 
     def words(self, program, text):
-        places = {"s": str(self.folder / "peer.uds"), "o": str(self.folder / "output")}
+        places = {"s": str(self.directory / "peer.uds"), "o": str(self.directory / "output")}
         return [program, *text.format(**places).split()]
 
     def pair(self, workload):
@@ -62,7 +62,8 @@ class Bench:
 
     @contextlib.contextmanager
     def peer(self, length):
-        peer = subprocess.Popen([self.build / "peer-daemon", self.folder / "peer.uds", str(length)], stdout=subprocess.PIPE)
+        peer = subprocess.Popen([self.build / "peer-daemon", self.directory / "peer.uds", str(length)],
+                                stdout=subprocess.PIPE)
         peer.stdout.readline()
         try:
             yield
@@ -200,7 +201,7 @@ def measure_alternatives(bench, tables):
     """What a user would take instead for one exchange, and peers of the same kind with their own daemons."""
     python = ("import socket,struct,sys;s=socket.socket(socket.AF_UNIX);s.connect(sys.argv[1]);s.sendall(struct.pack('>II',6,0));"
               "n=struct.unpack('>II',s.recv(8,socket.MSG_WAITALL))[1];sys.stdout.buffer.write(s.recv(n,socket.MSG_WAITALL))")
-    socket = str(bench.folder / "peer.uds")
+    socket = str(bench.directory / "peer.uds")
     send = r"printf '\0\0\0\6\0\0\0\0'"
     rivals = [
         ("socat", ["sh", "-c", f"{send} | socat -t 5 - UNIX-CONNECT:{socket}"]),
@@ -212,7 +213,7 @@ def measure_alternatives(bench, tables):
     with bench.peer(100):
         for name, words in rivals:
             measure_rival(bench, tables, name, words)
-        with peer_daemons(bench.folder) as peers:
+        with peer_daemons(bench.directory) as peers:
             for name, words in peers:
                 measure_rival(bench, tables, name, words)
 
@@ -223,13 +224,13 @@ def measure_rival(bench, tables, name, words):
 
 
 @contextlib.contextmanager
-def peer_daemons(folder):
+def peer_daemons(directory):
     """Starts the daemons of two peers on this machine, and gives the clients' command lines for a status."""
-    chrony = folder / "chrony"
+    chrony = directory / "chrony"
     chrony.mkdir(mode=0o700)
     shutil.chown(chrony, "_chrony", "_chrony")
     (chrony / "conf").write_text(f"bindcmdaddress {chrony}/sock\ncmdport 0\nport 0\nlocal\npidfile {chrony}/pid\n")
-    knot = folder / "knot"
+    knot = directory / "knot"
     knot.mkdir()
     (knot / "conf").write_text(f"server:\n    rundir: {knot}\n    user: root:root\ndatabase:\n"
                                f"    storage: {knot}\nlog:\n  - target: stderr\n    any: critical\n")
@@ -314,9 +315,9 @@ def main():
                         help="put the tables into that document, and draw the growth curves beside it")
     parser.add_argument("--against", metavar="BUILD", help="only compare with the tool in that build directory")
     options = parser.parse_args()
-    with tempfile.TemporaryDirectory(prefix="plax-bench-") as folder:
-        os.chmod(folder, 0o755)
-        bench = Bench(options.build, folder, options.rounds)
+    with tempfile.TemporaryDirectory(prefix="plax-bench-") as directory:
+        os.chmod(directory, 0o755)
+        bench = Bench(options.build, directory, options.rounds)
         if options.against:
             measure_against(bench, options.against)
             return

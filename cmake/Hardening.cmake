@@ -1,4 +1,4 @@
-# What a release binary is protected with. The build folder's name is kept out of it, so that builds can be compared.
+# What a release binary is protected with. The build directory's name is kept out of it, so that builds can be compared.
 add_compile_options(-fstack-protector-strong "-ffile-prefix-map=${CMAKE_SOURCE_DIR}=.")
 if(CMAKE_BUILD_TYPE STREQUAL "Release")
     add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)

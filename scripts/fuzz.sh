@@ -1,19 +1,19 @@
 #!/usr/bin/env bash
 # Fuzzes the tool and the stand-in daemon: builds all targets with libFuzzer, AddressSanitizer and
-# UndefinedBehaviorSanitizer and runs them one after the other, each on from what it found worth keeping the last time.
+# UndefinedBehaviorSanitizer and runs them one after the other. Each target starts from its corpus of the last run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 usage() {
     cat <<TEXT
-usage: scripts/fuzz.sh [--help] [--build-dir <folder>] MINUTES [TARGET...]
+usage: scripts/fuzz.sh [--help] [--build-dir <directory>] MINUTES [TARGET...]
 
-Fuzzes for MINUTES in all, in equal shares for the targets (all of them when none is named), and prints for each its
-executions and its coverage. Ends with status 1 when there was a finding. An input that was found is to be copied to
-fuzz/seeds/<target>, with a name that tells what it shows, and is replayed by the tests from then on.
+Fuzzes for MINUTES in total, shared equally by the targets (default: all of them), and prints the executions and the
+coverage of each. Exits 1 when it has findings. Copy the input of a finding to fuzz/seeds/<target>, under a name that
+says what it shows; the tests replay it from then on.
 
-  -h, --help             print this text
-  --build-dir <folder>   where to build and to keep the corpora (build/fuzz in the project when not given)
+  -h, --help                print this text
+  --build-dir <directory>   build and keep the corpora there (default: build/fuzz in the project)
 TEXT
 }
 
@@ -28,7 +28,7 @@ while (($#)); do
     case $1 in
     -h | --help) usage && exit 0 ;;
     --build-dir)
-        (($# >= 2)) || fail "--build-dir needs a folder"
+        (($# >= 2)) || fail "--build-dir needs a directory"
         build=$2
         shift
         ;;
@@ -57,7 +57,7 @@ cmake -S . -B "$build" -G Ninja --log-level=WARNING -DCMAKE_BUILD_TYPE=RelWithDe
     -DCMAKE_CXX_FLAGS="-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer"
 cmake --build "$build" --target "${targets[@]/%/-fuzzer}"
 
-# The last number behind a label in a log.
+# The last number after a label in a log.
 figure() {
     grep -oP "$1\K[0-9]+" "$2" | tail -n 1
 }

@@ -14,7 +14,7 @@ declare -A packages=(
     [fuzz]="clang llvm libclang-rt-14-dev"
     [sanitizers]="clang llvm libclang-rt-14-dev valgrind"
     [distributions]="debootstrap git"
-    [lint]="clang-14 clang-format-14 clang-tidy-14 git mandoc shellcheck"
+    [lint]="clang-14 clang-format-14 clang-tidy-14 codespell git mandoc shellcheck"
 )
 
 if (($# == 0)) || [[ $1 == --help ]]; then

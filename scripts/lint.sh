@@ -12,6 +12,10 @@ git ls-files -z '*.h' '*.cpp' '*.c' | xargs -0 clang-format-14 --dry-run -Werror
 echo "== shellcheck"
 git grep -lzP '^#!/.*\bbash$' -- ':!*.md' | xargs -0 shellcheck
 
+echo "== codespell"
+# nd is a macro of the manual pages. The others are words that the tests misspell or cut on purpose.
+git ls-files -z | xargs -0 codespell --check-hidden --quiet-level=3 --ignore-words-list=nd,addd,objec,infinit
+
 echo "== mandoc"
 mandoc -Tlint -W warning man/*.[0-9]
 

@@ -4,17 +4,17 @@
 # expected one. Leaves nothing behind.
 set -euo pipefail
 
-folder=$(mktemp -d)
+directory=$(mktemp -d)
 standin=
 clean_up() {
     [[ -z $standin ]] || kill "$standin" 2>/dev/null || true
     wait
-    rm -rf "$folder"
+    rm -rf "$directory"
 }
 trap clean_up EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM HUP
-cd "$folder"
+cd "$directory"
 
 cat >answers.json <<'JSON'
 {"answers": {"what-if-cancel": {"status": 2, "text": "no what-if operation is running"}}}

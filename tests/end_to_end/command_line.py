@@ -53,13 +53,13 @@ def succeeds(stdout=b""):
 
 
 def ask(*words, steps=(), **options):
-    """Runs the tool in the folder of a daemon that follows the steps. Gives the outcome and all that the tool sent.
+    """Runs the tool in the directory of a daemon that follows the steps. Gives the outcome and all that the tool sent.
 
     A daemon without steps closes the connection unanswered, which is the success of every command: those that print
     their answer then print an empty line.
     """
     with ScriptedDaemon(*steps) as plaxd:
-        run = tool(*words, cwd=plaxd.folder, **options)
+        run = tool(*words, cwd=plaxd.directory, **options)
     return run, plaxd.received
 
 
@@ -73,7 +73,7 @@ def converse(*steps, words, env=None, **options):
 def refuse(*words, **options):
     """Runs the tool in the directory of a daemon that must not be connected to. Gives the outcome, the listing cut."""
     with ScriptedDaemon(connections=0) as plaxd:
-        run = tool(*words, cwd=plaxd.folder, **options)
+        run = tool(*words, cwd=plaxd.directory, **options)
     return replace(run, stdout=cut_listing(run.stdout))
 
 
@@ -89,11 +89,11 @@ def run_as(name, *words):
 own_program_name = pytest.mark.skipif(bool(RUNNER), reason="a runner gives the tool its own program name")
 
 
-def tool_named(folder, program, *words):
+def tool_named(directory, program, *words):
     """Runs the tool under another program name, which is a word without a slash."""
-    (folder / program).symlink_to(TOOL)
-    env = environment(PATH=f"{folder}:{os.environ['PATH']}")
-    return finish_tool(subprocess.Popen([*RUNNER, program, *words], cwd=folder, env=env, stdin=subprocess.DEVNULL,
+    (directory / program).symlink_to(TOOL)
+    env = environment(PATH=f"{directory}:{os.environ['PATH']}")
+    return finish_tool(subprocess.Popen([*RUNNER, program, *words], cwd=directory, env=env, stdin=subprocess.DEVNULL,
                                         stdout=subprocess.PIPE, stderr=subprocess.PIPE))
 
 

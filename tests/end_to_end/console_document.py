@@ -32,26 +32,26 @@ def read_steps(text):
     return steps
 
 
-def write_script(folder, commands):
+def write_script(directory, commands):
     """A script that runs each command with its output in a file of its own. $? lives on from one to the next."""
     lines = ["result=0\n"]
     for number, command in enumerate(commands):
-        folder.joinpath(f"command.{number}").write_text(f"(exit $result)\n{command}", encoding="utf-8")
+        directory.joinpath(f"command.{number}").write_text(f"(exit $result)\n{command}", encoding="utf-8")
         lines.append(f'. "$STEPS/command.{number}" >"$STEPS/output.{number}" 2>&1\nresult=$?\n')
-    script = folder / "script"
+    script = directory / "script"
     script.write_text("".join(lines), encoding="utf-8")
     return script
 
 
-def run_script(script, folder):
-    programs = folder / "bin"
+def run_script(script, directory):
+    programs = directory / "bin"
     programs.mkdir()
     programs.joinpath("plax-tool").symlink_to(TOOL)
     programs.joinpath("plaxd-standin").symlink_to(STANDIN)
-    work = folder / "work"
+    work = directory / "work"
     work.mkdir()
     work.joinpath("standin").symlink_to(SOURCE / "standin")
-    changes = {"STEPS": str(folder), "PATH": f"{programs}:{os.environ['PATH']}", "HOME": str(folder),
+    changes = {"STEPS": str(directory), "PATH": f"{programs}:{os.environ['PATH']}", "HOME": str(directory),
                "PYTHONUNBUFFERED": "1"}  # programs in Python write in the order that a terminal shows
     shell = subprocess.Popen(["bash", script], cwd=work, env=environment(**changes), stdin=subprocess.DEVNULL,
                              start_new_session=True)
@@ -70,8 +70,8 @@ def without_progress(output):
     return re.sub(r"clush: +\d+/\d+\r| +\r", "", output)
 
 
-def run_steps(steps, folder):
+def run_steps(steps, directory):
     """The pairs of command and real output."""
-    run_script(write_script(folder, [command for command, _ in steps]), folder)
-    outputs = [folder.joinpath(f"output.{number}") for number in range(len(steps))]
+    run_script(write_script(directory, [command for command, _ in steps]), directory)
+    outputs = [directory.joinpath(f"output.{number}") for number in range(len(steps))]
     return [[command, without_progress(output.read_bytes().decode())] for (command, _), output in zip(steps, outputs)]

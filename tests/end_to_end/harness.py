@@ -217,15 +217,15 @@ def close():
 
 
 class ScriptedDaemon:
-    """Listens on a socket of its own in a new folder, and serves one connection by the script: see the text above."""
+    """Listens on a socket in a new directory and serves one connection by the script, as described above."""
 
     def __init__(self, *steps, connections=1, read_request=True, path=None, may_break=False):
         self.steps = steps
         self.expected_connections = connections
         self.read_request = read_request  # False: the steps begin as soon as the tool has connected
         self.may_break = may_break  # True: a step may fail because the tool is gone
-        self.folder = tempfile.mkdtemp(prefix="plaxd-")
-        self.path = path or os.path.join(self.folder, "plaxd.uds")
+        self.directory = tempfile.mkdtemp(prefix="plaxd-")
+        self.path = path or os.path.join(self.directory, "plaxd.uds")
         self.received = b""
         self.connections = 0
         self.connection = None
@@ -248,7 +248,7 @@ class ScriptedDaemon:
         self.listener.close()
         if os.path.exists(self.path):
             os.unlink(self.path)
-        shutil.rmtree(self.folder, ignore_errors=True)
+        shutil.rmtree(self.directory, ignore_errors=True)
         if kind is None:
             assert not stuck, "the tool never closed its connection, or never connected"
             assert self.connections == self.expected_connections

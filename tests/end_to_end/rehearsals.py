@@ -15,7 +15,7 @@ import tempfile
 
 import pytest
 from harness import PATIENCE, TOOL, environment
-from namespaces import namespaces_work, tool_folder
+from namespaces import namespaces_work, tool_directory
 from standin_process import STANDIN
 
 SYSTEM_PATH = "/usr/sbin:/usr/bin:/sbin:/bin"  # with nothing that some users may not read
@@ -48,32 +48,32 @@ def programs():
     if all(subprocess.run([*prefix, "test", "-x", program], check=False).returncode == 0
            for prefix in USERS.values() for program in (STANDIN, TOOL)):
         return STANDIN, TOOL
-    folder = tempfile.mkdtemp(prefix="programs-")
-    atexit.register(shutil.rmtree, folder)
-    os.chmod(folder, 0o755)
+    directory = tempfile.mkdtemp(prefix="programs-")
+    atexit.register(shutil.rmtree, directory)
+    os.chmod(directory, 0o755)
     library = os.path.join(os.path.dirname(TOOL), "..", "lib", "plax-tool")
     if os.path.isdir(library):
-        shutil.copytree(library, os.path.join(folder, "lib", "plax-tool"))
-    os.mkdir(os.path.join(folder, "sbin"))
-    return tuple(shutil.copy(program, os.path.join(folder, "sbin")) for program in (STANDIN, TOOL))
+        shutil.copytree(library, os.path.join(directory, "lib", "plax-tool"))
+    os.mkdir(os.path.join(directory, "sbin"))
+    return tuple(shutil.copy(program, os.path.join(directory, "sbin")) for program in (STANDIN, TOOL))
 
 
 class Rehearsal:
     """A directory that every user can use, with a PATH in which plax-tool is found."""
 
     def __init__(self):
-        self.folder = tempfile.mkdtemp(prefix="rehearsal-")
-        os.chmod(self.folder, 0o777)
+        self.directory = tempfile.mkdtemp(prefix="rehearsal-")
+        os.chmod(self.directory, 0o777)
         for name in ("temporary files'", "tools"):
             os.mkdir(self.file(name))
             os.chmod(self.file(name), 0o777)
         self.temporary = self.file("temporary files'")
         self.standin, tool = programs()
-        self.tools = tool_folder(self.file("tools"), tool=tool)
+        self.tools = tool_directory(self.file("tools"), tool=tool)
         self.log = self.file("log")
 
     def file(self, name, content=None, mode=0o644):
-        path = os.path.join(self.folder, name)
+        path = os.path.join(self.directory, name)
         if content is not None:
             with open(path, "w", encoding="utf-8") as file:
                 file.write(content)
@@ -90,7 +90,7 @@ class Rehearsal:
                 signal.signal(number, signal.SIG_DFL)
             before()
 
-        return subprocess.Popen([*user, self.standin, "rehearse", *words], cwd=self.folder, start_new_session=True,
+        return subprocess.Popen([*user, self.standin, "rehearse", *words], cwd=self.directory, start_new_session=True,
                                 env=self.environment(**(env or {})), stdin=options.pop("stdin", subprocess.DEVNULL),
                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, preexec_fn=prepare,
                                 **options)
@@ -119,9 +119,9 @@ class Rehearsal:
 
 
 @contextlib.contextmanager
-def rehearsal():
+def new_rehearsal():
     made = Rehearsal()
     try:
         yield made
     finally:
-        shutil.rmtree(made.folder, ignore_errors=True)
+        shutil.rmtree(made.directory, ignore_errors=True)

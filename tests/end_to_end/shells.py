@@ -1,13 +1,13 @@
 """Completion as a person at a terminal gets it: what bash, zsh and fish offer for a command line.
 
-PLAX_COMPLETIONS names the folder with the generated files. bash and zsh run on a terminal of their own, find the file
-in the way that they find installed ones, and complete through their line editors; fish completes a line by itself.
+PLAX_COMPLETIONS names the directory with the generated files. bash and zsh run on a terminal of their own, find the
+file as they find installed ones, and complete through their line editors. fish has a command that completes a line.
 
 Each shell's function takes the line up to the cursor, and gives the offers in the shell's order:
 
     assert zsh("plax-tool -o out fitn") == [Offer("fitness-stats-get", "Get current fitness stats for each disk")]
 
-Every shell works in a folder that holds the file `answer.txt` and the folder `answers`.
+Every shell runs in a directory that holds the file `answer.txt` and the directory `answers`.
 """
 
 import atexit
@@ -98,13 +98,13 @@ class Terminal:
 
     def __init__(self, command, home, **environment):
         self.home = home
-        self.folder = tempfile.TemporaryDirectory(prefix="plax-shell-")
-        prepare_folder(self.folder.name)
+        self.directory = tempfile.TemporaryDirectory(prefix="plax-shell-")
+        prepare_directory(self.directory.name)
         self.master, slave = pty.openpty()
         fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 100, 400, 0, 0))
         self.reports, report = os.pipe()
         self.process = subprocess.Popen(
-            command, stdin=slave, stdout=slave, stderr=slave, pass_fds=[report], cwd=self.folder.name,
+            command, stdin=slave, stdout=slave, stderr=slave, pass_fds=[report], cwd=self.directory.name,
             start_new_session=True, preexec_fn=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0),
             env={**clean_environment(home.name), "TERM": "vt100", "REPORT": str(report), **environment})
         os.close(slave)
@@ -134,13 +134,13 @@ class Terminal:
     def _close(self):
         self.process.kill()
         self.process.wait()
-        self.folder.cleanup()
+        self.directory.cleanup()
         self.home.cleanup()
 
 
-def prepare_folder(folder):
-    Path(folder, "answer.txt").touch()
-    Path(folder, "answers").mkdir()
+def prepare_directory(directory):
+    Path(directory, "answer.txt").touch()
+    Path(directory, "answers").mkdir()
 
 
 def clean_environment(home):
@@ -207,7 +207,7 @@ def zsh_offer(row):
 def fish(line):
     """Offers are printed by the shell one a line."""
     with tempfile.TemporaryDirectory(prefix="plax-fish-") as home:
-        prepare_folder(home)
+        prepare_directory(home)
         script = f"set fish_complete_path {shlex.quote(str(COMPLETIONS))}; complete -C {shlex.quote(line)}"
         run = subprocess.run(["fish", "--no-config", "-c", script], cwd=home, env=clean_environment(home),
                              stdin=subprocess.DEVNULL, capture_output=True, text=True, check=True, timeout=PATIENCE)

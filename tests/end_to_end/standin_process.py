@@ -96,15 +96,15 @@ def named(status):
 
 class Standin:
     def __init__(self, *words, command="serve"):
-        self.folder = tempfile.TemporaryDirectory(prefix="standin-")
+        self.directory = tempfile.TemporaryDirectory(prefix="standin-")
         self.path = self.file("plaxd.uds")
         self.log = self.file("log")
         self.words = (command, "--socket", self.path, "--log", self.log, "--format", "json", *words)
         self.lines = self.entries = self.summary = self.code = None
 
     def file(self, name, content=None):
-        """The path of a file in the stand-in's folder, made with the content given."""
-        path = os.path.join(self.folder.name, name)
+        """The path of a file in the stand-in's directory, made with the content given."""
+        path = os.path.join(self.directory.name, name)
         if content is not None:
             with open(path, "wb") as file:
                 file.write(content)
@@ -125,7 +125,7 @@ class Standin:
         with open(self.log, encoding="utf-8") as file:
             self.lines = [json.loads(line) for line in file]
         socket_is_gone = not os.path.exists(self.path)
-        self.folder.cleanup()
+        self.directory.cleanup()
         self.summary = self.lines.pop()["summary"]
         assert self.lines.pop(0)["event"] == "start"
         self.entries = sorted((line for line in self.lines if line["event"] == "end"),

@@ -281,45 +281,45 @@ def test_request_that_is_half_read_before_a_reset():
 
 # ---- The socket path ----
 
-def padded_path(folder, length):
-    """A path of that length below the folder, the folders on its way made."""
-    path = str(folder)
+def padded_path(directory, length):
+    """A path of that length below the directory, the directories on its way made."""
+    path = str(directory)
     while length - len(path) > 100:
         path += "/" + "d" * 50
     os.makedirs(path, exist_ok=True)
     return path + "/" + "p" * (length - len(path) - 1)
 
 
-@pytest.fixture(name="short_folder")
-def make_folder_with_a_short_path(tmp_path_factory):
-    folder = os.path.join("/tmp", f"plax-{os.getpid()}")
-    os.makedirs(folder, exist_ok=True)
-    yield folder
-    for path, folders, files in os.walk(folder, topdown=False):
+@pytest.fixture(name="short_directory")
+def make_directory_with_a_short_path(tmp_path_factory):
+    directory = os.path.join("/tmp", f"plax-{os.getpid()}")
+    os.makedirs(directory, exist_ok=True)
+    yield directory
+    for path, directories, files in os.walk(directory, topdown=False):
         for file in files:
             os.unlink(os.path.join(path, file))
         os.rmdir(path)
 
 
 @pytest.mark.parametrize("length", [106, 107])
-def test_path_that_fits(short_folder, length):
-    path = padded_path(short_folder, length)
+def test_path_that_fits(short_directory, length):
+    path = padded_path(short_directory, length)
     with ScriptedDaemon(reply(0, b"abc"), path=path) as plaxd:
         assert tool("-s", path, "info-proactive-rebalance") == Outcome(b"abc\n", b"", 0)
     assert (len(path), plaxd.received) == (length, b"\0\0\0\x0c\0\0\0\0")
 
 
 @pytest.mark.parametrize("length", [108, 109, 110, 111, 120, 5000])
-def test_longer_path_is_cut_to_107_characters(short_folder, length):
-    path = padded_path(short_folder, 107)
+def test_longer_path_is_cut_to_107_characters(short_directory, length):
+    path = padded_path(short_directory, 107)
     with ScriptedDaemon(reply(0, b"abc"), path=path) as plaxd:
         run = tool("-s", path + "x" * (length - 107), "info-proactive-rebalance")
     assert run == Outcome(b"abc\n", b"", 0)
     assert plaxd.received == b"\0\0\0\x0c\0\0\0\0"
 
 
-def test_path_is_not_cut_below_107_characters(short_folder):
-    path = padded_path(short_folder, 107)
+def test_path_is_not_cut_below_107_characters(short_directory):
+    path = padded_path(short_directory, 107)
     with ScriptedDaemon(connections=0, path=path[:106]):
         assert tool("-s", path, "stats") == Outcome(b"", b"connect error: No such file or directory\n", 1)
 
@@ -330,25 +330,25 @@ def test_absent_daemon(command, tmp_path):
     assert run == Outcome(b"", b"connect error: No such file or directory\n", 1)
 
 
-def make_file(folder):
-    (folder / "file").write_bytes(b"no socket")
-    return folder / "file"
+def make_file(directory):
+    (directory / "file").write_bytes(b"no socket")
+    return directory / "file"
 
 
-def make_stale_socket(folder):
+def make_stale_socket(directory):
     with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as listener:
-        listener.bind(str(folder / "stale"))
+        listener.bind(str(directory / "stale"))
         listener.listen()
-    return folder / "stale"
+    return directory / "stale"
 
 
 @pytest.mark.parametrize("make_path, reason", [
     (make_file, b"Connection refused"),
     (make_stale_socket, b"Connection refused"),
-    (lambda folder: folder, b"Connection refused"),
-    (lambda folder: folder / "no-folder" / "plaxd.uds", b"No such file or directory"),
-    (lambda folder: make_file(folder) / "plaxd.uds", b"Not a directory"),
-], ids=["file", "stale-socket", "folder", "absent-folder", "below-a-file"])
+    (lambda directory: directory, b"Connection refused"),
+    (lambda directory: directory / "no-directory" / "plaxd.uds", b"No such file or directory"),
+    (lambda directory: make_file(directory) / "plaxd.uds", b"Not a directory"),
+], ids=["file", "stale-socket", "directory", "absent-directory", "below-a-file"])
 def test_path_that_leads_to_no_daemon(make_path, reason, tmp_path):
     run = tool("-s", make_path(tmp_path), "info-proactive-rebalance")
     assert run == Outcome(b"", b"connect error: " + reason + b"\n", 1)

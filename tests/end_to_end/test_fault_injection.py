@@ -197,7 +197,7 @@ def run(scenario, plan, connections=None):
     connections = scenario.connections if connections is None else connections
     with open(os.memfd_create("calls"), "r+b") as log:
         with ScriptedDaemon(say(scenario.reply), read_request=False, connections=connections) as plaxd:
-            path = os.path.join(plaxd.folder, "output")
+            path = os.path.join(plaxd.directory, "output")
             words = [path if word == "OUTPUT" else word for word in scenario.words]
             outcome = tool("-s", plaxd.path, *words, pass_fds=[log.fileno()], preexec_fn=closing(scenario.closed), env={
                 "LD_PRELOAD": LIBRARY, "PLAX_FAULT_LOG": str(log.fileno()), "PLAX_FAULT_AWAIT": "1",

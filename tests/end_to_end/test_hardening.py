@@ -26,7 +26,7 @@ RELATIVE = {"x86_64": "R_X86_64_RELATIVE", "aarch64": "R_AARCH64_RELATIVE"}
 
 
 def is_release():
-    """Whether the tool under test is a release build; one without a build folder around it has been installed."""
+    """Whether the tool under test is a release build; one without a build directory around it has been installed."""
     if not os.path.exists(CACHE):
         return True
     with open(CACHE, encoding="utf-8") as cache:
@@ -162,11 +162,11 @@ SOFT_OPTIONS = ["-no-pie", "-fno-pie", "-fno-stack-protector", "-U_FORTIFY_SOURC
                 "-Wl,-z,norelro", "-Wl,-z,noseparate-code", "-Wl,-z,lazy", "-Wl,-z,execstack", "-Wl,-rpath,/nowhere"]
 
 
-def build_soft_program(folder, *options):
-    folder.mkdir()
-    (folder / "soft.c").write_text(SOFT_PROGRAM)
-    subprocess.run(["cc", "-O0", *options, "-o", folder / "soft", folder / "soft.c"], check=True)
-    return str(folder / "soft")
+def build_soft_program(directory, *options):
+    directory.mkdir()
+    (directory / "soft.c").write_text(SOFT_PROGRAM)
+    subprocess.run(["cc", "-O0", *options, "-o", directory / "soft", directory / "soft.c"], check=True)
+    return str(directory / "soft")
 
 
 @pytest.mark.skipif(platform.machine() != "x86_64", reason="the options are those of one processor")
@@ -181,9 +181,9 @@ def test_calls_without_landings_are_noticed(tmp_path):
     assert has_landings(build_soft_program(tmp_path / "with", "-fPIE", "-pie", "-fcf-protection=full"))
 
 
-def build_release(folder):
-    """Copies the sources into the folder and builds the tool from them. Gives the bytes of what would be installed."""
-    source, build = folder / "source", folder / "build"
+def build_release(directory):
+    """Copies the sources into the directory and builds the tool. Returns the bytes of the files to install."""
+    source, build = directory / "source", directory / "build"
     shutil.copytree(SOURCE, source, ignore=shutil.ignore_patterns(".git", "build"))
     for words in (["-S", source, "-B", build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Release", "-DBUILD_TESTING=OFF",
                    "-DPLAX_BUILD_STANDIN=OFF"],
@@ -194,7 +194,7 @@ def build_release(folder):
 
 def test_two_builds_are_the_same_bytes(tmp_path):
     first = tmp_path / "first"
-    second = tmp_path / "another folder, with a longer name"
+    second = tmp_path / "another directory, with a longer name"
     first.mkdir()
     second.mkdir()
     assert build_release(first) == build_release(second)

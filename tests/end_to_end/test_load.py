@@ -61,8 +61,8 @@ def read_exactly(connection, length):
 class LateDaemon:
     """Takes a number of requests, all of them before it answers any. Each is answered with its own UUID."""
 
-    def __init__(self, folder, runs):
-        self.path = str(folder / "plaxd.uds")
+    def __init__(self, directory, runs):
+        self.path = str(directory / "plaxd.uds")
         self.runs = runs
         self.headers = []
 

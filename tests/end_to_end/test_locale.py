@@ -16,9 +16,9 @@ DECIMAL_COMMA = "de_DE.UTF-8"
 @pytest.fixture(name="decimal_comma", scope="module")
 def make_locale_with_a_decimal_comma(tmp_path_factory):
     """The environment of a caller whose locale this is. The locale is made here, so that it need not be installed."""
-    folder = tmp_path_factory.mktemp("locales")
-    subprocess.run(["localedef", "-i", "de_DE", "-f", "UTF-8", folder / DECIMAL_COMMA], check=True)
-    return {"LOCPATH": str(folder), "LC_ALL": DECIMAL_COMMA}
+    directory = tmp_path_factory.mktemp("locales")
+    subprocess.run(["localedef", "-i", "de_DE", "-f", "UTF-8", directory / DECIMAL_COMMA], check=True)
+    return {"LOCPATH": str(directory), "LC_ALL": DECIMAL_COMMA}
 
 
 def test_locale_has_a_decimal_comma(decimal_comma):

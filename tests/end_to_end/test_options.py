@@ -69,8 +69,8 @@ def test_every_form(option, form, place):
     request, stdout = option_request(option)
     text = b"abc" if option["letter"] == "o" else b""
     with ScriptedDaemon(send(text)) as plaxd:
-        run = tool(*([] if option["letter"] == "s" else [SOCKET_OPTION]), *words, cwd=plaxd.folder)
-        written = content(os.path.join(plaxd.folder, "answer"))
+        run = tool(*([] if option["letter"] == "s" else [SOCKET_OPTION]), *words, cwd=plaxd.directory)
+        written = content(os.path.join(plaxd.directory, "answer"))
     assert (run, plaxd.received, written) == (succeeds(stdout), request, text or None)
 
 
@@ -375,10 +375,10 @@ def test_no_work_item(name):
 
 # ---- The socket. ----
 
-def own_mounts(folder):
-    """A prefix for a command that then sees the folder in the place of /var/run. What others see stays as it is."""
+def own_mounts(directory):
+    """A prefix for a command that then sees the directory in the place of /var/run. What others see stays as it is."""
     script = 'mount --bind "$0" /var/run && exec "$@"'
-    return ["unshare", "--user", "--map-root-user", "--mount", "sh", "-c", script, folder]
+    return ["unshare", "--user", "--map-root-user", "--mount", "sh", "-c", script, directory]
 
 
 def has_own_mounts():
@@ -389,7 +389,7 @@ def has_own_mounts():
 @pytest.mark.skipif(not has_own_mounts(), reason="no mounts of one's own may be made here")
 def test_socket_path_not_given():
     with ScriptedDaemon(reply(0, b"abc")) as plaxd:
-        run = finish_tool(subprocess.Popen([*own_mounts(plaxd.folder), *RUNNER, TOOL, "fitness-stats-get"],
+        run = finish_tool(subprocess.Popen([*own_mounts(plaxd.directory), *RUNNER, TOOL, "fitness-stats-get"],
                                            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                                            env=environment()))
     assert (run, plaxd.received) == (succeeds(b"abc\n"), frame(6))

@@ -64,8 +64,8 @@ int main(void)
 """
 
 
-def compiled(folder, source, target, *flags):
-    path = folder / target
+def compiled(directory, source, target, *flags):
+    path = directory / target
     subprocess.run([COMPILER, "-O1", "-w", "-x", "c", "-", "-o", path, *flags], input=source.encode(), check=True)
     return path
 

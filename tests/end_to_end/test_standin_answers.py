@@ -68,8 +68,8 @@ def test_status_in_the_log(status, shown, tmp_path):
     assert log.read_text().split(" | ")[1] == f"status {shown}, 0 bytes"
 
 
-def write_answers(folder, commands):
-    file = folder / "answers.json"
+def write_answers(directory, commands):
+    file = directory / "answers.json"
     file.write_text(json.dumps({"answers": commands}))
     return file
 
@@ -434,9 +434,9 @@ def test_wrong_file(number, tmp_path):
     refused(tmp_path, json.dumps(content).encode(), errors)
 
 
-def refused(folder, content, errors):
+def refused(directory, content, errors):
     """Every error is told, with its place, and no socket is made."""
-    file, path = folder / "answers.json", folder / "plaxd.uds"
+    file, path = directory / "answers.json", directory / "plaxd.uds"
     file.write_bytes(content)
     messages = "\n".join(f"{file}: {error}" for error in errors)
     assert run_standin("serve", "--socket", str(path), "--answers", str(file)) == (

@@ -90,9 +90,9 @@ def test_text_has_the_same_fields(words, shown, logged, tmp_path):
     assert re.findall(r" (\w+)=", bare) == list(logged["fields"])
 
 
-def text_log(folder, *runs):
+def text_log(directory, *runs):
     """The lines that the runs leave in a log of text, without what changes from run to run."""
-    path, log = str(folder / "plaxd.uds"), folder / "log"
+    path, log = str(directory / "plaxd.uds"), directory / "log"
     process = start_standin("serve", "--socket", path, "--log", str(log))
     for words in runs:
         tool("-s", path, *words)

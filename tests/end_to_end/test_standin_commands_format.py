@@ -105,9 +105,9 @@ def test_log_of_serve(tmp_path):
 # ---- The property: what the log's lines send is what came. ----
 
 
-def commands_for(requests, folder):
+def commands_for(requests, directory):
     """The log of a stand-in that got the requests."""
-    path, log = os.path.join(folder, "plaxd.uds"), os.path.join(folder, "log")
+    path, log = os.path.join(directory, "plaxd.uds"), os.path.join(directory, "log")
     process = start_standin("serve", "--socket", path, "--log", log, "--format", "commands")
     for request in requests:
         with socket.socket(socket.AF_UNIX) as connection:
@@ -139,10 +139,10 @@ def capture(listener, captured):
         pass  # the listener has been shut down
 
 
-def sent_by(script, folder):
+def sent_by(script, directory):
     """The requests that the script's plain plax-tool sends, in their order."""
-    os.mkdir(run_directory := os.path.join(folder, "run"))
-    os.mkdir(tools := os.path.join(folder, "tools"))
+    os.mkdir(run_directory := os.path.join(directory, "run"))
+    os.mkdir(tools := os.path.join(directory, "tools"))
     captured = []
     with socket.socket(socket.AF_UNIX) as listener:
         listener.bind(path := os.path.join(run_directory, "plaxd.uds"))

@@ -7,22 +7,22 @@ import socket
 
 import pytest
 from harness import frame, tool
-from rehearsals import USERS, in_namespaces, rehearsal
+from rehearsals import USERS, in_namespaces, new_rehearsal
 from standin_process import Standin, end, run_standin, start_standin
 
 UUID = "52e6f3a1-0c94-4d1b-9a77-3f2b8c5d6e01"
 
 
-@pytest.fixture(name="stage")
-def make_stage():
-    with rehearsal() as made:
+@pytest.fixture(name="rehearsal")
+def make_rehearsal():
+    with new_rehearsal() as made:
         yield made
 
 
-def serve(stage, expected, commands, *options, requests=()):
+def serve(rehearsal, expected, commands, *options, requests=()):
     """Serves these commands, and these requests after them. Gives the exit status and the messages."""
-    file = stage.file("expected", expected)
-    process = start_standin("serve", "--socket", (path := stage.file("plaxd.uds")), "--log", "/dev/null",
+    file = rehearsal.file("expected", expected)
+    process = start_standin("serve", "--socket", (path := rehearsal.file("plaxd.uds")), "--log", "/dev/null",
                             "--expect", file, *options)
     for words in commands:
         assert tool("-s", path, *words).code == 0
@@ -66,8 +66,8 @@ CONCATS, STATS, CANCEL = ["fix-concats"], ["stats"], ["what-if-cancel"]
     ("plax-tool stats\n...\n", [STATS, CONCATS]),
     ("plax-tool stats\n...\nplax-tool stats\n", [STATS, CONCATS, STATS, CONCATS, STATS]),
 ])
-def test_met(stage, expected, commands):
-    assert serve(stage, expected, commands) == (0, "")
+def test_met(rehearsal, expected, commands):
+    assert serve(rehearsal, expected, commands) == (0, "")
 
 
 @pytest.mark.parametrize("expected, commands, lines", [
@@ -85,19 +85,19 @@ def test_met(stage, expected, commands):
     ("plax-tool stats\n...\nplax-tool what-if-cancel\n...\n", [STATS, CONCATS, CONCATS],
      "@@ -1,4 +1,3 @@\n plax-tool stats\n ...\n-plax-tool what-if-cancel\n ...\n"),
 ])
-def test_missed(stage, expected, commands, lines):
-    assert serve(stage, expected, commands) == difference(lines)
+def test_missed(rehearsal, expected, commands, lines):
+    assert serve(rehearsal, expected, commands) == difference(lines)
 
 
-def test_request_that_no_command_sends(stage):
+def test_request_that_no_command_sends(rehearsal):
     """A comment in the file stands for nothing, so such a request is always a difference, except where any may come."""
     line = "# plax-tool cannot send this fix-concats: 1 bytes after the end\n"
     request = frame(13) + b"x"
-    assert serve(stage, line, [], requests=[request]) == difference(f"@@ -0,0 +1 @@\n+{line}")
-    assert serve(stage, "...\n", [], requests=[request]) == (0, "")
+    assert serve(rehearsal, line, [], requests=[request]) == difference(f"@@ -0,0 +1 @@\n+{line}")
+    assert serve(rehearsal, "...\n", [], requests=[request]) == (0, "")
 
 
-def test_random_expectations(stage):
+def test_random_expectations(rehearsal):
     """A pattern over the same letters says whether they are met."""
     dice = random.Random(4)
     met = 0
@@ -108,7 +108,7 @@ def test_random_expectations(stage):
             came = "".join("".join(dice.choices("ab", k=dice.randrange(3))) if letter == "." else letter
                            for letter in letters)
         expected = "".join("...\n" if letter == "." else f"plax-tool log-level {letter}\n" for letter in letters)
-        code, messages = serve(stage, expected, [["log-level", letter] for letter in came])
+        code, messages = serve(rehearsal, expected, [["log-level", letter] for letter in came])
         matches = re.fullmatch(letters.replace(".", ".*"), came) is not None
         assert (code, messages == "") == (0 if matches else 1, matches)
         met += matches
@@ -131,24 +131,25 @@ def test_random_expectations(stage):
      "x\n", ["1: ; must be quoted", "3: unknown command word: list", "4: $ must be quoted",
              "7: the command is not plax-tool: x"]),
 ])
-def test_errors_in_the_file(stage, text, errors):
-    file = stage.file("expected", text)
-    for words in (["serve", "--socket", stage.file("plaxd.uds"), "--log", stage.log],
-                  ["rehearse", "--log", stage.log]):
-        script = ["--", "touch", stage.file("started")] if words[0] == "rehearse" else []
+def test_errors_in_the_file(rehearsal, text, errors):
+    file = rehearsal.file("expected", text)
+    for words in (["serve", "--socket", rehearsal.file("plaxd.uds"), "--log", rehearsal.log],
+                  ["rehearse", "--log", rehearsal.log]):
+        script = ["--", "touch", rehearsal.file("started")] if words[0] == "rehearse" else []
         code, output, messages = run_standin(*words, "--expect", file, *script)
         assert (code, output) == (1, b"")
         assert messages.decode() == "plaxd-standin: " + "".join(f"{file}:{error}\n" for error in errors)
 
 
-def test_file_that_cannot_be_read(stage):
-    assert run_standin("serve", "--socket", stage.file("plaxd.uds"), "--expect", "none") == (
+def test_file_that_cannot_be_read(rehearsal):
+    assert run_standin("serve", "--socket", rehearsal.file("plaxd.uds"), "--expect", "none") == (
         1, b"", b"plaxd-standin: none: No such file or directory\n")
 
 
-def test_errors_in_both_files(stage):
-    expected, answers = stage.file("expected", "x\n"), stage.file("answers.json", "{}")
-    assert run_standin("serve", "--socket", stage.file("plaxd.uds"), "--expect", expected, "--answers", answers) == (
+def test_errors_in_both_files(rehearsal):
+    expected, answers = rehearsal.file("expected", "x\n"), rehearsal.file("answers.json", "{}")
+    words = ["--socket", rehearsal.file("plaxd.uds"), "--expect", expected, "--answers", answers]
+    assert run_standin("serve", *words) == (
         1, b"", f"plaxd-standin: {answers}: /: needs \"answers\"\n"
         f"{expected}:1: the command is not plax-tool: x\n".encode())
 
@@ -164,11 +165,11 @@ ANSWERS = {"fix-concats": [{"text": "a"}, {"text": "b"}], "stats": {"text": "c"}
     ([CONCATS], ["fix-concats/1", "get-obj-crawler-state --all/0"]),
     ([CONCATS, CONCATS, CONCATS, ["-a", "get-obj-crawler-state"]], []),
 ])
-def test_unused_answers(stage, commands, unused):
+def test_unused_answers(rehearsal, commands, unused):
     """An answer that is no list is given to any number of requests, also to none."""
-    file = stage.file("answers.json", json.dumps({"answers": ANSWERS}))
+    file = rehearsal.file("answers.json", json.dumps({"answers": ANSWERS}))
     messages = "".join(f"plaxd-standin: {file}: /answers/{place}: the answer was never given\n" for place in unused)
-    assert serve(stage, "...\n", commands, "--answers", file) == (1 if unused else 0, messages)
+    assert serve(rehearsal, "...\n", commands, "--answers", file) == (1 if unused else 0, messages)
 
 
 @pytest.mark.parametrize("level, unused", [
@@ -177,19 +178,19 @@ def test_unused_answers(stage, commands, unused):
     ("aa", ["0/answers/1", "1"]),
     ("aaacb", []),
 ])
-def test_unused_answers_of_requests(stage, level, unused):
+def test_unused_answers_of_requests(rehearsal, level, unused):
     """An answer that is given several times was given the first time."""
     first = {"for": {"level": "a"}, "answers": [{"text": "b", "times": 2}, {"text": "c"}]}
-    file = stage.file("answers.json", json.dumps({"answers": {
+    file = rehearsal.file("answers.json", json.dumps({"answers": {
         "log-level": [first, {"for": {"level": "c"}, "text": "c"}],
         "crawler": {"for": {"uuid": UUID}, "text": "c"}}}))
     messages = "".join(f"plaxd-standin: {file}: /answers/log-level/{place}: the answer was never given\n"
                        for place in unused)
-    assert serve(stage, "...\n", [["log-level", letter] for letter in level], "--answers", file) == (
+    assert serve(rehearsal, "...\n", [["log-level", letter] for letter in level], "--answers", file) == (
         1 if unused else 0, messages)
 
 
-def test_answers_may_stay_unused_without_expectations(stage):
+def test_answers_may_stay_unused_without_expectations(rehearsal):
     with Standin().answers(ANSWERS) as plaxd:
         pass
     assert plaxd.code == 0
@@ -205,18 +206,18 @@ def test_answers_may_stay_unused_without_expectations(stage):
     ("plax-tool stats\n", 0, 1, "@@ -1 +1 @@\n-plax-tool stats\n+plax-tool fix-concats\n"),
     ("plax-tool stats\n", 3, 1, "@@ -1 +1 @@\n-plax-tool stats\n+plax-tool fix-concats\n"),
 ])
-def test_rehearsal(stage, user, expected, code, status, messages):
+def test_rehearsal(rehearsal, user, expected, code, status, messages):
     header = "--- expected\n+++ requests\n" if messages else ""
-    stage.file("expected", expected)
-    assert stage.run("--expect", "expected", "--", "sh", "-c", f"plax-tool fix-concats; exit {code}",
-                     user=USERS[user]) == (status, "", header + messages)
+    rehearsal.file("expected", expected)
+    assert rehearsal.run("--expect", "expected", "--", "sh", "-c", f"plax-tool fix-concats; exit {code}",
+                         user=USERS[user]) == (status, "", header + messages)
 
 
 @in_namespaces
-def test_log_becomes_the_expectation(stage, user):
+def test_log_becomes_the_expectation(rehearsal, user):
     """A first rehearsal writes what the next one expects."""
     script = ["--", "sh", "-c", "plax-tool log-level 'a\nb'; plax-tool -a crawler; plax-tool refresh-config-opts"]
-    assert stage.run("--log", "log", "--format", "commands", *script, user=USERS[user]) == (0, "", "")
-    assert stage.run("--expect", "log", *script, user=USERS[user]) == (0, "", "")
+    assert rehearsal.run("--log", "log", "--format", "commands", *script, user=USERS[user]) == (0, "", "")
+    assert rehearsal.run("--expect", "log", *script, user=USERS[user]) == (0, "", "")
     script[-1] += "; plax-tool stats >/dev/null"
-    assert stage.run("--expect", "log", *script, user=USERS[user])[0] == 1
+    assert rehearsal.run("--expect", "log", *script, user=USERS[user])[0] == 1

@@ -137,16 +137,16 @@ def test_socket_of_another_is_not_removed(path):
     assert os.path.exists(path)
 
 
-def test_removed_folder(tmp_path):
+def test_removed_directory(tmp_path):
     """There is nothing left to remove, and the log is still ended in order."""
-    folder = tmp_path / "folder"
-    folder.mkdir()
-    process = start_standin("serve", "--socket", str(folder / "s"), stdout=subprocess.PIPE)
-    os.unlink(folder / "s")
-    folder.rmdir()
+    directory = tmp_path / "directory"
+    directory.mkdir()
+    process = start_standin("serve", "--socket", str(directory / "s"), stdout=subprocess.PIPE)
+    os.unlink(directory / "s")
+    directory.rmdir()
     process.terminate()
     log, messages = process.communicate(timeout=PATIENCE)
-    assert timeless(log.decode()) == [f"NOW start: socket {folder}/s", "NOW summary: 0 requests, 0 broken"]
+    assert timeless(log.decode()) == [f"NOW start: socket {directory}/s", "NOW summary: 0 requests, 0 broken"]
     assert (messages, process.returncode) == (b"", 0)
 
 
@@ -160,7 +160,7 @@ def test_path_lengths(tmp_path):
     assert os.listdir(tmp_path) == []
 
 
-def test_missing_folder(tmp_path):
+def test_missing_directory(tmp_path):
     path = str(tmp_path / "none" / "plaxd.uds")
     assert run_standin("serve", "--socket", path) == (
         1, b"", f"plaxd-standin: {path}: No such file or directory\n".encode())

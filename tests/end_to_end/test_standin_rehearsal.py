@@ -4,7 +4,7 @@ import json
 import os
 
 import pytest
-from rehearsals import USERS, in_namespaces, rehearsal
+from rehearsals import USERS, in_namespaces, new_rehearsal
 from standin_process import EXAMPLES
 
 DISK = "5b2f9c1e-44d0-4a37-9e8b-c3f1a06d7725"
@@ -17,12 +17,12 @@ INCOMPLETE = "Failed to receive the complete UDS message sent. Please try again"
 
 def rehearse(user, answers, *disks):
     """The script's exit status, output and messages, and the commands that it sent."""
-    with rehearsal() as stage:
-        run = stage.run("--answers", answers if os.path.isabs(answers) else stage.file("answers.json", answers),
-                        "--strict=warnings", "--log", "log", "--format", "commands",
-                        "--", os.path.join(EXAMPLES, "can-evacuate.sh"), *disks,
-                        user=USERS[user], env={"RETRY_SECONDS": "0"})
-        with open(stage.log, encoding="utf-8") as log:
+    with new_rehearsal() as rehearsal:
+        run = rehearsal.run("--answers", answers if os.path.isabs(answers) else rehearsal.file("answers.json", answers),
+                            "--strict=warnings", "--log", "log", "--format", "commands",
+                            "--", os.path.join(EXAMPLES, "can-evacuate.sh"), *disks,
+                            user=USERS[user], env={"RETRY_SECONDS": "0"})
+        with open(rehearsal.log, encoding="utf-8") as log:
             sent = [line for line in log.read().splitlines() if not line.startswith("#")]
     return *run, sent
 

@@ -12,7 +12,7 @@ import time
 import pytest
 from harness import ScriptedDaemon, eventually
 from namespaces import namespaces_work
-from rehearsals import USERS, every_user, in_namespaces, refusing, rehearsal
+from rehearsals import USERS, every_user, in_namespaces, new_rehearsal, refusing
 from standin_process import EXAMPLES, STANDIN, timeless
 
 UUID = "5b2f9c1e-44d0-4a37-9e8b-c3f1a06d7725"
@@ -25,9 +25,9 @@ WARNING = ("plaxd-standin: warning: plax-tool is run with -s, so log-level and b
 ENDING = "plaxd-standin: ending what the script left running\n"
 
 
-@pytest.fixture(name="stage")
-def make_stage():
-    with rehearsal() as made:
+@pytest.fixture(name="rehearsal")
+def make_rehearsal():
+    with new_rehearsal() as made:
         yield made
 
 
@@ -44,25 +44,25 @@ def alive(pid):
 
 
 @in_namespaces
-def test_unmodified_script(stage, user):
+def test_unmodified_script(rehearsal, user):
     """What goes wrong at first, and comes right in the end, is the script's own business."""
-    answers = stage.file("answers.json", '{"answers": {"what-if-entity-decom": [{"status": 16, "text": "busy"}, '
-                         '{"text": "feasible: yes"}, {"text": "feasible: no"}]}}')
-    script = stage.file("script", open(os.path.join(EXAMPLES, "can-evacuate.sh"), encoding="utf-8").read(), 0o755)
-    assert stage.run("--answers", answers, *JSON_LOG, "--", script, UUID, OTHER, user=USERS[user],
-                     env={"RETRY_SECONDS": "0"}) == (
+    answers = rehearsal.file("answers.json", '{"answers": {"what-if-entity-decom": [{"status": 16, "text": "busy"}, '
+                             '{"text": "feasible: yes"}, {"text": "feasible: no"}]}}')
+    script = rehearsal.file("script", open(os.path.join(EXAMPLES, "can-evacuate.sh"), encoding="utf-8").read(), 0o755)
+    assert rehearsal.run("--answers", answers, *JSON_LOG, "--", script, UUID, OTHER, user=USERS[user],
+                         env={"RETRY_SECONDS": "0"}) == (
         1, f"{UUID}: yes\n{OTHER}: no\n",
         f"plax-tool -u {UUID} -d 2 what-if-entity-decom: exit status 16, 0 bytes, "
         "Error received: Status 0x00000010: busy\n")
-    assert stage.requests() == ([("what-if-entity-decom", "answered")] * 3, 3)
+    assert rehearsal.requests() == ([("what-if-entity-decom", "answered")] * 3, 3)
 
 
 @in_namespaces
-def test_commands_that_the_option_would_change(stage, user):
+def test_commands_that_the_option_would_change(rehearsal, user):
     """A joined long option fails the word test, and the level that is missing becomes the program's name."""
-    run = stage.run("--format", "commands", "--log", "-",
-                    *sh("plax-tool --uuid=$1 log-level 2 >/dev/null 2>&1; echo $?; plax-tool log-level", UUID),
-                    user=USERS[user])
+    run = rehearsal.run("--format", "commands", "--log", "-",
+                        *sh("plax-tool --uuid=$1 log-level 2 >/dev/null 2>&1; echo $?; plax-tool log-level", UUID),
+                        user=USERS[user])
     code, output, messages = run
     assert (code, messages) == (0, "")
     lines = timeless(output)
@@ -72,52 +72,52 @@ def test_commands_that_the_option_would_change(stage, user):
 
 
 @in_namespaces
-def test_script_sees_its_own_user_words_and_input(stage, user):
+def test_script_sees_its_own_user_words_and_input(rehearsal, user):
     expected = "65534" if user == "ordinary" and os.geteuid() == 0 else str(os.geteuid())
-    run = stage.run(*sh("id -u; id -g; pwd; printf '[%s]' \"$@\"; cat", "", "--log", "--", "a b"), text="input",
-                    user=USERS[user])
-    assert run == (0, f"{expected}\n{expected}\n{stage.folder}\n[][--log][--][a b]input", "")
+    run = rehearsal.run(*sh("id -u; id -g; pwd; printf '[%s]' \"$@\"; cat", "", "--log", "--", "a b"), text="input",
+                        user=USERS[user])
+    assert run == (0, f"{expected}\n{expected}\n{rehearsal.directory}\n[][--log][--][a b]input", "")
 
 
 @in_namespaces
-def test_rest_of_run_stays_visible(stage, user):
+def test_rest_of_run_stays_visible(rehearsal, user):
     listed = set(os.listdir("/run"))
-    code, output, messages = stage.run(*sh("ls -A /run"), user=USERS[user])
+    code, output, messages = rehearsal.run(*sh("ls -A /run"), user=USERS[user])
     assert (code, messages) == (0, "")
     assert set(output.split()) >= listed & set(os.listdir("/run")) | {"plaxd.uds"}
 
 
 @in_namespaces
-def test_writing_to_run_is_for_those_who_may(stage, user):
-    code, _, _ = stage.run(*sh("touch /run/made-by-a-rehearsal"), user=USERS[user])
+def test_writing_to_run_is_for_those_who_may(rehearsal, user):
+    code, _, _ = rehearsal.run(*sh("touch /run/made-by-a-rehearsal"), user=USERS[user])
     assert (code == 0) == (user == "root")
     assert not os.path.exists("/run/made-by-a-rehearsal")
 
 
 @pytest.mark.skipif(not namespaces_work(), reason="the system allows no namespaces")
-def test_contents_of_run(stage):
+def test_contents_of_run(rehearsal):
     """Everything in a made-up /run is there and is the real thing, but for a daemon's socket, which is not touched."""
     with ScriptedDaemon(connections=0) as plaxd:
         make = ('mount --bind "$0" /run && cd /run && mkdir -p dir/sub && mount -t tmpfs tmpfs dir/sub && '
                 'echo text >dir/sub/file && echo more >file && ln -s dir link && mkfifo pipe && ln -s nowhere dangling '
                 '&& chmod 0 dir/sub/file && exec "$@"')
-        look = ("find /run -mindepth 1 -path /run/mount -prune -o -printf '%P %y\\n' | sort; cat /run/file; echo new >/run/dir/new; "
-                "plax-tool fix-concats && pwd")
+        look = ("find /run -mindepth 1 -path /run/mount -prune -o -printf '%P %y\\n' | sort; cat /run/file; "
+                "echo new >/run/dir/new; plax-tool fix-concats && pwd")
         run = subprocess.run(
-            ["unshare", "--user", "--map-root-user", "--mount", "sh", "-c", make, plaxd.folder, STANDIN, "rehearse",
-             *sh(look)], env=stage.environment(), capture_output=True, text=True, check=False)
-        with open(os.path.join(plaxd.folder, "dir", "new"), encoding="utf-8") as file:
+            ["unshare", "--user", "--map-root-user", "--mount", "sh", "-c", make, plaxd.directory, STANDIN, "rehearse",
+             *sh(look)], env=rehearsal.environment(), capture_output=True, text=True, check=False)
+        with open(os.path.join(plaxd.directory, "dir", "new"), encoding="utf-8") as file:
             assert file.read() == "new\n"
     assert (run.returncode, run.stdout, run.stderr) == (
         0, "dangling l\ndir d\ndir/sub d\ndir/sub/file f\nfile f\nlink l\npipe p\nplaxd.uds s\nmore\n/run\n", "")
-    assert os.listdir(stage.temporary) == []
+    assert os.listdir(rehearsal.temporary) == []
 
 
 @in_namespaces
 @pytest.mark.parametrize("text, code", [("exit 0", 0), ("exit 7", 7), ("exit 255", 255), ("kill -9 $$", 137),
                                         ("kill -15 $$", 143)])
-def test_exit_status(stage, user, text, code):
-    assert stage.run(*sh(text), user=USERS[user]) == (code, "", "")
+def test_exit_status(rehearsal, user, text, code):
+    assert rehearsal.run(*sh(text), user=USERS[user]) == (code, "", "")
 
 
 @in_namespaces
@@ -128,21 +128,21 @@ def test_exit_status(stage, user, text, code):
     (["."], 126, ".: Permission denied"),
     ([""], 127, ": No such file or directory"),
 ])
-def test_script_that_cannot_be_run(stage, user, words, code, message):
-    stage.file("plain", "exit 0\n")
-    assert stage.run("--", *words, user=USERS[user]) == (code, "", f"plaxd-standin: {message}\n")
+def test_script_that_cannot_be_run(rehearsal, user, words, code, message):
+    rehearsal.file("plain", "exit 0\n")
+    assert rehearsal.run("--", *words, user=USERS[user]) == (code, "", f"plaxd-standin: {message}\n")
 
 
 @in_namespaces
-def test_script_without_interpreter_line(stage, user):
-    stage.file("script", "echo $1\n", 0o755)
-    assert stage.run("--", "./script", "word", user=USERS[user]) == (0, "word\n", "")
+def test_script_without_interpreter_line(rehearsal, user):
+    rehearsal.file("script", "echo $1\n", 0o755)
+    assert rehearsal.run("--", "./script", "word", user=USERS[user]) == (0, "word\n", "")
 
 
 @in_namespaces
-def test_missing_tool(stage, user):
+def test_missing_tool(rehearsal, user):
     """It is missing for the script, as it would be without a rehearsal."""
-    assert stage.run(*sh("plax-tool stats"), user=USERS[user], env={"PATH": "/usr/bin:/bin"}) == (
+    assert rehearsal.run(*sh("plax-tool stats"), user=USERS[user], env={"PATH": "/usr/bin:/bin"}) == (
         127, "", "sh: 1: plax-tool: not found\n")
 
 
@@ -150,22 +150,22 @@ def test_missing_tool(stage, user):
 
 
 @in_namespaces
-def test_children_that_end_soon(stage, user):
+def test_children_that_end_soon(rehearsal, user):
     """A pipe's other end still writes, and a request is still answered."""
-    run = stage.run(*JSON_LOG, *sh("(sleep 0.3; plax-tool fix-concats; echo late) & exit 3"), user=USERS[user])
+    run = rehearsal.run(*JSON_LOG, *sh("(sleep 0.3; plax-tool fix-concats; echo late) & exit 3"), user=USERS[user])
     assert run == (3, "late\n", "")
-    assert stage.requests() == ([("fix-concats", "answered")], 1)
+    assert rehearsal.requests() == ([("fix-concats", "answered")], 1)
 
 
 @in_namespaces
 @pytest.mark.parametrize("ignoring", ["", "trap '' TERM;"])
-def test_children_that_stay(stage, user, ignoring):
+def test_children_that_stay(rehearsal, user, ignoring):
     """Also those that have left the script's session, and those whose parents have ended."""
     begin = time.monotonic()
-    run = stage.run(*sh(f"{ignoring} setsid sh -c 'sleep 100 & echo $!; exec sleep 100' >pids & echo $!; "
-                        "sleep 0.2; exit 3"), user=USERS[user])
+    run = rehearsal.run(*sh(f"{ignoring} setsid sh -c 'sleep 100 & echo $!; exec sleep 100' >pids & echo $!; "
+                            "sleep 0.2; exit 3"), user=USERS[user])
     pids = run[1].split()
-    with open(stage.file("pids"), encoding="utf-8") as file:
+    with open(rehearsal.file("pids"), encoding="utf-8") as file:
         pids += file.read().split()
     assert run == (3, f"{pids[0]}\n", ENDING)
     assert [len(pids), *map(alive, pids)] == [2, False, False]
@@ -177,30 +177,30 @@ def test_children_that_stay(stage, user, ignoring):
 
 @in_namespaces
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT, signal.SIGHUP, signal.SIGQUIT])
-def test_signals_reach_the_script(stage, user, number):
-    process = stage.start(*JSON_LOG, *sh("trap 'plax-tool fix-concats; exit 5' TERM INT HUP QUIT; echo ready >mark; "
-                                         "while :; do sleep 0.05; done"), user=USERS[user])
-    assert eventually(lambda: os.path.exists(stage.file("mark")))
+def test_signals_reach_the_script(rehearsal, user, number):
+    script = "trap 'plax-tool fix-concats; exit 5' TERM INT HUP QUIT; echo ready >mark; while :; do sleep 0.05; done"
+    process = rehearsal.start(*JSON_LOG, *sh(script), user=USERS[user])
+    assert eventually(lambda: os.path.exists(rehearsal.file("mark")))
     process.send_signal(number)
-    assert stage.finish(process) == (5, "", "")
-    assert stage.requests() == ([("fix-concats", "answered")], 1)
+    assert rehearsal.finish(process) == (5, "", "")
+    assert rehearsal.requests() == ([("fix-concats", "answered")], 1)
 
 
 @in_namespaces
-def test_signal_that_kills_the_script(stage, user):
-    process = stage.start(*sh("echo ready >mark; exec sleep 100"), user=USERS[user])
-    assert eventually(lambda: os.path.exists(stage.file("mark")))
+def test_signal_that_kills_the_script(rehearsal, user):
+    process = rehearsal.start(*sh("echo ready >mark; exec sleep 100"), user=USERS[user])
+    assert eventually(lambda: os.path.exists(rehearsal.file("mark")))
     process.send_signal(signal.SIGTERM)
-    assert stage.finish(process) == (143, "", "")
+    assert rehearsal.finish(process) == (143, "", "")
 
 
 @in_namespaces
-def test_signal_before_the_start(stage, user):
+def test_signal_before_the_start(rehearsal, user):
     def send_blocked():
         signal.pthread_sigmask(signal.SIG_BLOCK, [signal.SIGTERM])
         os.kill(os.getpid(), signal.SIGTERM)
 
-    assert stage.run(*sh("echo started"), user=USERS[user], before=send_blocked) == (143, "", "")
+    assert rehearsal.run(*sh("echo started"), user=USERS[user], before=send_blocked) == (143, "", "")
 
 
 # Answers an interrupt with a request, and then counts the interrupts of a second.
@@ -217,18 +217,18 @@ print(count)
 
 
 @in_namespaces
-def test_interrupt_from_the_terminal(stage, user):
+def test_interrupt_from_the_terminal(rehearsal, user):
     """It reaches the script once, and the stand-in not at all: the script's last request is answered."""
     terminal, other_end = pty.openpty()
-    process = stage.start(*JSON_LOG, "--", "python3", "-c", COUNTER, user=USERS[user], stdin=other_end,
-                          before=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0))
+    process = rehearsal.start(*JSON_LOG, "--", "python3", "-c", COUNTER, user=USERS[user], stdin=other_end,
+                              before=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0))
     os.close(other_end)
-    assert eventually(lambda: os.path.exists(stage.file("mark")))
+    assert eventually(lambda: os.path.exists(rehearsal.file("mark")))
     os.write(terminal, b"\x03")
-    outcome = stage.finish(process)
+    outcome = rehearsal.finish(process)
     os.close(terminal)
     assert outcome == (0, "1\n", "")
-    assert stage.requests() == ([("fix-concats", "answered")], 1)
+    assert rehearsal.requests() == ([("fix-concats", "answered")], 1)
 
 
 # ---- The stand-in's own failures ----
@@ -239,23 +239,23 @@ def test_interrupt_from_the_terminal(stage, user):
     (["--answers", "none.json"], "none.json: No such file or directory"),
     (["--log", "none/log"], "none/log: No such file or directory"),
 ])
-def test_nothing_starts(stage, user, words, message):
-    assert stage.run(*words, *sh("echo started"), user=USERS[user]) == (1, "", f"plaxd-standin: {message}\n")
+def test_nothing_starts(rehearsal, user, words, message):
+    assert rehearsal.run(*words, *sh("echo started"), user=USERS[user]) == (1, "", f"plaxd-standin: {message}\n")
 
 
 SEND_BYTE = 'import socket; s = socket.socket(socket.AF_UNIX); s.connect("/run/plaxd.uds"); s.send(b"x")'
 
 
 @in_namespaces
-def test_strict(stage, user):
+def test_strict(rehearsal, user):
     text = f"python3 -c '{SEND_BYTE}'; exit 3"
-    assert stage.run(*JSON_LOG, *sh(text), user=USERS[user]) == (3, "", "")
-    assert stage.run(*JSON_LOG, "--strict", *sh(text), user=USERS[user]) == (1, "", "")
+    assert rehearsal.run(*JSON_LOG, *sh(text), user=USERS[user]) == (3, "", "")
+    assert rehearsal.run(*JSON_LOG, "--strict", *sh(text), user=USERS[user]) == (1, "", "")
 
 
 @in_namespaces
-def test_log_that_cannot_be_written(stage, user):
-    assert stage.run("--log", "/dev/full", *sh("plax-tool fix-concats; exit 3"), user=USERS[user]) == (
+def test_log_that_cannot_be_written(rehearsal, user):
+    assert rehearsal.run("--log", "/dev/full", *sh("plax-tool fix-concats; exit 3"), user=USERS[user]) == (
         1, "", "plaxd-standin: /dev/full: No space left on device: lines of the log are lost\n"
                "plaxd-standin: the log could not be written whole\n")
 
@@ -264,29 +264,29 @@ def test_log_that_cannot_be_written(stage, user):
 
 
 @every_user
-def test_namespaces_refused(stage, user):
+def test_namespaces_refused(rehearsal, user):
     """The offer that is made works."""
-    code, output, messages = stage.run(*sh("echo started"), user=refusing(user))
+    code, output, messages = rehearsal.run(*sh("echo started"), user=refusing(user))
     assert (code, output, re.sub("(unshare|mount [^:]*): .*", "REASON", messages)) == (1, "", REFUSED)
-    assert stage.run("--socket-option", *JSON_LOG, *sh("plax-tool fix-concats; exit 3"), user=refusing(user)) == (
+    assert rehearsal.run("--socket-option", *JSON_LOG, *sh("plax-tool fix-concats; exit 3"), user=refusing(user)) == (
         3, "", WARNING)
-    assert stage.requests() == ([("fix-concats", "answered")], 1)
+    assert rehearsal.requests() == ([("fix-concats", "answered")], 1)
 
 
 @every_user
-def test_socket_option(stage, user):
-    """The words stay whole, and the rest of the environment too; what -s changes is what the warning says."""
-    run = stage.run("--socket-option", "--format", "commands", "--log", "log",
-                    *sh("plax-tool -j \"a 'b' \" fitness-config-set; plax-tool --uuid=$1 log-level 2; echo $X", UUID),
-                    user=USERS[user], env={"X": "y"})
+def test_socket_option(rehearsal, user):
+    """The words stay whole, and so does the environment. Adding -s changes only what the warning names."""
+    script = "plax-tool -j \"a 'b' \" fitness-config-set; plax-tool --uuid=$1 log-level 2; echo $X"
+    run = rehearsal.run("--socket-option", "--format", "commands", "--log", "log", *sh(script, UUID),
+                        user=USERS[user], env={"X": "y"})
     assert run == (0, "y\n", WARNING)
-    with open(stage.log, encoding="utf-8") as file:
+    with open(rehearsal.log, encoding="utf-8") as file:
         assert timeless(file.read()) == [
             "# NOW start: script sh", "plax-tool -j 'a '\\''b'\\'' ' fitness-config-set", "plax-tool log-level 2",
             "# NOW summary: 2 requests, 0 broken, 1 with warnings; "
             "fitness-config-set 1 answered; log-level 1 answered"]
 
 
-def test_socket_option_without_tool(stage):
-    assert stage.run("--socket-option", *sh("echo started"), env={"PATH": "/usr/bin:/bin"}) == (
+def test_socket_option_without_tool(rehearsal):
+    assert rehearsal.run("--socket-option", *sh("echo started"), env={"PATH": "/usr/bin:/bin"}) == (
         127, "", "plaxd-standin: plax-tool: not found in PATH\n")

@@ -86,8 +86,8 @@ def test_request_above_the_limit_is_passed():
 class RawDaemon:
     """Listens on a path, and hands the test the daemon's end of each connection through a relay."""
 
-    def __init__(self, folder):
-        self.path = str(folder / "raw.uds")
+    def __init__(self, directory):
+        self.path = str(directory / "raw.uds")
 
     def __enter__(self):
         self.listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
@@ -147,7 +147,7 @@ def test_byte_for_byte_in_both_directions(seed, raw):
 
 
 def test_bytes_pass_at_once(raw):
-    """Single bytes go to and fro; nothing waits for more."""
+    """Single bytes pass in both directions; the relay does not wait for more."""
     client, daemon = raw.pair()
     with client, daemon:
         for byte in frame(13) + b"abc":
@@ -319,13 +319,13 @@ def test_end_of_the_relay_loses_no_request():
 def test_end_of_the_relay_waits_for_no_stuck_daemon():
     """A daemon that reads nothing more would keep bytes of a gone client waiting for ever."""
     with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as stuck:
-        folder = Standin().folder
-        stuck.bind(os.path.join(folder.name, "stuck.uds"))
+        directory = Standin().directory
+        stuck.bind(os.path.join(directory.name, "stuck.uds"))
         stuck.listen(1)
-        with Standin("--to", os.path.join(folder.name, "stuck.uds"), command="relay") as relay:
+        with Standin("--to", os.path.join(directory.name, "stuck.uds"), command="relay") as relay:
             with relay.connect() as client:
                 client.sendall(frame(7, b"x" * 300000))
-        folder.cleanup()
+        directory.cleanup()
     assert [(line["command"], line["outcome"], line["end"]) for line in relay.entries] == [
         ("log-level", "unfinished", "ended by the relay's end")]
 

@@ -212,8 +212,8 @@ def test_file_has_the_mode_that_the_mask_leaves(mask, mode, tmp_path):
 
 @pytest.mark.parametrize("words", [("stats",), ("get-obj-crawler-state", "-a")], ids=lambda words: words[0])
 @pytest.mark.parametrize("path, code", [
-    ("no-folder/out", 2), (".", 21), ("file/out", 20), ("", 2), ("x" * 256, 36),
-], ids=["absent-folder", "folder", "below-a-file", "empty", "name-too-long"])
+    ("no-directory/out", 2), (".", 21), ("file/out", 20), ("", 2), ("x" * 256, 36),
+], ids=["absent-directory", "directory", "below-a-file", "empty", "name-too-long"])
 def test_file_that_cannot_be_opened(words, path, code, tmp_path):
     (tmp_path / "file").write_bytes(b"")
     with ScriptedDaemon(send(b"abc"), may_break=True) as plaxd:

@@ -137,8 +137,8 @@ def test_page_says_what_comes_back(command):
 # ---- Comments ----
 
 def test_comments_name_tests_that_exist():
-    code = "".join(path.read_text() for room in ("cli", "include", "link", "requests", "platform")
-                   for path in (SOURCE / room).rglob("*") if path.suffix in (".cpp", ".h"))
+    code = "".join(path.read_text() for layer in ("cli", "include", "link", "requests", "platform")
+                   for path in (SOURCE / layer).rglob("*") if path.suffix in (".cpp", ".h"))
     tests = "".join(path.read_text() for path in Path(__file__).parent.glob("test_*.py"))
     named = set(re.findall(r"\(test[\s/]+(\w+)\)", code))
     assert named

@@ -128,10 +128,10 @@ def succeeds(command, limit, **options):
 class Tree:
     """A copy of the tree in which mutants are made, one at a time, and its build."""
 
-    def __init__(self, source, folder):
-        self.source = folder / "tree"
-        self.build = folder / "build"
-        shutil.rmtree(folder, ignore_errors=True)
+    def __init__(self, source, directory):
+        self.source = directory / "tree"
+        self.build = directory / "build"
+        shutil.rmtree(directory, ignore_errors=True)
         shutil.copytree(source, self.source, ignore=shutil.ignore_patterns("build", ".git"))
         configure = ["cmake", "-S", self.source, "-B", self.build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Debug",
                      "-DBUILD_TESTING=ON", "-DPLAX_BUILD_STANDIN=OFF"]

@@ -68,7 +68,7 @@ TEST(Reply, OutputFileThatCannotBeOpenedIsWrapped)
 {
     const SocketPair sockets;
     CommandSettings settings;
-    settings.outputPath = "/no-such-folder/out";
+    settings.outputPath = "/no-such-directory/out";
     EXPECT_EQ(Handle(ReplyClass::Streamed, sockets, settings), (Ended{0x2bad0002, "", ""}));
 }
 

@@ -27,8 +27,8 @@ def is_expected(paragraph):
     return any(re.match(begin, paragraph) and content in paragraph for begin, content in EXPECTED)
 
 
-def main(folder):
-    logs = sorted(Path(folder).glob("*.log"))
+def main(directory):
+    logs = sorted(Path(directory).glob("*.log"))
     connections = 0
     unexpected = []
     for log in logs:
