@@ -30,6 +30,8 @@ complete -c plaxd-standin -n '__fish_seen_subcommand_from serve rehearse' -l ans
     -d 'Take answers and faults from this JSON file'
 complete -c plaxd-standin -n '__fish_seen_subcommand_from serve rehearse' -l expect -rF \
     -d 'Exit with status 1 unless these requests came'
+complete -c plaxd-standin -n '__fish_seen_subcommand_from serve relay rehearse' -l capture -rF \
+    -d 'Write requests and replies to FILE for Wireshark'
 complete -c plaxd-standin -n '__fish_seen_subcommand_from relay' -l to -rF \
     -d 'Socket of the daemon; default: /var/run/plaxd.uds'
 complete -c plaxd-standin -n '__fish_seen_subcommand_from rehearse' -l log -rF \

@@ -18,6 +18,7 @@ PROGRAMS = {"plax-tool": "sbin/plax-tool", "plaxd-standin": "bin/plaxd-standin"}
 SHARED_LIBRARIES = {
     "libc.so.6": ("libc6", "LGPL-2.1-or-later"),
     "libgcc_s.so.1": ("libgcc-s1", "GPL-3.0-or-later WITH GCC-exception-3.1"),
+    "libpcap.so.0.8": ("libpcap0.8", "BSD-3-Clause"),
     "libm.so.6": ("libc6", "LGPL-2.1-or-later"),
     "libstdc++.so.6": ("libstdc++6", "GPL-3.0-or-later WITH GCC-exception-3.1"),
 }

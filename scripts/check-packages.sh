@@ -97,7 +97,7 @@ rpmlint --strict --config scripts/rpmlint.toml "${rpms[@]}"
 rpm --query --list --package "${rpms[@]}"
 
 echo "== bare root"
-make_root bookworm bash-completion fish man-db zsh
+make_root bookworm bash-completion fish libpcap0.8 man-db zsh
 cp scripts/tour.sh "$root/root"
 # Where fish keeps what it finds out when it starts, and rpm its database.
 in_root fish -c true

@@ -4,8 +4,8 @@
 set -euo pipefail
 
 declare -A packages=(
-    [build]="g++ cmake gzip ninja-build libcli11-dev nlohmann-json3-dev"
-    [test]="ansible-core bash-completion clustershell dpkg-dev file fish jq libgmock-dev libgtest-dev locales mandoc pdsh python3-jsonschema python3-pytest python3-pytest-xdist rpm zsh"
+    [build]="g++ cmake gzip ninja-build libcli11-dev libpcap-dev nlohmann-json3-dev"
+    [test]="ansible-core bash-completion clustershell dpkg-dev file fish jq libgmock-dev libgtest-dev locales mandoc pdsh python3-jsonschema python3-pytest python3-pytest-xdist rpm tshark zsh"
     [compilers]="clang-14 clang-19 g++-11 g++-12"
     [coverage]="clang-19 libclang-rt-19-dev llvm-19"
     [bench]="chrony knot netcat-openbsd python3-matplotlib socat strace valgrind"
@@ -33,6 +33,7 @@ declare -A contents=(
     [libcli11-dev]="<CLI/CLI.hpp>"
     [libgmock-dev]="<gmock/gmock.h>"
     [libgtest-dev]="<gtest/gtest.h>"
+    [libpcap-dev]="<pcap/pcap.h>"
     [locales]="/usr/share/i18n/locales/de_DE"
     [locales]="localedef"
     [ninja-build]="ninja"

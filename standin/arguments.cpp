@@ -120,6 +120,11 @@ static void AddOutputOptions(CLI::App *command, TypedValues *typed)
         ->take_last();
 }
 
+static void AddCapture(CLI::App *command, Settings *settings)
+{
+    AddValue(command, "--capture", &settings->capturePath, " FILE", "Write requests and replies to FILE for Wireshark");
+}
+
 static CLI::App *AddDaemon(CLI::App *app, const char *name, const char *help, Settings *settings, TypedValues *typed)
 {
     CLI::App *command = AddCommand(app, name, help);
@@ -128,6 +133,7 @@ static CLI::App *AddDaemon(CLI::App *app, const char *name, const char *help, Se
     AddValue(command, "--log", &settings->logPath, " FILE", "Append the log to FILE; default: -, standard output");
     AddOutputOptions(command, typed);
     AddValue(command, "--ready-fd", &typed->readyDescriptor, " N", "Write a newline to descriptor N when ready");
+    AddCapture(command, settings);
     return command;
 }
 
@@ -144,6 +150,7 @@ static void AddRehearse(CLI::App *app, Settings *settings, TypedValues *typed)
     AddAnswers(command, settings);
     AddValue(command, "--log", &settings->logPath, " FILE", "Append the log to FILE; default: no log");
     AddOutputOptions(command, typed);
+    AddCapture(command, settings);
     command->add_flag("--socket-option", settings->socketOption, "Give plax-tool -s where namespaces are not allowed")
         ->take_last();
 }

@@ -26,6 +26,7 @@ struct Settings {
     std::string daemonPath = "/var/run/plaxd.uds";
     std::string requestPath; // of the bytes to decode
     std::string logPath = "-";
+    std::string capturePath; // empty: no capture
     LogFormat format = LogFormat::Text;
     Strictness strict = Strictness::Nothing;
     std::vector<char *> script; // the words after "--", and a null

@@ -22,6 +22,11 @@ void Log::Observe(Observer observer)
     observers_.push_back(std::move(observer));
 }
 
+void Log::AddWitness(Witness *witness)
+{
+    witnesses_.push_back(witness);
+}
+
 void Log::Start(std::string_view kind, std::string_view name)
 {
     file_.Write(FormatStart(kind, name, format_));
@@ -39,6 +44,9 @@ LogTicket Log::Add(std::chrono::system_clock::time_point time, uint64_t connecti
     for (const Observer &observe : observers_) {
         observe(entry, LogEvent::Request);
     }
+    for (Witness *witness : witnesses_) {
+        witness->RequestCame(entry, {reinterpret_cast<const char *>(request.data()), request.size()});
+    }
     if (TellsEveryRequest(format_)) {
         ticket->told = true;
         lines_.push_back({ticket, LogEvent::Request});
@@ -47,6 +55,14 @@ LogTicket Log::Add(std::chrono::system_clock::time_point time, uint64_t connecti
         untold_.push_back(ticket);
     }
     return ticket;
+}
+
+void Log::AddSent(const LogTicket &ticket, std::string_view bytes)
+{
+    ticket->entry.sent.Add(bytes);
+    for (Witness *witness : witnesses_) {
+        witness->ReplySent(ticket->entry, bytes);
+    }
 }
 
 void Log::Release(const LogTicket &ticket)
@@ -67,6 +83,9 @@ void Log::End(const LogTicket &ticket)
     ++summary_.counts[CommandText(entry.request)][std::string(entry.outcome)];
     for (const Observer &observe : observers_) {
         observe(entry, LogEvent::End);
+    }
+    for (Witness *witness : witnesses_) {
+        witness->Ended(entry);
     }
     Release(ticket);
     WriteReady();

@@ -31,6 +31,20 @@ struct LogRecord {
 
 using LogTicket = std::shared_ptr<LogRecord>;
 
+// Sees all that passes.
+class Witness {
+public:
+    Witness() = default;
+    Witness(const Witness &) = delete;
+    Witness &operator=(const Witness &) = delete;
+    virtual ~Witness() = default;
+
+    virtual void RequestCame(const LogEntry &entry, std::string_view bytes) = 0;
+    // The next bytes of the reply went out; the entry counts them already.
+    virtual void ReplySent(const LogEntry &entry, std::string_view bytes) = 0;
+    virtual void Ended(const LogEntry &entry) = 0;
+};
+
 class Log {
 public:
     // Called for every request when it comes, in the order in which they come, and when it has ended.
@@ -39,11 +53,14 @@ public:
     Log(const std::string &path, Descriptor file, LogFormat format);
 
     void Observe(Observer observer);
+    void AddWitness(Witness *witness); // who outlives the log
 
     void Start(std::string_view kind, std::string_view name);
 
     // The request has come. Its entry can be added to until its end.
     LogTicket Add(std::chrono::system_clock::time_point time, uint64_t connection, Bytes request);
+    // The next bytes of its reply went out.
+    void AddSent(const LogTicket &ticket, std::string_view bytes);
     // Its client can go on to the next request. Called more than once, the first call counts.
     void Release(const LogTicket &ticket);
     // Everything about it is known.
@@ -83,6 +100,7 @@ private:
 
     LogFormat format_;
     std::vector<Observer> observers_;
+    std::vector<Witness *> witnesses_;
     std::deque<LogTicket> untold_; // requests in the order in which they came
     std::deque<Line> lines_;       // in the order in which they are to be written
     LogSummary summary_;

@@ -51,6 +51,17 @@ void SentBytes::Add(std::string_view bytes)
     count += bytes.size();
 }
 
+bool IsFramed(ReplyClass replyClass)
+{
+    return replyClass == ReplyClass::Printed || replyClass == ReplyClass::Checked;
+}
+
+bool IsWhole(const SentBytes &sent, ReplyClass replyClass)
+{
+    return IsFramed(replyClass) && sent.count >= kHeaderSize &&
+           sent.count - kHeaderSize >= ReadHeader(sent.head).length;
+}
+
 // ---- Text ----
 
 // Quotes a text that could be taken for something else when it stands bare in the line.
@@ -78,10 +89,15 @@ static std::string ListText(const Json &list)
     return text + "]";
 }
 
-static std::string FieldText(const Field &field)
+std::string FieldText(const Field &field)
 {
-    std::string text = std::string(field.name) + "=";
-    text += field.value.is_array() ? ListText(field.value) : BareOrQuoted(field.value);
+    return std::string(field.name) + "=" + (field.value.is_array() ? ListText(field.value) : BareOrQuoted(field.value));
+}
+
+// With what the number stands for.
+static std::string ExplainedText(const Field &field)
+{
+    std::string text = FieldText(field);
     if (!field.meaning.empty()) {
         text.append("(").append(field.meaning).append(")");
     }
@@ -92,7 +108,7 @@ static std::string RequestText(const DecodedRequest &request)
 {
     std::string text = CommandText(request) + " " + std::to_string(request.code);
     for (const Field &field : request.fields) {
-        text.append(" ").append(FieldText(field));
+        text.append(" ").append(ExplainedText(field));
     }
     return text;
 }
@@ -132,7 +148,7 @@ static std::string FrameText(const SentBytes &sent)
 
 static std::string ReplyText(const LogEntry &entry)
 {
-    if (entry.replyClass == ReplyClass::Printed || entry.replyClass == ReplyClass::Checked) {
+    if (IsFramed(entry.replyClass)) {
         return FrameText(entry.sent);
     }
     return entry.sent.count == 0 ? "nothing" : std::to_string(entry.sent.count) + " bytes streamed";
@@ -201,7 +217,7 @@ static Json RequestJson(const DecodedRequest &request)
 
 static Json ReplyJson(const LogEntry &entry)
 {
-    const bool framed = entry.replyClass == ReplyClass::Printed || entry.replyClass == ReplyClass::Checked;
+    const bool framed = IsFramed(entry.replyClass);
     if (!framed || entry.sent.count < kHeaderSize) {
         return {{framed ? "headerBytes" : "bytes", entry.sent.count}};
     }

@@ -24,6 +24,11 @@ struct SentBytes {
     void Add(std::string_view bytes);
 };
 
+bool IsFramed(ReplyClass replyClass);
+
+// Whether a client that reads this as its reply has read all of it. The end of a stream is that of the connection.
+bool IsWhole(const SentBytes &sent, ReplyClass replyClass);
+
 struct LogEntry {
     std::chrono::system_clock::time_point time;
     uint64_t connection = 0;
@@ -52,6 +57,9 @@ std::string FormatStart(std::string_view kind, std::string_view name, LogFormat 
 // Empty when the format has no line for the event.
 std::string FormatEntry(const LogEntry &entry, LogEvent event, LogFormat format);
 std::string FormatSummary(const LogSummary &summary, LogFormat format);
+
+// A field as the text format has it, but without what a number stands for.
+std::string FieldText(const Field &field);
 
 // The command's word, as the log names it.
 std::string CommandText(const DecodedRequest &request);

@@ -2,6 +2,7 @@
 
 #include "answer_file.h"
 #include "arguments.h"
+#include "capture.h"
 #include "expectations.h"
 #include "rehearse.h"
 #include "relay.h"
@@ -63,10 +64,13 @@ static bool AwaitLog(Log *log, Signals *signals)
     _exit(kExitFailure);
 }
 
-static int EndLog(const Settings &settings, Log *log)
+static int EndLog(const Settings &settings, Log *log, const Capture *capture)
 {
     if (log->File().Lost() > 0) {
         Report("the log could not be written whole");
+        return kExitFailure;
+    }
+    if (capture != nullptr && capture->HasFailed()) {
         return kExitFailure;
     }
     return StrictStatus(settings.strict, log->SawViolation(), log->SawWarning());
@@ -102,8 +106,12 @@ static int RunDaemon(const Settings &settings, const Daemon &daemon)
 {
     RaiseDescriptorLimit();
     Descriptor logFile = OpenLogFile(settings.logPath);
+    const auto capture = settings.capturePath.empty() ? nullptr : std::make_unique<Capture>(settings.capturePath);
     Signals signals;
     Log log(settings.logPath, std::move(logFile), settings.format);
+    if (capture != nullptr) {
+        log.AddWitness(capture.get());
+    }
     Listener listener = OpenListener(settings.socketPath, settings.socketMode);
     Server server(listener, &signals, &log, [&](Connection connection, const Watch &watch) {
         return daemon.make(std::move(connection), watch, &log);
@@ -125,7 +133,7 @@ static int RunDaemon(const Settings &settings, const Daemon &daemon)
         EndAtOnce(&listener, &log);
     }
     CloseListener(&listener);
-    const int status = EndLog(settings, &log);
+    const int status = EndLog(settings, &log, capture.get());
     return daemon.judge() ? status : kExitFailure;
 }
 

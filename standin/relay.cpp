@@ -90,8 +90,8 @@ private:
     Flow request_{};
     Flow reply_{};
     RequestCapture capture_;
-    LogTicket ticket_; // from the moment when the request is whole
-    SentBytes sent_;
+    LogTicket ticket_;  // from the moment when the request is whole
+    std::string early_; // of the reply: what came before the request was whole
     SteadyTime lastReply_{};
     SteadyTime firstEnd_ = kNever;
     bool stopping_ = false; // the program ends
@@ -260,23 +260,15 @@ void RelaySession::SeeRequest(std::string_view bytes)
     }
 }
 
-static bool IsFramed(ReplyClass replyClass)
-{
-    return replyClass == ReplyClass::Printed || replyClass == ReplyClass::Checked;
-}
-
-// Whether a client that reads this as its reply has read all of it. The end of a stream is that of the connection.
-static bool IsWhole(const SentBytes &sent, ReplyClass replyClass)
-{
-    return IsFramed(replyClass) && sent.count >= kHeaderSize &&
-           sent.count - kHeaderSize >= ReadHeader(sent.head).length;
-}
-
 void RelaySession::SeeReply(std::string_view bytes)
 {
-    sent_.Add(bytes);
     lastReply_ = Now();
-    if (ticket_ != nullptr && IsWhole(sent_, ticket_->entry.replyClass)) {
+    if (ticket_ == nullptr) {
+        early_ += bytes;
+        return;
+    }
+    log_->AddSent(ticket_, bytes);
+    if (IsWhole(ticket_->entry.sent, ticket_->entry.replyClass)) {
         log_->Release(ticket_);
     }
 }
@@ -364,6 +356,9 @@ void RelaySession::AddToLog()
         return;
     }
     ticket_ = log_->Add(connection_.since, connection_.number, capture_.bytes);
+    if (!early_.empty()) {
+        log_->AddSent(ticket_, std::exchange(early_, {}));
+    }
     if (ticket_->entry.replyClass == ReplyClass::None) {
         log_->Release(ticket_);
     }
@@ -386,10 +381,9 @@ Progress RelaySession::Log(std::string_view outcome, std::string end)
     if (capture_.bytesAfterEnd > 0 && entry.request.length <= kRequestLengthMax) {
         entry.request.violations.push_back(BytesAfterEnd(capture_.bytesAfterEnd));
     }
-    entry.sent = sent_;
     entry.outcome = outcome;
     entry.end = std::move(end);
-    const SteadyTime over = sent_.count > 0 ? lastReply_ : std::min(firstEnd_, Now());
+    const SteadyTime over = entry.sent.count > 0 ? lastReply_ : std::min(firstEnd_, Now());
     entry.taken = over - connection_.start;
     log_->End(ticket_);
     return Progress::Done;

@@ -269,7 +269,7 @@ Progress ServeSession::SendPart(const Part &part)
         return errno == EAGAIN ? Progress::Waiting : Answered(false);
     }
     partSent_ += static_cast<size_t>(count);
-    ticket_->entry.sent.Add(bytes.substr(0, static_cast<size_t>(count)));
+    log_->AddSent(ticket_, bytes.substr(0, static_cast<size_t>(count)));
     return Progress::More;
 }
 

@@ -35,6 +35,7 @@ options:
   --format FORMAT       text (the default), json or commands
   --strict[=warnings]   Exit with status 1 after violations (and warnings)
   --ready-fd N          Write a newline to descriptor N when ready
+  --capture FILE        Write requests and replies to FILE for Wireshark
   --answers FILE        Take answers and faults from this JSON file
   --expect FILE         Exit with status 1 unless these requests came
 """
@@ -52,6 +53,7 @@ options:
   --format FORMAT       text (the default), json or commands
   --strict[=warnings]   Exit with status 1 after violations (and warnings)
   --ready-fd N          Write a newline to descriptor N when ready
+  --capture FILE        Write requests and replies to FILE for Wireshark
   --to PATH             Socket of the daemon; default: /var/run/plaxd.uds
 """
 
@@ -67,6 +69,7 @@ options:
   --log FILE            Append the log to FILE; default: no log
   --format FORMAT       text (the default), json or commands
   --strict[=warnings]   Exit with status 1 after violations (and warnings)
+  --capture FILE        Write requests and replies to FILE for Wireshark
   --socket-option       Give plax-tool -s where namespaces are not allowed
 """
 

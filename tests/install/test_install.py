@@ -8,6 +8,7 @@ from pathlib import Path
 import re
 import shutil
 import subprocess
+import sysconfig
 
 import pytest
 from conftest import BUILD, run_cmake
@@ -16,6 +17,7 @@ import harness
 from harness import Outcome, ScriptedDaemon, reply, tool
 
 SOURCE_DIR = os.environ["PLAX_SOURCE_DIR"]
+MULTIARCH = sysconfig.get_config_var("MULTIARCH")
 ON_DEBIAN = os.path.exists("/etc/debian_version")
 
 # Prefix, and where zsh and fish look for completions that belong to it.
@@ -26,6 +28,8 @@ COMPLETIONS = [
 ]
 OTHER_PREFIX = ("/opt/placement", "/opt/placement/share/zsh/site-functions/_plax-tool",
                 "/opt/placement/share/fish/vendor_completions.d/plax-tool.fish")
+# Where Debian's Wireshark, and others, look for dissectors.
+DISSECTOR = f"/usr/lib{f'/{MULTIARCH}' if ON_DEBIAN else '64'}/wireshark/plugins/plaxd.lua"
 needs_standin = pytest.mark.skipif("PLAXD_STANDIN" not in os.environ, reason="the stand-in is not built")
 
 
@@ -40,8 +44,10 @@ def test_files_of_the_tool(installed, prefix, zsh, fish):
 @pytest.mark.parametrize("prefix, zsh, fish", [*COMPLETIONS, OTHER_PREFIX])
 def test_files_of_the_standin(installed, prefix, zsh, fish):
     root = installed(prefix, "plax-tool-standin")
-    completions = {f"-rw-r--r-- {path.replace('plax-tool', 'plaxd-standin')}" for path in (zsh, fish)}
-    assert listing(root) == below(prefix, STANDIN) | completions
+    dissector = DISSECTOR if prefix == "/usr" else f"{prefix}/lib/wireshark/plugins/plaxd.lua"
+    others = {f"-rw-r--r-- {path}" for path in (*(path.replace("plax-tool", "plaxd-standin") for path in (zsh, fish)),
+                                                dissector)}
+    assert listing(root) == below(prefix, STANDIN) | others
     assert directory_modes(root) == {"drwxr-xr-x"}
 
 
@@ -88,6 +94,12 @@ def test_tool_starts_without_proc(installed):
     run = subprocess.run([*NAMESPACE, "sh", "-c", WITHOUT_PROC], env=environment, stdin=subprocess.DEVNULL,
                          stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, check=False)
     assert (run.stderr, run.returncode) == (b"Unrecognized command: nothing\n", 1)
+
+
+@pytest.mark.skipif(not shutil.which("tshark"), reason="there is no tshark")
+def test_tshark_looks_for_the_dissector_there():
+    folders = subprocess.run(["tshark", "-G", "folders"], capture_output=True, text=True, check=True).stdout
+    assert f"Global Lua Plugins:  \t{os.path.dirname(DISSECTOR)}\n" in folders
 
 
 @needs_standin
@@ -166,10 +178,10 @@ def test_uninstall_removes_all_but_the_directories_of_the_system(own_manifest, t
     (tmp_path / "usr/local/share/doc").mkdir(parents=True)
     (tmp_path / "usr/local/share/doc/other").touch()
     run_cmake("--install", BUILD, "--prefix", "/usr/local", root=tmp_path)
-    assert len(listing(tmp_path)) == len(TOOL) + 2 + len(STANDIN) + 2 + 1
+    assert len(listing(tmp_path)) == len(TOOL) + 2 + len(STANDIN | {DISSECTOR}) + 2 + 1
     run_cmake("--build", BUILD, "--target", "uninstall", root=tmp_path)
     assert [f"{os.path.relpath(path, tmp_path)} {names}" for path, below_it, names in sorted(os.walk(tmp_path))
             if not below_it] == [
-        "etc/fish/completions []", "usr/local/bin []", "usr/local/lib []", "usr/local/sbin []",
+        "etc/fish/completions []", "usr/local/bin []", "usr/local/lib/wireshark/plugins []", "usr/local/sbin []",
         "usr/local/share/bash-completion/completions []", "usr/local/share/doc ['other']",
         "usr/local/share/man/man1 []", "usr/local/share/man/man8 []", "usr/local/share/zsh/site-functions []"]

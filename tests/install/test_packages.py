@@ -7,6 +7,7 @@ import os
 import re
 import shutil
 import subprocess
+import sysconfig
 
 import pytest
 from conftest import BUILD
@@ -74,7 +75,8 @@ def test_files_of_the_standins_debian_package(packages):
     assert {line for line in listing if not line.endswith("/")} == owned(below("/usr", STANDIN) | {
         "-rw-r--r-- /usr/share/doc/plax-tool-standin/changelog.Debian.gz",
         "-rw-r--r-- /usr/share/fish/vendor_completions.d/plaxd-standin.fish",
-        "-rw-r--r-- /usr/share/zsh/vendor-completions/_plaxd-standin"})
+        "-rw-r--r-- /usr/share/zsh/vendor-completions/_plaxd-standin",
+        f"-rw-r--r-- /usr/lib/{sysconfig.get_config_var('MULTIARCH')}/wireshark/plugins/plaxd.lua"})
     assert {line.partition("/root ")[0] for line in listing if line.endswith("/")} == {"drwxr-xr-x root"}
 
 
@@ -107,7 +109,7 @@ def test_fields_of_the_standins_debian_package(packages):
 Package: plax-tool-standin
 Section: admin
 Maintainer: plax-tool maintainers <maintainers@plax-tool.invalid>
-Depends: libc6 (>= VERSION), libgcc-s1 (>= VERSION), libstdc++6 (>= VERSION)
+Depends: libc6 (>= VERSION), libgcc-s1 (>= VERSION), libpcap0.8 (>= VERSION), libstdc++6 (>= VERSION)
 Recommends: plax-tool
 Description: rehearse plax-tool scripts without a storage cluster
  plaxd-standin takes the place of plaxd, the placement daemon of clustered
@@ -142,8 +144,11 @@ def test_files_of_the_tools_rpm(packages):
 @rpm
 def test_files_of_the_standins_rpm(packages):
     assert rpm_listing(package_file(packages, "plax-tool-standin-[0-9]*.rpm")) == owned(below("/usr", STANDIN) | {
+        "-rw-r--r-- /usr/lib64/wireshark/plugins/plaxd.lua",
         "-rw-r--r-- /usr/share/fish/vendor_completions.d/plaxd-standin.fish",
         "-rw-r--r-- /usr/share/zsh/site-functions/_plaxd-standin",
+        "drwxr-xr-x /usr/lib64/wireshark",
+        "drwxr-xr-x /usr/lib64/wireshark/plugins",
         "drwxr-xr-x /usr/share/bash-completion",
         "drwxr-xr-x /usr/share/bash-completion/completions",
         "drwxr-xr-x /usr/share/doc/plax-tool-standin",
@@ -204,7 +209,7 @@ def rpm_names(path, tag):
 @rpm
 @pytest.mark.parametrize("pattern, requires, provides", [
     ("plax-tool-[0-9]*.rpm", {"libc.so.6"}, {"plax-tool"}),
-    ("plax-tool-standin-[0-9]*.rpm", {"libc.so.6", "libgcc_s.so.1", "libstdc++.so.6"}, {"plax-tool-standin"}),
+    ("plax-tool-standin-[0-9]*.rpm", {"libc.so.6", "libgcc_s.so.1", "libpcap.so.0.8", "libstdc++.so.6"}, {"plax-tool-standin"}),
 ])
 def test_dependencies_of_the_rpms(packages, pattern, requires, provides):
     path = package_file(packages, pattern)

@@ -1,0 +1,219 @@
+"""plaxd-standin --capture: what tshark shows of a capture is what the log has and what was sent."""
+
+import json
+import os
+import re
+import shutil
+import subprocess
+
+from harness import TOOL, ScriptedDaemon, frame, pause, send, stay_silent, tool
+from request_table import PRINTED, CHECKED, ROWS, STREAMED, UNANSWERED, name
+from standin_process import PROJECT, Standin, end, run_standin, start_standin
+import pytest
+
+pytestmark = pytest.mark.skipif(not shutil.which("tshark"), reason="there is no tshark")
+
+DISSECTOR = os.path.join(PROJECT, "standin", "wireshark", "plaxd.lua")
+UUID = "01234567-89ab-cdef-0123-456789abcdef"
+LINKS = ("plaxd.request_in", "plaxd.reply_in", "plaxd.time")
+
+
+def packets(capture):
+    """What tshark shows of each packet: the values by the names of their fields, always as lists."""
+    run = subprocess.run(["tshark", "-2", "-X", f"lua_script:{DISSECTOR}", "-r", capture, "-T", "json",
+                          "--no-duplicate-keys"], stdin=subprocess.DEVNULL, capture_output=True, check=True, timeout=60)
+    assert re.sub(rb"Running as user.*\n", b"", run.stderr) == b""
+    return [flat(packet["_source"]["layers"]["plaxd"]) for packet in json.loads(run.stdout)]
+
+
+def flat(tree):
+    """Expert messages stand below the fields that they belong to."""
+    values = {}
+    for key, value in tree.items():
+        for part in value if isinstance(value, list) else [value]:
+            if isinstance(part, dict):
+                for inner, found in flat(part).items():
+                    values.setdefault(inner, []).extend(found)
+            elif key == "_ws.expert.message" or not key.startswith(("_ws.", "plaxd.expert.")):
+                values.setdefault(key, []).append(part)
+    return values
+
+
+def shown(packet):
+    """Without what tells where the packet belongs."""
+    return {key.removeprefix("plaxd."): value if len(value) > 1 else value[0] for key, value in packet.items()
+            if key not in LINKS + ("plaxd.connection", "plaxd.command")}
+
+
+def value_text(value):
+    if isinstance(value, list):
+        return "[" + ",".join(map(value_text, value)) + "]"
+    if isinstance(value, str) and re.fullmatch(r"[-_./:+A-Za-z0-9]+", value):
+        return value
+    return json.dumps(value)
+
+
+@pytest.fixture(name="capture")
+def path_of_capture(tmp_path):
+    return str(tmp_path / "capture")
+
+
+@pytest.fixture(name="every", scope="module")
+def every_command(tmp_path_factory):
+    """The log's entries of the least and the full request of every command, and the packets of each."""
+    path = str(tmp_path_factory.mktemp("every") / "capture")
+    with Standin("--capture", path) as plaxd:
+        for row in ROWS:
+            tool("-s", plaxd.path, *row.least)
+            tool("-s", plaxd.path, *row.full)
+    exchanges = {}
+    for number, packet in enumerate(packets(path), 1):
+        exchanges.setdefault(int(packet["plaxd.connection"][0]), {})[number] = packet
+    assert len(plaxd.entries) == len(exchanges) == 2 * len(ROWS)
+    return [(entry, exchanges[entry["connection"]]) for entry in plaxd.entries]
+
+
+@pytest.mark.parametrize("index", range(len(ROWS)), ids=map(name, ROWS))
+def test_command(every, index):
+    row = ROWS[index]
+    for payload, (entry, exchange) in zip((row.least_payload, row.full_payload), every[2 * index:2 * index + 2]):
+        numbers, found = list(exchange), list(exchange.values())
+        assert {packet["plaxd.command"][0] for packet in found} == {row.word}
+        assert found[0].get("plaxd.field", []) == [f"{key}={value_text(value)}" for key, value
+                                                    in entry["fields"].items()]
+        assert found[0].get("plaxd.warning", []) == entry["warnings"]
+        assert (found[0]["plaxd.code"], found[0]["plaxd.length"]) == ([str(row.code)], [str(len(payload))])
+        assert found[0].get("plaxd.payload", [""]) == [payload.hex(":")] if payload else [""]
+        assert shown(found[-1]) == {"kind": "end", "outcome": "answered", "end": "client closed"}
+        assert_reply(row, numbers, found)
+
+
+def assert_reply(row, numbers, found):
+    """What the packets between the request and the end show, and their links."""
+    kinds = {PRINTED: ["reply"], CHECKED: ["reply"], STREAMED: ["stream"], UNANSWERED: []}
+    assert [packet["plaxd.kind"][0] for packet in found[1:-1]] == kinds[row.reply]
+    for packet in found[1:]:
+        assert packet["plaxd.request_in"] == [str(numbers[0])]
+        assert 0 <= float(packet["plaxd.time"][0]) < 10
+    if row.reply == UNANSWERED:
+        assert "plaxd.reply_in" not in found[0]
+        return
+    assert found[0]["plaxd.reply_in"] == [str(numbers[1])]
+    answer = {"text": row.answer, "payload": row.answer.encode().hex(":")} if row.answer else {}
+    framed = {"status": "0x00000000", "status_name": "Success", "length": str(len(row.answer))}
+    expected = {"kind": "stream"} if row.reply == STREAMED else {"kind": "reply", **framed}
+    assert shown(found[1]) == {**expected, **answer}
+
+
+def test_broken_request(capture):
+    with Standin("--capture", capture) as plaxd:
+        assert plaxd.exchange(frame(24, b"7\0x") + b"more") == frame(0, b"enabled")
+        plaxd.exchange(b"\0\0")
+    assert [shown(packet) for packet in packets(capture)] == [
+        {"kind": "request", "code": "24", "length": "3", "payload": "37:00:78", "violation": "length 3 where 4 is due",
+         "_ws.expert.message": "length 3 where 4 is due"},
+        {"kind": "reply", "status_name": "Success", "status": "0x00000000", "length": "7",
+         "payload": "65:6e:61:62:6c:65:64", "text": "enabled"},
+        {"kind": "end", "outcome": "answered", "end": "client closed", "violation": "4 bytes after the end",
+         "_ws.expert.message": "4 bytes after the end"},
+        {"kind": "request", "violation": "cut short: 2 of 8 header bytes",
+         "_ws.expert.message": "cut short: 2 of 8 header bytes"},
+        {"kind": "end", "outcome": "unanswered", "end": "client closed"}]
+
+
+def test_senseless_request(capture):
+    with Standin("--capture", capture) as plaxd:
+        plaxd.exchange(frame(7))
+    request = packets(capture)[0]
+    assert (request["plaxd.warning"], request["_ws.expert.message"]) == (["level is empty"], ["level is empty"])
+
+
+@pytest.mark.parametrize("answer, expected", [
+    ({"fault": "cut-header", "faultBytes": 3}, {"_ws.expert.message": "3 of 8 header bytes"}),
+    ({"fault": "announce-more", "faultBytes": 99, "text": "abc"},
+     {"status_name": "Success", "status": "0x00000000", "length": "99", "_ws.expert.message": "3 of 99 bytes",
+      "payload": "61:62:63", "text": "abc"}),
+    ({"fault": "garbage", "text": "\x01\x02\x03\x04\x00\x00\x00\x00ab"},
+     {"status_name": "", "status": "0x01020304", "length": "0", "_ws.expert.message": "2 of 0 bytes",
+      "payload": "61:62", "text": "ab"}),
+])
+def test_broken_reply(capture, answer, expected):
+    with Standin("--capture", capture).answers({"fix-concats": answer}) as plaxd:
+        plaxd.exchange(frame(13))
+    assert [shown(packet) for packet in packets(capture)[1:]] == [
+        {"kind": "reply", **expected},
+        {"kind": "end", "outcome": "fault", "end": "client closed", "fault": answer["fault"]}]
+
+
+def test_framed_reply_in_pieces_is_one_packet(capture):
+    answer = {"status": "EBUSY", "pieces": [{"text": "a"}, {"text": "b", "pauseMs": 300}]}
+    with Standin("--capture", capture).answers({"fix-concats": answer}) as plaxd:
+        plaxd.exchange(frame(13))
+    request, answered, _ = packets(capture)
+    assert shown(answered) == {"kind": "reply", "status_name": "EBUSY", "status": "0x2bad0010", "length": "2",
+                               "payload": "61:62", "text": "ab"}
+    assert 0.3 <= float(answered["plaxd.time"][0]) < 10
+    assert request["plaxd.reply_in"] == ["2"]
+
+
+def test_relay_shows_each_piece_of_a_stream(capture):
+    with ScriptedDaemon(send(b"first"), pause(0.3), send(b"second\xff")) as daemon:
+        with Standin("--to", daemon.path, "--capture", capture, command="relay") as relay:
+            relay.exchange(frame(1))
+    _, first, second, last = packets(capture)
+    assert shown(first) == {"kind": "stream", "payload": "66:69:72:73:74", "text": "first"}
+    assert second["plaxd.payload"] == ["73:65:63:6f:6e:64:ff"]
+    assert 0.2 <= float(second["plaxd.time"][0]) - float(first["plaxd.time"][0]) < 10
+    assert last["plaxd.outcome"] == ["relayed"]
+
+
+def test_reply_before_the_request_is_shown_after_it(capture):
+    """A daemon that answers what it has not read yet."""
+    with ScriptedDaemon(send(frame(5, b"no")), stay_silent(), read_request=False) as daemon:
+        with Standin("--to", daemon.path, "--capture", capture, command="relay") as relay:
+            with relay.connect() as client:
+                assert client.recv(100) == frame(5, b"no")
+                client.sendall(frame(13))
+                client.shutdown(1)
+    assert [packet["plaxd.kind"] for packet in packets(capture)] == [["request"], ["reply"], ["end"]]
+    assert relay.entries[0]["reply"] == {"status": 5, "statusHex": "0x00000005", "length": 2, "bytes": 2}
+
+
+def test_long_packets_are_cut_without_a_complaint(capture):
+    """tshark reads packets of 256 KiB at most."""
+    text = "7" * 400000
+    with Standin("--capture", capture).answers({"fitness-config-set": {"text": text}}) as plaxd:
+        assert plaxd.exchange(frame(4, text.encode() + b"\0")) == frame(0, text.encode())
+    request, answered, _ = packets(capture)
+    assert (request["plaxd.field"], request["plaxd.length"]) == (["json=" + "7" * 99995], ["400001"])
+    assert answered["plaxd.length"] == ["400000"]
+    assert (request["_ws.expert.message"], "_ws.expert.message" in answered) == (["json is not JSON"], False)
+
+
+def test_rehearsal(capture, monkeypatch):
+    monkeypatch.setenv("PATH", os.path.dirname(TOOL) + ":" + os.environ["PATH"])
+    words = ("rehearse", "--capture", capture, "--socket-option", "--", "plax-tool", "fix-concats")
+    assert run_standin(*words)[0] == 0
+    assert [packet["plaxd.kind"] for packet in packets(capture)] == [["request"], ["reply"], ["end"]]
+
+
+@pytest.mark.parametrize("command", ["serve", "relay", "rehearse"])
+@pytest.mark.parametrize("path, message", [("/nowhere/capture", b"No such file or directory"),
+                                           ("/dev/full", b"No space left on device")])
+def test_unwritable_capture_is_an_error_at_the_start(tmp_path, command, path, message):
+    words = ["--", "true"] if command == "rehearse" else ["--socket", str(tmp_path / "uds")]
+    status, _, messages = run_standin(command, "--capture", path, *words)
+    assert (status, messages) == (1, b"plaxd-standin: " + path.encode() + b": " + message + b"\n")
+    assert not (tmp_path / "uds").exists()
+
+
+def test_capture_that_fails_later(tmp_path):
+    """A pipe takes the place of a disk that becomes full."""
+    pipe, path = str(tmp_path / "pipe"), str(tmp_path / "uds")
+    os.mkfifo(pipe)
+    reader = os.open(pipe, os.O_RDONLY | os.O_NONBLOCK)
+    process = start_standin("serve", "--socket", path, "--capture", pipe)
+    os.close(reader)
+    assert [tool("-s", path, "fix-concats").code for _ in range(2)] == [0, 0]
+    assert end(process) == (
+        1, b"plaxd-standin: " + pipe.encode() + b": Broken pipe: packets of the capture are lost\n")
