@@ -22,7 +22,7 @@ if not collect_ignore_glob:
         assert not kill_leftovers(), "a stand-in was left running"
 
 
-LONG = ("test_timeouts.py", "test_stay_silent", "test_document[docs/fleet.md", "test_many_runs",
+LONG = ("test_timeouts.py", "temporarily unavailable", "20 seconds", "in time", "test_stay_silent", "test_document[docs/fleet.md", "test_many_runs",
         "test_two_builds_are_the_same_bytes")
 
 

@@ -9,7 +9,8 @@ from console_document import STANDIN, read_steps, run_steps
 SOURCE = pathlib.Path(__file__).parents[2]
 
 # The number of commands, so that no block is overlooked.
-DOCUMENTS = [("README.md", 12), ("docs/fleet.md", 39), ("docs/scripting.md", 28)]
+DOCUMENTS = [("README.md", 12), ("docs/fleet.md", 39), ("docs/scripting.md", 28),
+             ("docs/troubleshooting.md", 5)]
 
 
 @pytest.mark.skipif(not STANDIN, reason="this build has no stand-in daemon")
