@@ -43,6 +43,9 @@ static int StrictStatus(Strictness strict, bool sawViolation, bool sawWarning)
     return fails ? kExitFailure : 0;
 }
 
+// So long a log may still take after the second signal: it may just be about to be whole.
+static constexpr int kLastPatienceMs = 200;
+
 // Waits until the log is written. A signal ends the waiting: nobody may ever read the pipe that the log goes to.
 static bool AwaitLog(Log *log, Signals *signals)
 {
@@ -50,7 +53,7 @@ static bool AwaitLog(Log *log, Signals *signals)
     while ((inputs[0].revents & POLLIN) == 0) {
         const int signal = poll(inputs, std::size(inputs), -1) > 0 ? signals->Next() : 0;
         if (signal == SIGTERM || signal == SIGINT) {
-            return false;
+            return poll(inputs, 1, kLastPatienceMs) == 1;
         }
     }
     return true;
@@ -127,9 +130,9 @@ static int RunDaemon(const Settings &settings, const Daemon &daemon)
     } else {
         log.Start("socket", settings.socketPath);
     }
-    const bool served = server.Run();
+    server.Run();
     log.WriteSummary();
-    if (!served || !AwaitLog(&log, &signals)) {
+    if (!AwaitLog(&log, &signals)) {
         EndAtOnce(&listener, &log);
     }
     CloseListener(&listener);

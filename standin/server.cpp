@@ -60,16 +60,15 @@ Server::Server(const Listener &listener, Signals *signals, Log *log, Factory fac
     WatchListener();
 }
 
-bool Server::Run()
+void Server::Run()
 {
-    while (!abandoned_ && (!drained_ || !sessions_.empty())) {
+    while (!drained_ || !sessions_.empty()) {
         HandleEvents();
         AdvanceBusy();
         AdvanceDue();
         WatchListener();
         log_->Tick();
     }
-    return !abandoned_;
 }
 
 void Server::HandleEvents()
@@ -117,11 +116,10 @@ int Server::Timeout() const
 void Server::HandleSignals()
 {
     for (int signal = 0; (signal = signals_->Next()) != 0;) {
-        if (signal != SIGHUP) {
-            abandoned_ = stopping_;
-            Stop();
-        } else if (reload_) {
+        if (signal == SIGHUP) {
             reload_();
+        } else if (!stopping_) {
+            Stop();
         }
     }
 }

@@ -84,9 +84,9 @@ public:
         reload_ = std::move(reload);
     }
 
-    // Returns after SIGTERM or SIGINT, when every connection that had come in by then has been served to its end; or
-    // without waiting for that, with false, when another such signal comes.
-    bool Run();
+    // Returns after SIGTERM or SIGINT, when every connection that had come in by then has been served to its end.
+    // That takes no long time, so further such signals change nothing.
+    void Run();
 
 private:
     struct Active {
@@ -116,7 +116,7 @@ private:
     Signals *signals_;
     Log *log_;
     Factory factory_;
-    std::function<void()> reload_;
+    std::function<void()> reload_ = [] {};
     Descriptor epoll_;
     Sessions sessions_;
     std::set<std::pair<SteadyTime, uint64_t>> timers_; // of the sessions that have one
@@ -128,7 +128,6 @@ private:
     bool complained_ = false;         // that nobody can be accepted
     bool stopping_ = false;
     bool drained_ = false; // after Stop(): nobody waits to be accepted any more
-    bool abandoned_ = false;
 };
 
 // Whether nothing more can be sent to the socket's peer, nor come from it apart from what has arrived already.

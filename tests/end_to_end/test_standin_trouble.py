@@ -238,6 +238,19 @@ def test_second_signal_ends_it_with_its_log_unread(by, tmp_path):
     process.stderr.close()
 
 
+def test_two_signals_lose_nothing():
+    """What has come is still served and logged when there is nothing that keeps the log from being written."""
+    with Standin() as plaxd:
+        os.kill(plaxd.process.pid, signal.SIGSTOP)
+        for _ in range(500):
+            with plaxd.connect() as client:
+                client.sendall(frame(32))
+        plaxd.process.send_signal(signal.SIGINT)
+        plaxd.process.terminate()
+        os.kill(plaxd.process.pid, signal.SIGCONT)
+    assert (plaxd.code, plaxd.summary["commands"]) == (0, {"refresh-config-opts": {"answered": 500}})
+
+
 def test_disk_that_is_full_for_a_while(tmp_path):
     """The file and the reason are named once, and what is written later stands on lines of its own."""
     path, log = str(tmp_path / "plaxd.uds"), tmp_path / "log"
