@@ -29,7 +29,7 @@ WORKLOADS = [
     ("usage error", 0, "nonsense", "u"),
 ]
 
-# What has been reached and should stay: workload, figure, and the most that its ratio to the yardstick may be.
+# Goals that must stay met: workload, figure, and the upper limit of its ratio to the yardstick.
 GOALS = [
     ("fitness-stats-get, 100 B", "instructions", 1.40),
     ("fitness-stats-get, 100 B", "wall", 1.20),
@@ -73,7 +73,7 @@ class Bench:
             peer.stdout.close()
 
     def timed(self, first, second, rounds=None):
-        """Gives (wall microseconds, page faults, peak KiB) of two commands, run in turn."""
+        """Returns (wall microseconds, page faults, peak KiB) of each of two commands, run alternately."""
         command = [self.build / "paired-timer", str(rounds or self.rounds), str(len(first)), *first, *second]
         run = subprocess.run(command, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True, check=True)
         lines = [line for line in run.stderr.splitlines() if re.fullmatch(r"[\d.]+ \d+ \d+", line)]
@@ -87,7 +87,7 @@ def instructions(words):
 
 
 def system_calls(words):
-    """All calls, and those after the loader, whose last act is to unmap its cache."""
+    """The number of all calls, and of those after the loader, which unmaps its cache last."""
     with tempfile.NamedTemporaryFile("r") as trace:
         subprocess.run(["strace", "-o", trace.name, *words], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, check=False)
         calls = [line for line in trace.read().splitlines() if re.match(r"\w+\(", line)]
@@ -96,12 +96,12 @@ def system_calls(words):
 
 
 def rounds_for(length, rounds):
-    """Fewer rounds where each moves many bytes."""
+    """The number of rounds: the longer the answer, the fewer."""
     return max(11, rounds // max(1, length // (256 * KIB)))
 
 
 class Tables:
-    """The tables by their names in the document; each row is also printed when it is known."""
+    """The tables by their names in the document. Each row is printed as soon as it is measured."""
 
     def __init__(self):
         self.lines = collections.defaultdict(list)
@@ -113,7 +113,7 @@ class Tables:
         self.lines[table] += lines
 
     def write_into(self, document):
-        """Replaces the tables of the document, each of which follows a comment with its name."""
+        """Replaces the tables of the document. A comment with the name of a table precedes it."""
         text = document.read_text(encoding="utf-8")
         for name, lines in self.lines.items():
             rows = "\n".join([*lines, ""])
@@ -135,7 +135,7 @@ def ratio(a, b):
 
 
 def measure_workloads(bench, tables):
-    """Gives the ratios by workload and figure."""
+    """Returns the ratios by workload and figure."""
     tables.add("workloads", "workload", "instructions", "system calls, after the loader", "page faults", "peak KiB",
                "wall µs", "MiB/s")
     reached = {}
@@ -163,7 +163,7 @@ def compare_with_goals(reached, tables):
 
 
 def measure_library(bench, tables):
-    """What the private library costs as a file of its own: with the yardstick, and without it the tool."""
+    """The cost of the private library being a separate file: adds it to the yardstick, and removes it from the tool."""
     tables.add("library", "ratio to the yardstick", "instructions", "wall", "component-manual-move, wall",
                "-h, instructions")
     for name, program in [("the yardstick, linked with the private library", "bin/yardstick-with-library"),
@@ -174,21 +174,21 @@ def measure_library(bench, tables):
 
 
 def step_ratios(bench, program, workload):
-    """The instructions and the wall time of a program, which is a tool or a yardstick, over those of the yardstick."""
+    """The instructions and the wall time of a tool or a yardstick, divided by those of the yardstick."""
     _, length, tool_words, yardstick_words = workload
     own = bench.words(str(bench.build / program), yardstick_words if "yardstick" in program else tool_words)
     return ratios(bench, own, bench.words(bench.yardstick, yardstick_words), length)[:2]
 
 
 def ratios(bench, own, other, length):
-    """Instructions, wall time and page faults of one command over those of another."""
+    """Instructions, wall time and page faults of one command, divided by those of another."""
     with bench.peer(length):
         (wall, faults, _), (wall0, faults0, _) = bench.timed(own, other, rounds_for(length, bench.rounds))
         return instructions(own) / instructions(other), wall / wall0, faults / faults0
 
 
 def measure_against(bench, other_build):
-    """This tool over another build of it."""
+    """This tool, divided by another build of it."""
     tables = Tables()
     tables.add("against", "workload", "instructions", "wall", "page faults")
     other = str(pathlib.Path(other_build) / "sbin/plax-tool")
@@ -198,7 +198,7 @@ def measure_against(bench, other_build):
 
 
 def measure_alternatives(bench, tables):
-    """What a user would take instead for one exchange, and peers of the same kind with their own daemons."""
+    """Other ways to make one exchange, and similar clients with their own daemons."""
     python = ("import socket,struct,sys;s=socket.socket(socket.AF_UNIX);s.connect(sys.argv[1]);s.sendall(struct.pack('>II',6,0));"
               "n=struct.unpack('>II',s.recv(8,socket.MSG_WAITALL))[1];sys.stdout.buffer.write(s.recv(n,socket.MSG_WAITALL))")
     socket = str(bench.directory / "peer.uds")
@@ -225,7 +225,7 @@ def measure_rival(bench, tables, name, words):
 
 @contextlib.contextmanager
 def peer_daemons(directory):
-    """Starts the daemons of two peers on this machine, and gives the clients' command lines for a status."""
+    """Starts the daemons of two similar clients, and yields the clients' command lines for a status."""
     chrony = directory / "chrony"
     chrony.mkdir(mode=0o700)
     shutil.chown(chrony, "_chrony", "_chrony")
@@ -257,7 +257,7 @@ def wait_until_answered(words):
 
 
 def measure_growth(bench, tables):
-    """Wall time and peak size as the answer grows, and wall time as the clients grow in number."""
+    """Wall time and peak size by length of the answer, and wall time by number of clients."""
     curves = {"reply": grow(bench, WORKLOADS[0], [KIB << shift for shift in range(0, 17, 2)]),
               "stream": grow(bench, WORKLOADS[2], [MIB << shift for shift in range(0, 11, 2)]),
               "clients": crowd(bench, [1, 10, 100, 1000])}
@@ -280,7 +280,7 @@ def grow(bench, workload, lengths):
 
 
 def crowd(bench, counts):
-    """Wall time until so many clients, started together, have all been answered."""
+    """Wall time until all clients of a group, started together, have ended."""
     points = []
     with bench.peer(100):
         tool, yardstick = bench.pair(WORKLOADS[0])
@@ -292,7 +292,7 @@ def crowd(bench, counts):
 
 
 def draw(curves, directory):
-    import matplotlib  # only those who want plots need it
+    import matplotlib  # needed for plots only
     matplotlib.use("svg")
     from matplotlib import pyplot
     for name, points in curves.items():

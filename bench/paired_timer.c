@@ -1,10 +1,10 @@
-// Runs two commands in turn, many times, and prints for each what it cost in the middle of its runs.
+// Runs two commands alternately, many times, and prints the median cost of each.
 //
 //     paired-timer ROUNDS COUNT_A WORD_A... WORD_B...
 //
-// COUNT_A is the number of words of the first command. Both write to where this program's standard output leads; the
-// result goes to standard error, a line for each command: median wall time in microseconds, page faults, peak resident
-// size in KiB. Interleaving gives both the same share of whatever else the machine is doing.
+// COUNT_A is the number of words of the first command. Both inherit standard output. The result goes to
+// standard error, a line for each command: median wall time in microseconds, page faults, peak resident size in KiB.
+// Alternating runs expose both commands to the same load of the machine.
 #include <spawn.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -57,7 +57,7 @@ static void Report(struct Series *series, int rounds)
     fprintf(stderr, "%.1f %ld %ld\n", series->microseconds[rounds / 2], series->faults, series->residentKiB);
 }
 
-// Copies `count` words and ends them with null; the copy lives until the program ends.
+// Copies `count` words and appends a null pointer. The copy is never released.
 static char **TakeWords(char **words, int count)
 {
     char **copy = calloc((size_t)count + 1, sizeof *copy);

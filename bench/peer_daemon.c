@@ -1,8 +1,8 @@
-// The fastest peer there can be: answers every connection at once, one after the other, with replies made beforehand.
+// The fastest possible daemon: answers connections one after the other with prepared replies.
 //
 //     peer-daemon SOCKET LENGTH    replies of LENGTH bytes; code 1, and code 26 with the flag, get a stream of LENGTH
 //
-// Prints a line when it listens, and ends on SIGTERM.
+// Prints a line when it listens. Ends on SIGTERM.
 #include <arpa/inet.h>
 #include <signal.h>
 #include <stdint.h>

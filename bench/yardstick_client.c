@@ -1,5 +1,5 @@
-// The least client that does a workload's system calls: no option parsing, no stdio, only the C library. What the tool
-// costs above this is the price of being a tool.
+// The smallest client with the system calls of a workload: no option parsing and no stdio. The tool's cost above this
+// is the cost of its features.
 //
 //     yardstick-client SOCKET KIND CODE REQUEST_LENGTH [FILE]
 //

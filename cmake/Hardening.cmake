@@ -1,4 +1,4 @@
-# What a release binary is protected with. The build directory's name is kept out of it, so that builds can be compared.
+# The protections of release binaries. They do not contain the name of the build directory, so builds can be compared.
 add_compile_options(-fstack-protector-strong "-ffile-prefix-map=${CMAKE_SOURCE_DIR}=.")
 if(CMAKE_BUILD_TYPE STREQUAL "Release")
     add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)

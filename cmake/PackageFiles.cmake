@@ -1,5 +1,5 @@
-# Finishes the installed files of a package: what a Debian package and an rpm hold differently, and directories that come
-# out alike whatever the umask of the one who builds. CPack runs this before it packs them.
+# Adjusts the installed files of a package before CPack packs them: the differences between Debian packages and rpms,
+# and directory modes that do not depend on the umask.
 set(zsh_directory site-functions)
 if(CPACK_GENERATOR STREQUAL "DEB")
     set(zsh_directory vendor-completions)

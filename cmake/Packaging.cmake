@@ -1,7 +1,6 @@
 # The packages: one for the tool with its private library, one for the stand-in daemon, each for Debian and for systems
-# with rpm. What lands in them is said where it is built, by install() with the component of the package's name; here
-# stand the documents and what the packages say of themselves. `cpack` in the build directory makes those that the
-# machine has the programs for.
+# with rpm. Each target has its own install() with the component named after the package. This file adds the documents
+# and the metadata. `cpack` in the build directory builds the packages for which the machine has the programs.
 set(PLAX_PACKAGES plax-tool)
 if(PLAX_BUILD_STANDIN)
     list(APPEND PLAX_PACKAGES plax-tool-standin)
@@ -9,7 +8,7 @@ endif()
 set(PLAX_MAINTAINER "plax-tool maintainers <maintainers@plax-tool.invalid>")
 set(PLAX_PACKAGE_RELEASE 1)
 
-# The changelog is written once, for people; those of the packages follow from its first entry.
+# The changelogs of the packages take version and date from the first entry of CHANGELOG.md.
 file(STRINGS CHANGELOG.md newest_change REGEX "^## " LIMIT_COUNT 1)
 if(NOT newest_change MATCHES "^## ([0-9.]+) - ([0-9-]+)$" OR NOT CMAKE_MATCH_1 VERSION_EQUAL PROJECT_VERSION)
     message(FATAL_ERROR "CHANGELOG.md does not begin with version ${PROJECT_VERSION}: ${newest_change}")
@@ -23,13 +22,13 @@ function(release_date variable)
     set(${variable} ${date} PARENT_SCOPE)
 endfunction()
 
-# Compressed without name and time, so that the same text gives the same file.
+# Compressed without name and time, so that the same text always gives the same file.
 function(write_compressed path text)
     file(WRITE ${path} "${text}")
     execute_process(COMMAND ${GZIP} -9nf ${path} COMMAND_ERROR_IS_FATAL ANY)
 endfunction()
 
-# Debian's form of a licence text: every line is indented, and an empty one holds a full stop.
+# Debian's form of a licence text: every line is indented, and an empty line becomes a full stop.
 file(READ LICENSE license)
 string(REGEX MATCH "Copyright \\(c\\) ([^\n]*)" copyright "${license}")
 set(copyright_holder ${CMAKE_MATCH_1})
@@ -57,7 +56,7 @@ endforeach()
 install(FILES docs/fleet.md docs/protocol.md docs/scripting.md docs/troubleshooting.md
     DESTINATION share/doc/plax-tool COMPONENT plax-tool)
 
-# Directories are not left writable for the group or for all.
+# Only the owner can write to directories.
 set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS ${CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS})
@@ -79,7 +78,7 @@ set(CPACK_COMPONENTS_ALL ${PLAX_PACKAGES})
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
-# Each package has a description of its own, and no line of the project's before it.
+# Each package has its own description, without the project's summary line.
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
 
 set(tool_description "plaxd decides where the components of stored objects live across disks, disk
@@ -100,8 +99,8 @@ set(CPACK_DEBIAN_PACKAGE_MAINTAINER ${PLAX_MAINTAINER})
 set(CPACK_DEBIAN_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
-# What the tool depends on is stated rather than searched for: CPack would take the private library for a public one and
-# have the package rebuild the loader's cache. The C library that the tool was built against is new enough.
+# The tool's dependencies are stated, not detected: CPack would treat the private library as a public one and have the
+# package rebuild the loader's cache. The package requires the C library's version on the build machine, or newer.
 execute_process(COMMAND getconf GNU_LIBC_VERSION
     OUTPUT_VARIABLE libc OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
 string(REPLACE "glibc " "" libc ${libc})
@@ -125,9 +124,8 @@ set(CPACK_RPM_PACKAGE_GROUP "System Environment/Base")
 set(CPACK_RPM_PACKAGE_VENDOR "plax-tool maintainers")
 set(CPACK_PACKAGE_RELOCATABLE OFF)
 set(CPACK_RPM_CHANGELOG_FILE ${PLAX_PACKAGE_FILES}/changelog.rpm)
-# rpm finds the libraries that are needed. The private one is nothing to offer to others or to ask others for. Links to
-# the programs by the identity of their build are for those who ship debugging symbols. CPack does not know the weaker
-# kinds of dependencies by the names that rpm gives them now, nor the packager.
+# rpm detects the required libraries. The private one is neither provided nor required. Build-id links are only useful
+# with packages of debugging symbols. CPack has no variables for the packager or for weak dependencies.
 set(CPACK_RPM_SPEC_MORE_DEFINE "Packager: ${PLAX_MAINTAINER}
 %global __requires_exclude libplax-platform
 %global __provides_exclude libplax-platform
@@ -137,7 +135,7 @@ Suggests: plax-tool-standin
 %else
 Recommends: plax-tool
 %endif")
-# These directories are there on every system. Those of the shells are only where the shells are, and shared with them.
+# Every system has these directories. The shells' directories exist only with the shells, which share them.
 set(CPACK_RPM_EXCLUDE_FROM_AUTO_FILELIST_ADDITION
     /usr/sbin /usr/share/man /usr/share/man/man1 /usr/share/man/man8)
 set(CPACK_RPM_plax-tool_PACKAGE_NAME plax-tool)

@@ -1,5 +1,5 @@
-# The target `uninstall` removes what the last installation from this build directory put in place, and the directories
-# that are the project's own. Others stay, also when they are empty: whose they are is not known here.
+# The target `uninstall` removes the files of the last installation from this build directory, and the project's own
+# directories. Other directories stay even if they are empty, as they may belong to others.
 if(NOT CMAKE_SCRIPT_MODE_FILE)
     add_custom_target(uninstall COMMAND ${CMAKE_COMMAND} -P ${CMAKE_CURRENT_LIST_FILE}
         WORKING_DIRECTORY ${CMAKE_BINARY_DIR} USES_TERMINAL)

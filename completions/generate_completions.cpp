@@ -1,4 +1,4 @@
-// Copies a template from standard input to standard output and puts the tool's own tables in the place of each ~name~.
+// Copies a template from standard input to standard output, and replaces each ~name~ by a list from the tool's tables.
 
 #include "callback_words.h"
 #include "command_table.h"
@@ -12,7 +12,7 @@
 
 using Texts = std::map<std::string, std::string, std::less<>>;
 
-// Takes everything up to the next `end`, which is dropped, or all of it.
+// Takes the text up to the next `end`, which is dropped, or all of it.
 static std::string Take(std::string *text, std::string_view end)
 {
     std::string taken = text->substr(0, text->find(end));
@@ -29,19 +29,19 @@ static std::string Replaced(std::string text, std::string_view unwanted, std::st
     return text;
 }
 
-// Text between single quotes, in the way that all three shells read.
+// Text in single quotes, quoted so that all three shells read it.
 static std::string Quoted(const std::string &text)
 {
     return "'" + Replaced(text, "'", R"('\')") + "'";
 }
 
-// Colons and brackets have a meaning in the texts that zsh's helper functions take.
+// Colons and brackets are special in the arguments of zsh's helper functions.
 static std::string ForZsh(const std::string &text)
 {
     return Replaced(text, R"(:[]\)", "\\");
 }
 
-// The first sentence without its full stop: usage and examples have no room in a list of words.
+// The first sentence without its full stop: usage and examples are too long for a list of words.
 static std::string Description(const CommandRow &row)
 {
     std::string text = row.help;
@@ -49,7 +49,7 @@ static std::string Description(const CommandRow &row)
     return text.ends_with('.') ? text.substr(0, text.size() - 1) : text;
 }
 
-// What is offered for an argument is left out.
+// The list of an argument's values is left out.
 static std::string Description(const OptionRow &row)
 {
     std::string text = row.help;
@@ -80,7 +80,7 @@ static std::string WorkItemNames()
     return names;
 }
 
-// What each shell offers for an option's argument.
+// Each shell's offers for an option's argument.
 struct Offers {
     std::string bash;
     std::string zsh;
@@ -134,7 +134,7 @@ static void AddOption(const OptionRow &row, Texts *texts)
     if (!offers.bash.empty()) {
         (*texts)["bash-arguments"] += "        " + letter + ") " + offers.bash + "; return ;;\n";
     }
-    // Nothing counts beside a call for help, and help alone is what counts.
+    // After --help nothing else is offered. Other options exclude only themselves.
     const std::string excluded = name == "help" ? "- : *" : "-" + letter + " --" + name;
     const std::string argument = takesArgument ? ":" + ForZsh(row.argumentName) + ":" + offers.zsh : "";
     (*texts)["zsh-options"] += "        '(" + excluded + ")'{-" + letter + (takesArgument ? "+" : "") + ",--" + name +

@@ -1,9 +1,9 @@
-# Installs the completions of PLAX_PROGRAM where the shells look for them. That depends on the prefix, which is known only now.
+# Installs the completions of PLAX_PROGRAM where the shells look for them, which depends on the prefix.
 set(bash_directory ${CMAKE_INSTALL_PREFIX}/share/bash-completion/completions)
 set(zsh_directory ${CMAKE_INSTALL_PREFIX}/share/zsh/site-functions)
 set(fish_directory ${CMAKE_INSTALL_PREFIX}/share/fish/vendor_completions.d)
 if(CMAKE_INSTALL_PREFIX STREQUAL "/usr" AND EXISTS /etc/debian_version)
-    # Debian's zsh has a directory of its own for packages.
+    # Debian's zsh has a separate directory for packages.
     set(zsh_directory /usr/share/zsh/vendor-completions)
 elseif(CMAKE_INSTALL_PREFIX STREQUAL "/usr/local")
     # fish searches nothing below this prefix unless XDG_DATA_DIRS says so. This is the administrator's directory.

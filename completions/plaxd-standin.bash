@@ -16,7 +16,7 @@ _plaxd_standin_options()
     esac
 }
 
-# The shell takes a word with colons for several words, and replaces the last of them alone.
+# bash splits a word at its colons and replaces only the last part.
 _plaxd_standin_files()
 {
     _filedir

@@ -1,5 +1,5 @@
-// Fuzzes the stand-in's reading of an answers file. An input is the file. Either each of its mistakes is named, on a
-// line of its own, or every entry has an answer.
+// Fuzzes the parser of answers files. An input is a file. Either every error is reported, each on a line of its own, or
+// every entry has an answer.
 
 #include "input.h"
 
@@ -39,7 +39,7 @@ static void Read(const std::string &path)
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     const std::string_view text = AsText(data, size);
-    // An answer may name a file, of which the system has some that never end.
+    // An answer may name a file, and some files never end, such as /dev/zero.
     if (text.find("file") != text.npos || Has(text, '\\')) {
         return 0;
     }

@@ -1,8 +1,8 @@
 // Fuzzes whole runs from the argument vector to the request.
 //
-// An input is a command line, its words separated by single blanks. Letters for what the daemon does stand before it: c
-// refuses the connection, h hangs up before the request is sent. A "*" and a number in a word stand for that many
-// characters of a list, and a "@" and a byte for one of the words that the tool knows.
+// An input is a command line, its words separated by single blanks. Letters before it set the daemon's behaviour: c
+// refuses the connection, h closes it before the request is sent. In a word, "*" and a number become that many
+// characters of a list, and "@" and a byte become one of the words that the tool knows.
 
 #include "input.h"
 #include "run_property.h"

@@ -1,6 +1,5 @@
-// Fuzzes the stand-in's decoder. An input is what arrived on a connection. Whatever it is, it has to come out as one
-// line of text and as one JSON value; and of a request that is said to be in order, a byte less and a byte more have to
-// be noticed.
+// Fuzzes the stand-in's decoder. An input is the bytes of a connection. Any input must decode to one line of text and
+// to one JSON value. If the decoder finds no violation, it must find one with a byte less or a byte more.
 
 #include "input.h"
 

@@ -1,4 +1,4 @@
-// What takes the place of the tool's surroundings, and the record of what the tool did to them.
+// Replaces the tool's surroundings, and records its calls.
 
 #include "harness.h"
 
@@ -20,13 +20,13 @@
 #include <deque>
 #include <string_view>
 
-static constexpr int kSocket = 1 << 20; // no open descriptor: the harness alone knows it
+static constexpr int kSocket = 1 << 20; // not an open descriptor: only the harness knows it
 
 struct Run {
     bool active = false;
     const Surroundings *surroundings = nullptr;
     Traces traces;
-    std::deque<std::string_view> answer; // what is left of it
+    std::deque<std::string_view> answer; // the rest of it
     int standardOutput = -1;
     int outputFile = -1;
     std::vector<int> opened;
@@ -34,7 +34,7 @@ struct Run {
     jmp_buf end;
 };
 
-static Run &run = *new Run; // never destroyed: the memory that it knows of is no leak
+static Run &run = *new Run; // never destroyed, so its memory stays reachable and is not a leak
 
 extern "C" {
 void *__real_malloc(size_t size);
@@ -80,7 +80,7 @@ static nlohmann::json AsJson(const Traces &traces)
 void ExpectTraces(const Traces &actual, const Traces &expected)
 {
     if (actual != expected) {
-        ExpectEqual("what the run has left behind", AsJson(actual), AsJson(expected));
+        ExpectEqual("the outcome of the run", AsJson(actual), AsJson(expected));
     }
 }
 
@@ -192,7 +192,7 @@ static size_t FileSize(int file)
     return static_cast<size_t>(lseek(file, 0, SEEK_END));
 }
 
-// Takes from the answer's first piece what there is room for. A pause gives nothing.
+// Takes as much of the answer's first piece as fits. Takes nothing from a pause.
 static size_t TakeBytes(char *buffer, size_t size)
 {
     std::string_view &piece = run.answer.front();
@@ -205,7 +205,7 @@ static size_t TakeBytes(char *buffer, size_t size)
     return count;
 }
 
-// A receive that waits for all its bytes outlasts every pause.
+// A receive that waits for all its bytes waits through every pause.
 ssize_t __wrap_recv(int /*socket*/, void *buffer, size_t size, int flags)
 {
     run.traces.received = true;
@@ -269,11 +269,11 @@ static void TearDown()
     run.traces.standardOutput = TakeContent(run.standardOutput);
     run.traces.outputFile = TakeContent(run.outputFile);
     run.traces.unreleased = run.allocations.size();
-    // Nothing that comes later may land on the descriptor, and a test runner has its own use for it.
+    // Later output must not reach the descriptor, which a test runner also uses.
     dup2(STDERR_FILENO, STDOUT_FILENO);
 }
 
-// A function of its own, since nothing that changes within it is read after the jump.
+// A separate function, so that no variable that it changes is read after the jump.
 static void RunToItsEnd(const std::function<QRT_ReturnStatus(int)> &act)
 {
     run.active = true;

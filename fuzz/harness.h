@@ -1,6 +1,6 @@
-// The harness in which the tool's layers run inside the fuzzing process. It takes the place of OpenDaemonConnection and
-// of the platform support library, and stands between the tool and malloc, calloc, free, abort, open, send and recv,
-// which the linker leads here. So no run touches a file, waits, or ends the process, and each can be repeated exactly.
+// The harness that runs the tool's layers inside the fuzzing process. It replaces OpenDaemonConnection and the platform
+// support library, and gets the tool's calls of malloc, calloc, free, abort, open, send and recv, which the linker
+// redirects. So no run touches a file, waits, or ends the process, and each can be repeated exactly.
 #ifndef PLAX_FUZZ_HARNESS_H
 #define PLAX_FUZZ_HARNESS_H
 
@@ -12,8 +12,7 @@
 #include <string>
 #include <vector>
 
-// A piece of the daemon's answer. An empty one is a pause: a receive that may wait is kept waiting, one that may not
-// finds nothing.
+// A piece of the daemon's answer. An empty piece is a pause: a blocking receive waits, a non-blocking one gets no data.
 using Piece = std::string;
 
 struct Surroundings {
@@ -25,7 +24,7 @@ struct Surroundings {
     bool standardOutputClosed = false;
 };
 
-// What a run has left behind.
+// The outcome of a run.
 struct Traces {
     bool aborted = false;
     QRT_ReturnStatus status = 0; // of a run that was not aborted
@@ -44,10 +43,10 @@ struct Traces {
 // Runs `act` with a socket whose other end is the daemon's.
 Traces Perform(const Surroundings &surroundings, const std::function<QRT_ReturnStatus(int socket)> &act);
 
-// The text that the harness's platform gives for a status.
+// The harness's text for a status.
 std::string StatusText(QRT_ReturnStatus status);
 
-// Each stops the process with a message, which is a finding, unless the two are equal.
+// If the two differ, each stops the process with a message, which is a finding.
 void ExpectEqual(const std::string &what, const nlohmann::json &actual, const nlohmann::json &expected);
 void ExpectTraces(const Traces &actual, const Traces &expected);
 

@@ -1,4 +1,4 @@
-// Takes a fuzzer's input apart. What is no longer there reads as zero or as an empty text.
+// Reads values from a fuzzer's input. After its end, values are zero or empty.
 #ifndef PLAX_FUZZ_INPUT_H
 #define PLAX_FUZZ_INPUT_H
 
@@ -22,7 +22,7 @@ inline std::string_view TakeText(std::string_view *input, size_t length)
     return text;
 }
 
-// Takes a number of `size` bytes, the highest first.
+// Takes a big-endian number of `size` bytes.
 inline uint32_t TakeNumber(std::string_view *input, size_t size)
 {
     uint32_t number = 0;
@@ -32,7 +32,7 @@ inline uint32_t TakeNumber(std::string_view *input, size_t size)
     return number;
 }
 
-// Takes a word, which a blank ends, or a zero byte early. The blank is dropped.
+// Takes a word up to a blank, which is dropped. A zero byte cuts the word.
 inline std::string_view TakeWord(std::string_view *input)
 {
     const std::string_view word = TakeText(input, input->find(' '));

@@ -1,5 +1,5 @@
-// Feeds every file of the seed directories to a fuzz target, without a fuzzer: what was once found stays found. Takes
-// the directories as its arguments. One that is missing or empty would make the test pass for nothing: it is an error.
+// Runs a fuzz target on every file of the seed directories, its arguments, so that old findings stay fixed. A directory
+// that is missing or empty is an error: the test would pass without checking anything.
 
 #include "input.h"
 
@@ -14,7 +14,7 @@ static void ReplayFile(const std::filesystem::path &path)
     std::ifstream file(path, std::ios::binary);
     file.exceptions(std::ios::badbit | std::ios::failbit);
     const std::string content{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-    fprintf(stderr, "%s\n", path.c_str()); // the last one named is the one that fails
+    fprintf(stderr, "%s\n", path.c_str()); // the last one printed is the one that fails
     LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t *>(content.data()), content.size());
 }
 

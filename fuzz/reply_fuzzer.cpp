@@ -1,11 +1,11 @@
-// Fuzzes what a run makes of the daemon's answer: the frame on its own, and every reply class.
+// Fuzzes the handling of the daemon's answer: the frame alone, and every reply class.
 //
 // An input begins with letters, which end at a blank. The first: P prints, C checks, N reads nothing, S streams, A
-// streams for all objects, F receives a frame and does nothing with it. The others: a all objects, o to a file, b the
-// file cannot be opened, q standard output is closed, t the daemon falls silent after its answer, r it resets the
-// connection then, f the sending has failed. The daemon's answer follows, piece by piece: p a pause; h a header, with
-// four bytes of status and two of length; d and a length byte, that many bytes; r, two bytes of count and one to
-// repeat; z, two bytes of count and two of where among so many letters a zero byte stands.
+// streams for all objects, F only receives a frame. The others: a all objects, o output file, b the file cannot be
+// opened, q standard output is closed, t the daemon is silent after its answer, r it resets the connection after its
+// answer, f sending has failed. The pieces of the daemon's answer follow: p a pause; h a header, with four bytes of
+// status and two of length; d and a length byte, that many bytes; r, two bytes of count and one byte to repeat; z, two
+// bytes of count and two of position: that many letters with a zero byte at the position.
 
 #include "harness.h"
 #include "input.h"
@@ -73,19 +73,19 @@ static Surroundings ReadSurroundings(std::string_view letters, std::string_view 
     return surroundings;
 }
 
-// ---- What a run must make of the answer, worked out from the answer as a whole and not call by call ----
+// ---- The expected outcome, computed from the whole answer and not call by call ----
 
 static QRT_ReturnStatus WrappedError(int error)
 {
     return 0x2bad0000 + static_cast<uint32_t>(error);
 }
 
-// What receiving a frame gives.
+// The result of receiving a frame.
 struct Frame {
     QRT_ReturnStatus status = 0;
     uint32_t announced = 0;
     std::string warnings;
-    bool received = false;              // otherwise the outputs of the receiving function keep what they held
+    bool received = false;              // otherwise the receiving function does not set its outputs
     std::optional<std::string> payload; // none for length 0
 };
 
@@ -98,7 +98,7 @@ static Frame PredictFrame(const Surroundings &surroundings)
     if (answer.empty() && surroundings.endError != 0) {
         return {WrappedError(surroundings.endError), 0, "", false, {}};
     }
-    answer.resize(std::max(answer.size(), kHeaderSize)); // header bytes that never come read as zero
+    answer.resize(std::max(answer.size(), kHeaderSize)); // missing header bytes read as zero
     std::string_view rest = answer;
     const uint32_t status = TakeNumber(&rest, 4);
     const uint32_t length = TakeNumber(&rest, 4);
@@ -106,7 +106,7 @@ static Frame PredictFrame(const Surroundings &surroundings)
         return {status, length, "", true, {}};
     }
     if (rest.empty() && surroundings.endError != 0) {
-        // A failed receive is not told from a whole payload, and the bytes handed on are zero.
+        // A failed receive counts as a whole payload of zero bytes.
         return {status, length, "", true, std::string(std::min<size_t>(length, kAnswerSizeMax), '\0')};
     }
     if (rest.size() < length) {
@@ -121,7 +121,7 @@ static Traces PredictFramed(bool printed, const Surroundings &surroundings)
     const std::string payload = frame.payload.value_or("");
     Traces expected{.status = frame.status, .warnings = frame.warnings, .received = true};
     if (frame.status != 0) {
-        // The reason is a text: it ends at its first zero byte.
+        // The reason ends at its first zero byte.
         const std::string reason = frame.payload ? payload.substr(0, payload.find('\0')) : "(null)";
         expected.warnings += "Error received: " + StatusText(frame.status) + ": " + reason + "\n";
         return expected;
@@ -221,7 +221,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     std::string_view input = AsText(data, size);
     const std::string_view letters = TakeWord(&input);
     const Surroundings surroundings = ReadSurroundings(letters, input);
-    // Gigabytes that a daemon announces and does not send would only slow the search down.
+    // Allocating gigabytes for an announced length would only slow the search down.
     if (letters.empty() || (Has("PCAF", letters[0]) && PredictFrame(surroundings).announced > kAnswerSizeMax)) {
         return 0;
     }

@@ -1,5 +1,5 @@
-// The settings are those that the tool's own parser gives; the request is read by the stand-in's decoder, which knows
-// the protocol from a table of its own.
+// Compares the settings from the tool's own parser with the request as the stand-in's decoder reads it. The decoder has
+// its own table of the protocol.
 
 #include "run_property.h"
 
@@ -21,7 +21,7 @@
 
 using Json = nlohmann::json;
 
-// The command line as the tool's parser leaves it.
+// The command line after the tool's parser.
 struct Parsed {
     std::vector<std::string> words; // options first
     CommandSettings settings;
@@ -30,7 +30,7 @@ struct Parsed {
     Traces traces;
 };
 
-// A vector as the system hands it over. getopt_long moves its pointers only.
+// An argument vector. getopt_long moves only its pointers.
 static std::vector<char *> Pointers(std::vector<std::string> *words)
 {
     std::vector<char *> pointers;
@@ -38,7 +38,7 @@ static std::vector<char *> Pointers(std::vector<std::string> *words)
         pointers.push_back(word.data());
     }
     pointers.push_back(nullptr);
-    optind = 0; // begins a new command line
+    optind = 0; // restarts getopt_long
     return pointers;
 }
 
@@ -47,7 +47,7 @@ static Parsed Parse(std::vector<std::string> words)
     static char destinationList[kUuidListCapacity];
     static char exclusionList[kUuidListCapacity];
     destinationList[0] = exclusionList[0] = '\0';
-    static std::string uuidList; // the argument itself ends with this function
+    static std::string uuidList; // a copy, as the argument lives only until the return
     Parsed parsed;
     parsed.settings.destinationList = destinationList;
     parsed.settings.exclusionList = exclusionList;
@@ -63,7 +63,7 @@ static Parsed Parse(std::vector<std::string> words)
     return parsed;
 }
 
-// Whether the command line is no usage error.
+// Whether the command line is valid.
 static bool IsPermitted(const Parsed &parsed)
 {
     if (parsed.traces.aborted || parsed.outcome != ParseOutcome::Parsed || parsed.commandIndex >= parsed.words.size()) {
@@ -99,7 +99,7 @@ static uint32_t LastOf(const std::map<std::string, uint32_t> &numbers, const std
     return last == words.rend() ? 0 : numbers.at(*last);
 }
 
-// The number that the word at this place begins with, if any.
+// The number at the start of the word at this position, or `number`.
 static uint64_t WholeOr(unsigned long number, const std::vector<std::string> &words, size_t place)
 {
     if (place < words.size()) {
@@ -150,8 +150,7 @@ static Json ExpectedFields(const Parsed &parsed)
     };
 }
 
-// A field's value in the form of the one it is compared with: a list as its text, and what JSON has no number for as a
-// number.
+// A field's value in the form used for comparison: a list as its text, and a number even where JSON has none.
 static Json Plain(const Json &value, const Json &expected)
 {
     if (expected.is_number_float() && value.is_string()) {
@@ -184,7 +183,7 @@ static bool IsWellFormed(const std::string &list)
     return list.empty() || (list.size() + 1) % kPattern.size() == 0;
 }
 
-// The tool counts the characters of a list and leaves the rest to the daemon, so a list may be a violation.
+// The tool checks only the length of a list, so the list can be a violation.
 static bool IsExcused(const std::string &violation, const Json &expected)
 {
     const std::string name = violation.substr(0, violation.find(' '));
@@ -210,7 +209,7 @@ static void CheckRequest(const Traces &traces, const Parsed &parsed)
     }
 }
 
-// A run that ends before it would connect: with the help text, unless it was aborted.
+// A run that ends before connecting: with the help text, unless it was aborted.
 static void CheckEarlyEnd(const Traces &traces, const Parsed &parsed)
 {
     const bool aborted = parsed.traces.aborted;
@@ -235,7 +234,7 @@ void CheckRun(const Surroundings &surroundings, const std::vector<std::string> &
     }
     ExpectEqual("the number of connections", traces.connections, 1);
     if (surroundings.refusesConnection || surroundings.hangsUp) {
-        ExpectEqual("what was sent", traces.request, "");
+        ExpectEqual("the bytes sent", traces.request, "");
         ExpectEqual("whether the run failed", traces.status != 0, true);
     } else {
         CheckRequest(traces, parsed);

@@ -1,5 +1,5 @@
-// Fuzzes the two commands that read the words after the command word. An input is c for the callback words, or anything
-// else for the rebalance words, and then the words.
+// Fuzzes the two commands that read several words after the command word. An input starts with c for the callback words
+// or with any other byte for the rebalance words; the words follow.
 
 #include "input.h"
 #include "run_property.h"

@@ -1,9 +1,9 @@
 # shellcheck shell=bash
-# Sourced by the scripts that try something in a bare Debian root, which is removed however the script ends. Making one
-# takes root, for debootstrap and chroot.
+# Sourced by scripts that test in a bare Debian root. The root is removed however the script ends. Needs root, for
+# debootstrap and chroot.
 
 bare_root=
-root= # within bare_root, since users other than root must be able to enter a root directory
+root= # within bare_root, which only root can enter; other users must be able to enter the root directory
 archives=
 child=
 
@@ -14,7 +14,7 @@ remove_root() {
         child=
     fi
     [[ -n $bare_root ]] || return 0
-    # What died just now may still have been writing.
+    # A process that was just killed can still have been writing.
     rm -rf --one-file-system "$bare_root" || { sleep 1 && rm -rf --one-file-system "$bare_root"; }
     bare_root=
 }
@@ -22,7 +22,7 @@ trap remove_root EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM HUP
 
-# Mounts and processes of the command end with it. It runs beside the script, which can be interrupted at any time then.
+# The command's mounts and processes end with it. It runs in the background, so that the script can be interrupted.
 isolated() {
     local status=0
     unshare --mount --pid --fork --kill-child "$@" <&0 &
@@ -32,7 +32,7 @@ isolated() {
     return "$status"
 }
 
-# make_root RELEASE PACKAGE...: makes a root with these packages, all of which are kept in build/archives for the next.
+# make_root RELEASE PACKAGE...: makes a root with these packages, and caches all of them in build/archives.
 make_root() {
     local release=$1 log=build/debootstrap-$1.log packages
     shift
@@ -45,15 +45,15 @@ make_root() {
         tail "$log"
         exit 1
     }
-    # How this machine reaches the archive is right for the root as well.
+    # The root reaches the archive with this machine's settings.
     apt-config dump | grep -E '^Acquire::(Check|ForceIP|http)' >"$root/etc/apt/apt.conf.d/99machine" || true
 }
 
 root_environment=(env --ignore-environment HOME=/root LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive
     PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin)
 
-# in_root WORD...: runs a command in the root, which becomes that of its namespace: what is merely chrooted may make no
-# namespaces of its own.
+# in_root WORD...: runs a command with the root as the root of its namespace. A chrooted command could not create
+# namespaces.
 in_root() {
     # shellcheck disable=SC2016
     isolated sh -c 'mount --bind "$0" "$0" && cd "$0" && mount -t proc proc proc &&

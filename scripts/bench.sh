@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
-# Measures the tool and prints Markdown tables. Installs what is missing, and builds all with the flags of a release. Run
-# it on a machine that does nothing else.
+# Measures the tool and prints Markdown tables. Installs missing packages, and builds with the flags of a release. Run
+# it on an idle machine.
 #
-# usage: bench.sh [--rounds N] [--update DOCUMENT]   beside a yardstick, the least client that makes the same system
-#                                                    calls, and beside what a user would take instead; --update puts
-#                                                    the tables into docs/performance.md and the curves beside it
-#        bench.sh [--rounds N] --against BUILD       beside the tool in another build directory
+# usage: bench.sh [--rounds N] [--update DOCUMENT]   compare with a yardstick, the smallest client with the same
+#                                                    system calls, and with other programs; --update writes the tables
+#                                                    into the document, and the curves into its directory
+#        bench.sh [--rounds N] --against BUILD       compare with the tool in another build directory
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

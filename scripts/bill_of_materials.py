@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Prints the bill of materials of a release, SPDX 2.3 as JSON: the source, the programs that are built of it, and what
-each is linked with, in the versions of this system's Debian packages.
+"""Prints the bill of materials of a release, SPDX 2.3 as JSON: the source, the programs built from it, and the
+libraries that each is linked with, in the versions of this system's Debian packages.
 
 usage: bill_of_materials.py VERSION TIME TARBALL BUILD_DIRECTORY
 """
@@ -14,7 +14,7 @@ import sys
 
 PROGRAMS = {"plax-tool": "sbin/plax-tool", "plaxd-standin": "bin/plaxd-standin"}
 
-# By the name under which a program asks the loader for it: Debian package, licence.
+# By the library's name in the program: Debian package, licence.
 SHARED_LIBRARIES = {
     "libc.so.6": ("libc6", "LGPL-2.1-or-later"),
     "libgcc_s.so.1": ("libgcc-s1", "GPL-3.0-or-later WITH GCC-exception-3.1"),
@@ -24,7 +24,7 @@ SHARED_LIBRARIES = {
 }
 PRIVATE_LIBRARY = "libplax-platform.so"  # built of the same source
 
-# Libraries of headers alone, which become part of the program.
+# Header-only libraries: they become part of the program.
 HEADER_LIBRARIES = {"plaxd-standin": [("libcli11-dev", "BSD-3-Clause"), ("nlohmann-json3-dev", "MIT")]}
 
 
@@ -58,7 +58,7 @@ def relationship(element, kind, related):
 
 
 def links(program, path):
-    """How the program is linked, with what, under which licence."""
+    """The libraries of the program, how each is linked, and its licence."""
     shared = {SHARED_LIBRARIES[library] for library in needed_libraries(path) if library != PRIVATE_LIBRARY}
     return [("DYNAMIC_LINK", *library) for library in sorted(shared)] + \
         [("STATIC_LINK", *library) for library in HEADER_LIBRARIES.get(program, [])]

@@ -1,8 +1,7 @@
 #!/usr/bin/env bash
-# Builds everything, with its tests, with each compiler that Debian 12 has of those that are supported. A warning is a
-# failure.
+# Builds everything, including the tests, with each supported compiler of Debian 12. Warnings are errors.
 #
-# usage: check-compilers.sh [COMPILER...]    g++-11, g++-12, clang++-14 and clang++-19 when none is named
+# usage: check-compilers.sh [COMPILER...]    g++-11, g++-12, clang++-14 and clang++-19 by default
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Runs every check that takes too long for each change: other compilers, coverage, other processors, sanitizers, packages
-# and tests in bare roots, fuzzing and mutation. Takes hours. With names of checks, runs those.
+# Runs the checks that take too long for every change: other compilers, coverage, other processors, sanitizers, packages
+# and tests in bare roots, fuzzing and mutation. All of them take hours. With arguments, runs only those checks.
 #
 # usage: check-deep.sh [compilers|coverage|foreign|sanitizers|packages|distributions|fuzz|mutation]...
 set -euo pipefail

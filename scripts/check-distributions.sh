@@ -1,9 +1,8 @@
 #!/usr/bin/env bash
-# Runs the README's two commands, from a clean clone of HEAD, in a bare root of each Debian release, and shows the
-# compiler's warnings. Then compiles the tool as for systems older than all of them. Needs root, for debootstrap and
-# chroot.
+# Runs the README's two commands from a clean clone of HEAD in a bare root of each Debian release, and prints the
+# compiler's warnings. Then compiles the tool for older systems. Needs root, for debootstrap and chroot.
 #
-# usage: check-distributions.sh [RELEASE...]    bookworm, trixie and sid when none is named
+# usage: check-distributions.sh [RELEASE...]    bookworm, trixie and sid by default
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -18,7 +17,7 @@ scripts/install-packages.sh build distributions
 for release; do
     start=$SECONDS
     make_root "$release" ca-certificates
-    git clone --quiet --no-hardlinks . "$root/srv/plax-tool" # where every user may go
+    git clone --quiet --no-hardlinks . "$root/srv/plax-tool" # where every user can read
     for command in demo test; do
         echo "== $release: scripts/$command.sh"
         log=build/$release-$command.log

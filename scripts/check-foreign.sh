@@ -1,13 +1,13 @@
 #!/usr/bin/env bash
 # Builds the tool for other processors and runs its end-to-end tests on those builds, under Debian's user emulation. The
-# frame header must be the same on all of them, and the records must follow the processor: s390x is big-endian, on i386
-# an unsigned long has 32 bits while the fields keep their 64, and on arm64 a char is unsigned.
+# frame header is the same on all processors, but the records are not: s390x is big-endian. On i386 an unsigned long has
+# 32 bits, although the fields have 64. On arm64 char is unsigned.
 #
-# usage: check-foreign.sh [ARCHITECTURE...]     arm64, i386 and s390x when none is named
+# usage: check-foreign.sh [ARCHITECTURE...]     arm64, i386 and s390x by default
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-# These tests are about other programs than the tool, or load a library of this machine into it.
+# These tests run programs other than the tool, or preload a library of this machine.
 not_about_the_tool=(completions fault_injection hardening tables_agree)
 
 check() {

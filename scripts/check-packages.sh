@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# Builds the packages, has lintian and rpmlint read them, and installs them into a bare Debian root: the Debian packages,
-# the rpms, and for comparison the build itself below /usr/local. Each time it runs the tour there, reads the manual pages,
-# asks bash, zsh and fish for completions, starts the tool without /proc, removes all, and looks for what is left. Needs
-# root, for debootstrap and chroot. Then it makes the files of a release twice, and compares them.
+# Builds the packages, checks them with lintian and rpmlint, and installs them into a bare Debian root: the Debian
+# packages, the rpms, and the build itself below /usr/local. For each it runs the tour, reads the manual pages, tries
+# the completions of bash, zsh and fish, starts the tool without /proc, and checks that removal leaves nothing behind.
+# Needs root, for debootstrap and chroot. Then makes the files of a release twice and compares them.
 #
-# The root has no rpm database that knows the C library, so rpm installs there without looking for dependencies.
+# The root's rpm database is empty, so rpm installs without checking dependencies.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -17,14 +17,14 @@ scripts/install-packages.sh build package
 build=build/package
 . scripts/bare-root.sh
 
-# What is there, but for the notes that dpkg, rpm, the loader, the manual and the shells keep about all that is installed.
+# Lists the files of the root, except the databases and caches of dpkg, rpm, the loader, man and the shells.
 list_root() {
     find "$root" -xdev -mindepth 1 \( -path "$root/var/lib/dpkg" -o -path "$root/var/lib/rpm" -o -path "$root/var/log" \
         -o -path "$root/var/cache/man" -o -path "$root/var/cache/ldconfig" -o -path "$root/root" \) -prune \
         -o -printf '%y %m %P %l\n' | sort
 }
 
-zsh_directories=() # those to look in besides its own
+zsh_directories=() # searched in addition to its own
 
 check_manual_pages() {
     local page
@@ -35,7 +35,7 @@ check_manual_pages() {
     done
 }
 
-# What each shell offers after "plax-tool what-if-c", with its completions loaded as for a login.
+# Compares each shell's offers for "plax-tool what-if-c". The shells find the completions as in a login shell.
 check_completions() {
     in_root bash >"$build/completion" <<'END_OF_SCRIPT'
 . /usr/share/bash-completion/bash_completion
@@ -47,7 +47,7 @@ COMP_LINE="plax-tool what-if-c" COMP_POINT=19 COMP_WORDS=(plax-tool what-if-c) C
 "$complete_words" plax-tool what-if-c plax-tool
 printf '%s\n' "${COMPREPLY[@]% }"
 END_OF_SCRIPT
-    # The function that completes the tool's words has the name of the file in which zsh has found it.
+    # zsh names the completion function after the file in which it found it.
     in_root zsh -f -s "${zsh_directories[@]}" >>"$build/completion" <<'END_OF_SCRIPT'
 fpath+=($@)
 autoload -Uz compinit
@@ -63,7 +63,7 @@ END_OF_OFFERS
     cat "$build/completion"
 }
 
-# check_installation REMOVAL...: tries what has been installed, removes it by the command, and looks for what is left.
+# check_installation REMOVAL...: tests the installation, removes it with the command, and checks that nothing is left.
 check_installation() {
     echo "-- tour"
     in_root bash /root/tour.sh
@@ -89,7 +89,7 @@ debian_packages=("$build"/plax-tool_*.deb "$build"/plax-tool-standin_*.deb)
 rpms=("$build"/plax-tool-[0-9]*.rpm "$build"/plax-tool-standin-[0-9]*.rpm)
 
 echo "== lintian"
-# initial-upload-closes-no-bugs: the packages are not uploaded to Debian, so there is no request for them to close.
+# initial-upload-closes-no-bugs: the packages are not uploaded to Debian, so there is no bug to close.
 lintian --allow-root --fail-on error,warning --suppress-tags initial-upload-closes-no-bugs "${debian_packages[@]}"
 
 echo "== rpmlint"
@@ -99,10 +99,10 @@ rpm --query --list --package "${rpms[@]}"
 echo "== bare root"
 make_root bookworm bash-completion fish libpcap0.8 man-db zsh
 cp scripts/tour.sh "$root/root"
-# Where fish keeps what it finds out when it starts, and rpm its database.
+# Create the files that fish writes at its first start, and rpm's database.
 in_root fish -c true
 rpm --root "$root" --initdb
-# rpm knows nothing of dpkg's packages, and would take a directory from one of them if it were empty.
+# rpm does not know the directories of dpkg's packages and would remove this one if it were empty.
 touch "$root/usr/share/fish/vendor_completions.d/other.fish"
 list_root >"$build/before"
 
@@ -112,7 +112,7 @@ in_root sh -c 'dpkg --install /root/*.deb'
 check_installation in_root dpkg --purge plax-tool plax-tool-standin
 
 echo "== rpms"
-# Debian's zsh does not look there, those of systems with rpm do.
+# Debian's zsh does not search this directory; zsh on systems with rpm does.
 zsh_directories=(/usr/share/zsh/site-functions)
 rpm --force-debian --root "$root" --install --nodeps "${rpms[@]}"
 check_installation rpm --force-debian --root "$root" --erase plax-tool plax-tool-standin
@@ -122,7 +122,7 @@ echo "== /usr/local"
 cmake --preset release >/dev/null
 cmake --build --preset release
 DESTDIR=$root cmake --install build/release --prefix /usr/local >/dev/null
-# The target leaves the directories that others may use, though they are empty here.
+# The target keeps directories that others could use, even if they are empty.
 remove_from_local() {
     DESTDIR=$root cmake --build --preset release --target uninstall >/dev/null
     list_root | comm -13 "$build/before" - | sed -n "s,^d [0-9]* \\(.*\\) $,$root/\\1,p" | tac | xargs --no-run-if-empty rmdir

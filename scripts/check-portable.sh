@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Compiles the tool with POSIX and getopt_long alone, and without what this machine's C library has and glibc 2.28 lacks.
-# The compiler is first shown programs that it must object to.
+# Compiles the tool with only POSIX and getopt_long, and without the functions that are newer than glibc 2.28. First
+# checks that the compiler rejects programs that break these rules.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -9,14 +9,14 @@ build=$PWD/build/portable
 mkdir -p "$build"
 newer_macros=(MADV_COLD MADV_PAGEOUT MADV_POPULATE_READ MADV_POPULATE_WRITE CLOSE_RANGE_CLOEXEC)
 
-# Functions of this C library whose first version is above 2.28.
+# Functions of this C library that are newer than glibc 2.28.
 newer_functions() {
     readelf --wide --dyn-syms "$(c++ -print-file-name=libc.so.6)" |
         sed -nE 's/.* (FUNC|IFUNC) .* ([a-z]\w*)@@?GLIBC_([0-9.]+).*/\3 \2/p' | sort -V |
         awk '!seen[$2]++ { split($1, version, "."); if (version[2] > 28) print $2 }'
 }
 
-# All headers come first: a name may not even be declared once it is poisoned.
+# All headers come first, as a poisoned name cannot even be declared.
 {
     echo "#include <sys/mman.h>"
     grep -rhE '^#include <' cli include link platform requests | sort -u

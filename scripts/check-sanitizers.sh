@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# Runs the tests where memory errors and undefined behaviour are failures. Each checker is first shown a program that
-# it must object to.
+# Runs the tests with checkers that make memory errors and undefined behaviour failures. First checks that each checker
+# rejects a faulty program.
 #
-# What cannot be done: the unit tests, the fuzz targets and the stand-in daemon under MemorySanitizer. It takes every byte
-# for unset that code without its instrumentation has written, and they use the C++ library and GoogleTest, of which
-# Debian has no instrumented build. The tool itself uses the C library alone, whose functions MemorySanitizer knows.
+# MemorySanitizer cannot check the unit tests, the fuzz targets and the stand-in daemon: to it, every byte written by
+# code without its instrumentation is unset, and they use the C++ library and GoogleTest, which Debian has no
+# instrumented builds of. The tool uses only the C library, whose functions MemorySanitizer knows.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -47,7 +47,7 @@ check_thread() {
     PLAXD_STANDIN=$build/bin/plaxd-standin end_to_end 4 "$build/sbin/plax-tool" tests/end_to_end/test_standin_*.py
 }
 
-# A reply of gigabytes is not for MemorySanitizer, which would write two bytes of its own for each.
+# Without the replies of gigabytes: MemorySanitizer writes two bytes of its own for each byte.
 memory_tests=(callback_block descriptors exchange help options requests rules run streams timeouts)
 not_for_memory="not length_above_what_comes and not length_without_any_payload and not does_not_fit_into_memory"
 
@@ -65,8 +65,8 @@ check_memory() {
         end_to_end 8 "$build/sbin/plax-tool" -k "$not_for_memory" "${tests[@]/%/.py}"
 }
 
-# A run that a signal ends releases nothing. Memcheck keeps a processor busy, and with more runs than processors at once
-# the tests lose patience.
+# Without the runs that a signal ends, as they release nothing. Memcheck keeps a processor busy: with more runs than
+# processors, the tests would time out.
 not_for_valgrind="not ends_a_stream"
 valgrind_tests=(
     test_callback_block.py

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Measures what the whole test suite covers of the tool's own rooms: lines, branches and the conditions within decisions
-# (MC/DC). Fails when anything is not covered that tests/coverage/exceptions.txt does not list, or when that file lists
-# something that is covered.
+# Measures how much of the tool's own layers the whole test suite covers: lines, branches, and conditions within
+# decisions (MC/DC). Fails if tests/coverage/exceptions.txt lacks a place that is not covered, or lists one that is
+# covered.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

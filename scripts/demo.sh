@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Shows the tool at work: installs what is missing, builds, and runs the tour. Leaves nothing behind but the build, and
-# fails when a command does not end as it should.
+# Shows the tool at work: installs missing packages, builds, and runs the tour. Leaves only the build behind. Fails if a
+# command's exit status is not the expected one.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

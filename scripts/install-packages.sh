@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Installs those Debian packages that the named jobs need and this machine lacks, as root or with sudo. On a system
-# without apt-get it installs nothing: it names the programs and libraries that are missing, and fails if any is.
+# Installs the missing Debian packages of the named jobs, as root or with sudo. Without apt-get it installs nothing: it
+# lists missing programs and libraries, and fails if there are any.
 set -euo pipefail
 
 declare -A packages=(
@@ -23,8 +23,8 @@ if (($# == 0)) || [[ $1 == --help ]]; then
     exit 0
 fi
 
-# What a package is needed for, if not for a program of its name: another program, a <header>, a python: module, a file, or
-# nothing where there are no such packages.
+# The content of a package to look for, if it is not a program of the same name: another program, a <header>, a python:
+# module, a file, or nothing for a package that only Debian needs.
 declare -A contents=(
     [bash-completion]="/usr/share/bash-completion/bash_completion"
     [clustershell]="clush"

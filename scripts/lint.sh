@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Runs the linters; the first finding is a failure. The second compiler's warnings count as a linter. Other versions lay
-# out and find otherwise, so these are the ones of Debian 12.
+# Runs the linters, and stops at the first one with findings. The warnings of clang count as a linter. The versions are
+# those of Debian 12, as others format and warn differently.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -20,7 +20,7 @@ echo "== mandoc"
 mandoc -Tlint -W warning man/*.[0-9]
 
 echo "== allocation"
-# Every allocation of the tool goes through the safe allocators, and only the platform library may copy a text itself.
+# The tool allocates only through the safe allocators.
 if git grep -nE '\b(malloc|calloc|realloc|strdup)\(' -- cli link requests platform; then
     exit 1
 fi

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Changes the tool's source in one place at a time, runs the tests on each change, and prints the changes that no test
-# notices, for a person to read. Arguments go to tests/mutation/mutate.py: --only FILE for a part of the source, --jobs N
-# for so many changes at a time.
+# notices, for a person to judge. Passes its arguments to tests/mutation/mutate.py: --only FILE for a part of the
+# source, --jobs N to test N changes at a time.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# Makes the files of a release from a tag: the source as a tarball, a bill of materials of what the programs are linked
-# with (SPDX), and the SHA-256 sums of both. Two runs on the same system give the same bytes, since all times are that of
-# the tagged commit.
+# Makes the files of a release from a tag: a source tarball, a bill of materials (SPDX) of the libraries that the
+# programs are linked with, and the SHA-256 sums of both. Two runs on the same system give the same bytes, as all times
+# are that of the tagged commit.
 #
-# usage: release.sh TAG [DIRECTORY]     v1.0.0, for instance; into build/release-files unless told otherwise
+# usage: release.sh TAG [DIRECTORY]     for example v1.0.0; the default directory is build/release-files
 set -euo pipefail
 
 if (($# < 1 || $# > 2)); then
@@ -33,7 +33,7 @@ trap 'exit 143' TERM HUP
 
 git -c tar.umask=0022 archive --format=tar --prefix="$name/" "$commit" | gzip -9n >"$files/$name.tar.gz"
 
-# What is released is what is built, not what lies about here.
+# Builds from the tarball, so that uncommitted files do not matter.
 scripts/install-packages.sh build
 tar -xzf "$files/$name.tar.gz" -C "$directory"
 (cd "$directory/$name" && cmake --preset package >/dev/null && cmake --build --preset package) >&2

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and runs every test. With the name of a preset, builds and tests that one
+# Installs missing packages, builds, and runs every test. With the name of a preset, builds and tests that one
 # (test, ci, debug or sanitize).
 set -euo pipefail
 cd "$(dirname "$0")/.."

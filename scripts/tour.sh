@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Runs a tour of commands against a stand-in daemon on a socket of its own, with the plax-tool and the plaxd-standin
-# that are found in PATH. Shows each command line, its output and its exit status, and fails when a status is not the
-# expected one. Leaves nothing behind.
+# Runs a tour of commands against a stand-in daemon on its own socket, with the plax-tool and the plaxd-standin in PATH.
+# Prints each command line, its output and its exit status, and fails if a status is not the expected one. Leaves
+# nothing behind.
 set -euo pipefail
 
 directory=$(mktemp -d)
@@ -19,11 +19,11 @@ cd "$directory"
 cat >answers.json <<'JSON'
 {"answers": {"what-if-cancel": {"status": 2, "text": "no what-if operation is running"}}}
 JSON
-# Ends the script when the stand-in ends before it is ready.
+# Fails, and ends the script, if the stand-in ends before it is ready.
 read -r < <(plaxd-standin serve --socket plaxd.uds --log standin.log --answers answers.json --ready-fd 1)
 standin=$!
 
-# step EXPECTED WORD...: shows one command line, its output and its exit status, which must be the expected one.
+# step EXPECTED WORD...: prints one command line, its output and its exit status, which must be the expected one.
 step() {
     local expected=$1 status=0
     shift
@@ -31,7 +31,7 @@ step() {
     "$@" || status=$?
     printf '[exit status %d]\n\n' "$status"
     if ((status != expected)); then
-        echo "tour: the exit status should have been $expected" >&2
+        echo "tour: expected exit status $expected" >&2
         exit 1
     fi
 }
@@ -39,7 +39,7 @@ step() {
 uuid=52e6f3a1-0c94-4d1b-9a77-3f2b8c5d6e01
 other=52e6f3a1-0c94-4d1b-9a77-3f2b8c5d6e02
 
-echo "# A printed answer, a checked one, a streamed one to standard output and to a file, a command without an answer"
+echo "# A printed answer, a checked one, a stream to standard output and to a file, and a command without an answer"
 step 0 plax-tool -s plaxd.uds fitness-stats-get
 step 0 plax-tool -s plaxd.uds fix-concats
 step 0 plax-tool -s plaxd.uds stats
@@ -50,15 +50,15 @@ echo "# A what-if, a manual move and a callback block"
 step 0 plax-tool -s plaxd.uds -u "$uuid" -d 1 -e what-if-entity-decom
 step 0 plax-tool -s plaxd.uds -u "$uuid" -n "$other" component-manual-move
 step 0 plax-tool -s plaxd.uds -u "$uuid" block-cdb-cb add disk
-echo "# An error from the daemon, a daemon that is not there, and a command line that lacks something"
+echo "# An error from the daemon, no daemon, and an incomplete command line"
 step 2 plax-tool -s plaxd.uds what-if-cancel
 step 1 plax-tool -s nobody.uds stats
 step 1 plax-tool -s plaxd.uds crawler
-echo "# What the daemon saw"
+echo "# The log of the daemon"
 step 0 cat standin.log
-echo "# A script that knows nothing of the stand-in, and the commands that it has sent"
+echo "# An unmodified script, and the commands that it sent"
 step 0 plaxd-standin rehearse --log rehearsal.log --format commands -- sh -c 'plax-tool -a crawler && plax-tool stats'
 step 0 cat rehearsal.log
-echo "# The same script, held to those commands, and another one"
+echo "# The same script, compared with those commands, and another one"
 step 0 plaxd-standin rehearse --expect rehearsal.log -- sh -c 'plax-tool -a crawler && plax-tool stats'
 step 1 plaxd-standin rehearse --expect rehearsal.log -- plax-tool stats

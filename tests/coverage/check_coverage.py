@@ -1,10 +1,10 @@
 #!/usr/bin/python3
-"""Compares what a coverage export says was not reached with the list of exceptions, both ways.
+"""Compares the unreached places of a coverage export with the list of exceptions, in both directions.
 
 usage: check_coverage.py EXPORT.json EXCEPTIONS.txt
 
 A line counts as reached when it ran, a branch when it went both ways, and a decision when each of its conditions was
-seen to decide it alone. A place is named by its source line's text, so the list survives edits elsewhere.
+seen to decide it alone. The list names a place by the text of its source line, so edits elsewhere leave it valid.
 """
 
 import json

@@ -1,5 +1,5 @@
-// Linked into the programs of a coverage build: a run of the tool that ends by abort() still writes its counts, which
-// otherwise only a normal exit does. The unit tests are left alone, since they look at what a dying process says.
+// Linked into the programs of a coverage build: a run of the tool that ends by abort() still writes its counts, as at a
+// normal exit. The unit tests do without it, since they compare the messages of an aborted process.
 
 #include <cerrno>
 #include <csignal>

@@ -1,4 +1,4 @@
-"""What the tests read from the files of a build."""
+"""Reads the properties of built files."""
 
 import functools
 import os
@@ -17,7 +17,7 @@ def readelf(option, path):
 
 
 def imports(path):
-    """The symbols that the file cannot do without and does not have itself."""
+    """The undefined symbols that the file requires."""
     return set(re.findall(r" GLOBAL +DEFAULT +UND (\w+)", readelf("--dyn-syms", path)))
 
 

@@ -1,7 +1,7 @@
-"""What the tests of the command line share: the help text, and runs inside the directory of a scripted daemon.
+"""Shared by the tests of the command line: the help text, and runs in the directory of a scripted daemon.
 
-A run inside the daemon's directory can name the socket shortly, as in SOCKET_OPTION, so that a test says exactly which
-words stand where in the argument vector.
+A run in the daemon's directory names the socket by the short path in SOCKET_OPTION, so a test types out the whole
+argument vector.
 """
 
 import os
@@ -23,7 +23,7 @@ UUID_BYTES = b"\x01\x23\x45\x67\x89\xab\xcd\xef\x01\x23\x45\x67\x89\xab\xcd\xef"
 
 INCOMPLETE = b"Failed to receive the complete UDS message sent. Please try again"
 
-# What follows the first two lines of the help text, tabs and trailing blanks included.
+# The help text after its first two lines, with tabs and trailing blanks.
 COMMAND_LINES = [f"   {command['word']}\t\t{command['help']}\n" for command in COMMANDS if command["help"]]
 OPTION_LINES = {option["letter"]: option["help"] + "\n" for option in OPTIONS}
 LISTING = "".join([*COMMAND_LINES, "\noptions:\n", *map(OPTION_LINES.get, EXPECTED["optionsInHelp"])]).encode()
@@ -33,18 +33,17 @@ def help_text(program=TOOL, listing=LISTING):
     return b"usage: " + os.fsencode(program) + b" <options> <cmd> <args>\n\ncommands:\n" + listing
 
 
-# Its own test compares the listing. All others only ask that one follows.
+# One test compares the whole listing. All others only check that there is one.
 USAGE = help_text(listing=b"...")
 
 
 def cut_listing(text):
-    """The text with the listing of commands and options that it ends with, if it does, cut down to three dots."""
+    """Replaces the listing of commands and options at the end of the text, if there is one, by three dots."""
     return re.sub(rb"(?s)(?<=\n\ncommands:\n)   \w.*\n\noptions:\n   -.*\n\Z", b"...", text)
 
 
 def usage_error(message):
-    """What `refuse` gives for a run that ends with this message on standard error, the help text and status 0xbad0001.
-    """
+    """The result of `refuse` for a run that prints this message and the help text, and ends with status 0xbad0001."""
     return Outcome(USAGE, os.fsencode(message), 1)
 
 
@@ -53,10 +52,10 @@ def succeeds(stdout=b""):
 
 
 def ask(*words, steps=(), **options):
-    """Runs the tool in the directory of a daemon that follows the steps. Gives the outcome and all that the tool sent.
+    """Runs the tool in the directory of a daemon that follows the steps. Returns the outcome and all bytes sent.
 
-    A daemon without steps closes the connection unanswered, which is the success of every command: those that print
-    their answer then print an empty line.
+    A daemon without steps closes the connection without an answer. Every command then succeeds; those that print
+    their answer print an empty line.
     """
     with ScriptedDaemon(*steps) as plaxd:
         run = tool(*words, cwd=plaxd.directory, **options)
@@ -64,33 +63,32 @@ def ask(*words, steps=(), **options):
 
 
 def converse(*steps, words, env=None, **options):
-    """Runs the tool against a daemon that does these steps. The options are the daemon's. Gives what `ask` gives."""
+    """Runs the tool against a daemon that does these steps, started with the options. Returns the result of `ask`."""
     with ScriptedDaemon(*steps, **options) as plaxd:
         run = tool("-s", plaxd.path, *words, env=env)
     return run, plaxd.received
 
 
 def refuse(*words, **options):
-    """Runs the tool in the directory of a daemon that must not be connected to. Gives the outcome, the listing cut."""
+    """Runs the tool, which must not connect to the daemon. Returns the outcome with the listing cut."""
     with ScriptedDaemon(connections=0) as plaxd:
         run = tool(*words, cwd=plaxd.directory, **options)
     return replace(run, stdout=cut_listing(run.stdout))
 
 
 def run_as(name, *words):
-    """Runs the tool with the given program name as the first element of its argument vector, which Python does not let
-    be empty."""
+    """Runs the tool with this name as its first argument. Python alone cannot pass an empty one."""
     return finish_tool(subprocess.Popen(["bash", "-c", 'exec -a "$0" "$@"', name, TOOL, *words],
                                         stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                                         env=environment()))
 
 
-# For the tests that use run_as.
+# for tests that use run_as
 own_program_name = pytest.mark.skipif(bool(RUNNER), reason="a runner gives the tool its own program name")
 
 
 def tool_named(directory, program, *words):
-    """Runs the tool under another program name, which is a word without a slash."""
+    """Runs the tool under another program name, a word without a slash."""
     (directory / program).symlink_to(TOOL)
     env = environment(PATH=f"{directory}:{os.environ['PATH']}")
     return finish_tool(subprocess.Popen([*RUNNER, program, *words], cwd=directory, env=env, stdin=subprocess.DEVNULL,
@@ -98,7 +96,7 @@ def tool_named(directory, program, *words):
 
 
 def record(layout, *values):
-    """A request record in the order of the host that the tool runs on. The layout names every gap."""
+    """A request record in the byte order of the tool's host. The layout names all padding."""
     return struct.pack(HOST_ORDER + layout, *values)
 
 
@@ -106,7 +104,7 @@ def uuid_list(entries):
     return ",".join([UUID] * entries)
 
 
-# ---- The requests in which many options show. ----
+# ---- Requests that carry many options ----
 
 LIST_FIELD = 94720
 

@@ -1,6 +1,6 @@
-"""The tests that wait for a timeout or take long begin first, so that the others run meanwhile and none is left over.
+"""Long tests and those that wait for a timeout start first; the others run meanwhile.
 
-Tests that use the stand-in daemon are left out where it is not built, as on a build for another machine.
+A build without the stand-in daemon, such as one for another machine, skips the tests that use it.
 """
 
 import os
@@ -17,7 +17,7 @@ if not collect_ignore_glob:
 
     @pytest.fixture(autouse=True)
     def leftover_standins():
-        """A test that fails leaves no stand-in running, and one that passes must have ended its own."""
+        """Ends the stand-ins that a failed test left running. A test that passes must have ended its own."""
         yield
         assert not kill_leftovers(), "a stand-in was left running"
 

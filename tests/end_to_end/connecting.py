@@ -1,4 +1,4 @@
-"""A listener that the test itself accepts from, or not."""
+"""A listener whose connections the test accepts itself, or leaves in the backlog."""
 
 import contextlib
 import os
@@ -8,7 +8,7 @@ import tempfile
 
 @contextlib.contextmanager
 def listening(backlog):
-    """A listener, which accepts whoever comes within 10 seconds, and its path."""
+    """A listener whose accept waits up to 10 seconds, and its path."""
     with tempfile.TemporaryDirectory(prefix="plaxd-") as directory, socket.socket(socket.AF_UNIX) as listener:
         path = os.path.join(directory, "plaxd.uds")
         listener.bind(path)
@@ -19,7 +19,7 @@ def listening(backlog):
 
 @contextlib.contextmanager
 def fill_backlog(path):
-    """Connects until there is no room for a further connection to wait in. Gives the connections."""
+    """Connects until the backlog is full. Yields the connections."""
     with contextlib.ExitStack() as stack:
         waiting = []
         with contextlib.suppress(BlockingIOError):

@@ -15,7 +15,7 @@ from harness import TOOL, environment
 
 STANDIN = os.environ.get("PLAXD_STANDIN", "")
 SOURCE = pathlib.Path(__file__).parents[2]
-PATIENCE = 300  # seconds for a whole document
+PATIENCE = 300  # seconds, for a whole document
 
 
 def read_steps(text):
@@ -33,7 +33,7 @@ def read_steps(text):
 
 
 def write_script(directory, commands):
-    """A script that runs each command with its output in a file of its own. $? lives on from one to the next."""
+    """A script that writes the output of each command to a file of its own. $? carries over to the next command."""
     lines = ["result=0\n"]
     for number, command in enumerate(commands):
         directory.joinpath(f"command.{number}").write_text(f"(exit $result)\n{command}", encoding="utf-8")
@@ -52,13 +52,13 @@ def run_script(script, directory):
     work.mkdir()
     work.joinpath("standin").symlink_to(SOURCE / "standin")
     changes = {"STEPS": str(directory), "PATH": f"{programs}:{os.environ['PATH']}", "HOME": str(directory),
-               "PYTHONUNBUFFERED": "1"}  # programs in Python write in the order that a terminal shows
+               "PYTHONUNBUFFERED": "1"}  # unbuffered, so that Python programs write in the order seen on a terminal
     shell = subprocess.Popen(["bash", script], cwd=work, env=environment(**changes), stdin=subprocess.DEVNULL,
                              start_new_session=True)
     try:
         shell.wait(PATIENCE)
     finally:
-        # What a failed step has left running ends with its session.
+        # Processes left by a failed step end with its session.
         try:
             os.killpg(shell.pid, signal.SIGKILL)
         except ProcessLookupError:
@@ -66,7 +66,7 @@ def run_script(script, directory):
 
 
 def without_progress(output):
-    """The output without the count of finished nodes, which clush writes over itself when it has to wait."""
+    """The output without the progress counter that clush overwrites while it waits."""
     return re.sub(r"clush: +\d+/\d+\r| +\r", "", output)
 
 

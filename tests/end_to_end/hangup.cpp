@@ -1,8 +1,7 @@
-// A library to load before the C library, for tests of how the program sends: what they need to happen then happens
-// every time and not by luck.
+// A library to preload into the tool, for tests of sending: it makes rare events happen every time.
 //
-//   PLAX_HANGUP_BEFORE_SEND  the send, counted from 1, that is held back until the other side has said its last word
-//   PLAX_SMALL_SEND_BUFFER   when set, the connection takes only a few KiB that the other side has not read
+//   PLAX_HANGUP_BEFORE_SEND  the send, counted from 1, that waits until the peer has closed its sending side
+//   PLAX_SMALL_SEND_BUFFER   if set, the connection holds only a few KiB that the peer has not read
 
 #include <cstdlib>
 
@@ -19,7 +18,7 @@ static void AwaitLastWord(int fd)
 
 static void ShrinkSendBuffer(int fd)
 {
-    const int size = 1; // the system makes it the least that it allows
+    const int size = 1; // the system raises it to its minimum
     setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
 }
 

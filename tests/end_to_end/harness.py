@@ -1,16 +1,16 @@
 """A daemon that follows a script, and a way to run the tool against it.
 
-A test says what the daemon does, step by step, runs the tool, and compares everything that came out for equality:
+A test lists the daemon's steps, runs the tool, and compares the whole outcome for equality:
 
     with ScriptedDaemon(reply(5, b"busy")) as plaxd:
         run = tool("-s", plaxd.path, "what-if-cancel")
     assert run == Outcome(stdout=b"", stderr=b"Error received: Status 0x00000005: busy\n", code=5)
     assert plaxd.received == frame(18)
 
-The daemon reads one whole request, performs its steps, closes its sending side, and goes on reading until the tool is
-gone, so `received` holds every byte that the tool ever sent. Leaving the `with` block fails the test when a step could
-not be done, when more than one connection came, or when there was none (unless connections=0 is expected). The tool
-must have ended by then: nothing is accepted any more.
+The daemon reads one whole request, performs its steps, closes its sending side, and reads until the tool closes the
+connection, so `received` holds every byte that the tool sent. Leaving the `with` block fails the test if a step failed,
+if more than one connection came, or if none came (unless connections=0 is expected). The tool must have ended by then:
+the daemon accepts no further connections.
 """
 
 import array
@@ -30,15 +30,15 @@ import time
 from dataclasses import dataclass
 
 TOOL = os.environ["PLAX_TOOL"]
-# A prefix for the command that runs the tool: an emulator or a checker, for instance.
+# A prefix for the tool's command line, such as an emulator or a checker.
 RUNNER = os.environ.get("PLAX_TOOL_RUNNER", "").split()
-# The byte order of the host that the tool was built for, as struct writes it.
+# The byte order of the host that the tool was built for, in struct's notation.
 HOST_ORDER = {"little": "<", "big": ">"}[os.environ.get("PLAX_TOOL_BYTE_ORDER", "little")]
-# Bits in an unsigned long of that host.
+# The bits of that host's unsigned long.
 LONG_BITS = int(os.environ.get("PLAX_TOOL_LONG_BITS", "64"))
 
 ZERO_UUID = b"00000000-0000-0000-0000-000000000000"
-PATIENCE = 60  # seconds after which a daemon or a tool that should have ended is given up
+PATIENCE = 60  # seconds to wait for the end of a daemon or a tool
 
 
 @dataclass
@@ -54,7 +54,7 @@ def frame(code, payload=b""):
 
 
 def environment(**changes):
-    """The environment of the test run, without what would change the tool's words, and with the changes given."""
+    """The environment of the test run with these changes, and without variables that change the tool's messages."""
     kept = {name: value for name, value in os.environ.items()
             if name != "POSIXLY_CORRECT" and not name.startswith("LC_")}
     return {**kept, "LANG": "C", **changes}
@@ -67,7 +67,7 @@ def start_tool(*words, stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=None,
 
 
 def finish_tool(process):
-    """Waits for a started tool to end, and gives what it wrote and its exit code (minus the signal that killed it)."""
+    """Waits until the tool ends. Returns its output and its exit code, negative if a signal killed it."""
     try:
         stdout, stderr = process.communicate(timeout=PATIENCE)
     except subprocess.TimeoutExpired:
@@ -80,18 +80,18 @@ def finish_tool(process):
 
 
 def tool(*words, **options):
-    """Runs the tool to its end."""
+    """Runs the tool until it ends."""
     return finish_tool(start_tool(*words, **options))
 
 
 def limit_memory():
-    """For a tool about to start: 1 GiB of addresses, and no dump when that ends it."""
+    """Called in the child before the tool starts: limits it to 1 GiB of addresses, without a core dump."""
     resource.setrlimit(resource.RLIMIT_AS, (1 << 30, 1 << 30))
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
 
 
 def collect(pipe, count, patience=10):
-    """Reads `count` bytes from a running tool's pipe; fewer when they do not come in time or the pipe ends."""
+    """Reads `count` bytes from a running tool's pipe, or fewer at a timeout or at the end of the pipe."""
     data = b""
     end = time.monotonic() + patience
     while len(data) < count and select.select([pipe], [], [], max(0, end - time.monotonic()))[0]:
@@ -103,7 +103,7 @@ def collect(pipe, count, patience=10):
 
 
 def eventually(condition, patience=10):
-    """Asks again and again until the condition holds, and gives whether it did in time."""
+    """Polls the condition. Returns whether it held in time."""
     end = time.monotonic() + patience
     while not condition():
         if time.monotonic() > end:
@@ -113,7 +113,7 @@ def eventually(condition, patience=10):
 
 
 def state(pid):
-    """The state of a process as ps(1) shows it: R while it runs, S while it sleeps in a call, T when it is stopped."""
+    """The state of a process as in ps(1): R is running, S is sleeping in a call, T is stopped."""
     with open(f"/proc/{pid}/stat", encoding="utf-8") as status:
         return status.read().rpartition(")")[2].split()[0]
 
@@ -124,22 +124,22 @@ def await_state(pid, wanted):
 
 
 def stop_and_continue(pid):
-    """Interrupts the call in which the process sleeps."""
+    """Stops and continues the process, which interrupts the call that it sleeps in."""
     await_state(pid, "S")
     os.kill(pid, signal.SIGSTOP)
     await_state(pid, "T")
     os.kill(pid, signal.SIGCONT)
 
 
-# ---- The steps of a script: each is a function that gets the daemon and does one thing. ----
+# ---- The steps of a script: each is a function that is called with the daemon ----
 
 def send(data):
-    """Sends the bytes in one piece."""
+    """Sends the bytes in one call."""
     return lambda daemon: daemon.connection.sendall(data)
 
 
 def send_in_pieces(data, size, seconds=0.0):
-    """Sends the bytes in pieces of the size, with a pause after each."""
+    """Sends the bytes in pieces of this size, with a pause after each."""
     def step(daemon):
         for position in range(0, len(data), size):
             daemon.connection.sendall(data[position:position + size])
@@ -161,7 +161,7 @@ def pause(seconds):
 
 
 def wait_for(event):
-    """Goes on when the test sets the event."""
+    """Waits until the test sets the event."""
     def step(daemon):
         if not event.wait(PATIENCE):
             raise TimeoutError("the test never set the event")
@@ -169,12 +169,12 @@ def wait_for(event):
 
 
 def stay_silent():
-    """Says nothing more, and keeps the connection open until the tool has ended."""
+    """Sends nothing more, and keeps the connection open until the tool ends."""
     return lambda daemon: daemon.read_rest()
 
 
 def stay_deaf():
-    """Reads and says nothing more, and keeps the connection open until the tool has ended."""
+    """Reads and sends nothing more, and keeps the connection open until the tool ends."""
     def step(daemon):
         poll = select.poll()
         poll.register(daemon.connection, 0)
@@ -184,19 +184,19 @@ def stay_deaf():
 
 
 def read(count):
-    """Reads that many bytes. For a daemon that does not read the whole request."""
+    """Reads this many bytes, for a daemon that does not read the whole request."""
     return lambda daemon: daemon.read_exactly(count)
 
 
 def queued(connection, request):
-    """Bytes that wait in the connection: for the daemon (FIONREAD) or, counted roughly, for the tool (TIOCOUTQ)."""
+    """The bytes queued in the connection for the daemon (FIONREAD), or roughly those for the tool (TIOCOUTQ)."""
     size = array.array("i", [0])
     fcntl.ioctl(connection, request, size)
     return size[0]
 
 
 def await_unread(count):
-    """Waits until so many bytes lie there unread. Closing now makes the tool see a reset connection."""
+    """Waits until this many bytes are unread. Closing the connection then resets it."""
     def step(daemon):
         if not eventually(lambda: queued(daemon.connection, termios.FIONREAD) >= count, PATIENCE):
             raise TimeoutError("the tool never sent that much")
@@ -204,7 +204,7 @@ def await_unread(count):
 
 
 def await_taken():
-    """Waits until the tool has taken everything that was sent, so that what is sent next meets a read of its own."""
+    """Waits until the tool has read everything sent, so that it receives the next bytes separately."""
     def step(daemon):
         if not eventually(lambda: queued(daemon.connection, termios.TIOCOUTQ) == 0, PATIENCE):
             raise TimeoutError("the tool never took what was sent")
@@ -212,7 +212,7 @@ def await_taken():
 
 
 def close():
-    """Closes the connection at once, both ways."""
+    """Closes the connection at once, in both directions."""
     return lambda daemon: daemon.connection.close()
 
 
@@ -222,7 +222,7 @@ class ScriptedDaemon:
     def __init__(self, *steps, connections=1, read_request=True, path=None, may_break=False):
         self.steps = steps
         self.expected_connections = connections
-        self.read_request = read_request  # False: the steps begin as soon as the tool has connected
+        self.read_request = read_request  # False: the steps start as soon as the tool has connected
         self.may_break = may_break  # True: a step may fail because the tool is gone
         self.directory = tempfile.mkdtemp(prefix="plaxd-")
         self.path = path or os.path.join(self.directory, "plaxd.uds")
@@ -240,7 +240,7 @@ class ScriptedDaemon:
         return self
 
     def __exit__(self, kind, error, trace):
-        # A connection that is waiting already is still accepted; when there is none, accept gives up.
+        # A connection in the backlog is still accepted; without one, accept fails.
         self.listener.shutdown(socket.SHUT_RDWR)
         self.thread.join(PATIENCE)
         stuck = self.thread.is_alive()
@@ -276,7 +276,7 @@ class ScriptedDaemon:
             for step in self.steps:
                 step(self)
             self._end()
-        except Exception as error:  # whatever went wrong is raised again in the test's own thread
+        except Exception as error:  # raised again in the test's own thread
             self.error = error
             self.connection.close()
 
@@ -303,9 +303,9 @@ class ScriptedDaemon:
         self.connection.close()
 
     def read_rest(self):
-        """Reads until the tool's end is closed."""
+        """Reads until the tool closes its end."""
         try:
             while piece := self.connection.recv(1 << 20):
                 self.received += piece
         except ConnectionResetError:
-            pass  # the tool ended without reading everything: there is nothing more to come
+            pass  # a reset: the tool ended without reading everything

@@ -1,4 +1,4 @@
-"""Running a program where the tool's default socket path is a socket of the test's own."""
+"""Runs a program with a socket of the test at the tool's default path."""
 
 import os
 import subprocess
@@ -14,7 +14,7 @@ def namespaces_work():
 
 
 def tool_directory(directory, *options, tool=TOOL):
-    """Makes a directory for PATH that holds plax-tool, which gets the options before its words."""
+    """Puts a plax-tool that inserts the options before its words into the directory, which is for PATH."""
     program = os.path.join(directory, "plax-tool")
     if not options and not RUNNER:
         os.symlink(tool, program)
@@ -26,9 +26,9 @@ def tool_directory(directory, *options, tool=TOOL):
 
 
 def run_at_default_path(socket_path, directory, *words, **options):
-    """Runs the words where the plax-tool of PATH finds the socket, which is named plaxd.uds, at its default path.
+    """Runs the words with the socket, named plaxd.uds, at the default path of the plax-tool in PATH.
 
-    `directory` is empty and lies elsewhere. Where the system allows no namespaces, the tool gets -s.
+    `directory` is an empty directory elsewhere. If the system allows no namespaces, the tool gets -s.
     """
     run_directory = os.path.dirname(socket_path)
     if namespaces_work():

@@ -1,4 +1,4 @@
-"""The library that hangup.cpp is built into, loaded before the C library of the tool."""
+"""Preloads the library built from hangup.cpp into the tool."""
 
 import os
 
@@ -12,7 +12,7 @@ needs_preloading = pytest.mark.skipif(bool(RUNNER), reason="the library is loade
 
 
 def preloaded(**settings):
-    """The environment in which the tool runs with the library, and with these settings of it."""
+    """The environment that preloads the library with these settings."""
     assert HANGUP_LIBRARY, "PLAX_HANGUP_LIBRARY names the library built from hangup.cpp"
     return {"LD_PRELOAD": HANGUP_LIBRARY, **settings,
             "ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"}

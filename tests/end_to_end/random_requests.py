@@ -1,8 +1,8 @@
-"""Random requests for all commands, most of which the tool can send, some of which it cannot.
+"""Random requests for all commands. The tool can send most of them, but not all.
 
     for request in random_requests(seed, count):
         request.bytes      # the whole frame
-        request.sendable   # whether a command line of the tool sends it; None: nobody knows
+        request.sendable   # whether a command line of the tool sends it; None: unknown
 """
 
 import random
@@ -14,7 +14,7 @@ from harness import HOST_ORDER, frame
 from request_table import COMMANDS, WORK_ITEMS
 
 ZERO = bytes(16)
-# What shells, option parsers and terminals take for something else, and texts in several encodings.
+# Texts that are special to shells, option parsers or terminals, and texts in several encodings.
 ALPHABET = [b"a", b"Z", b"0", b" ", b"\t", b"\n", b"'", b'"', b"\\", b"$", b"$(id)", b"`id`", b"*", b"?", b"[a]", b"#",
             b"~", b"=", b"-", b"--", b"!", b"&", b";", b"|", b"<", b">", b"(", b")", b"{", b"}", b"%s", b"\r", b"\x1b",
             b"\x7f", "\N{LATIN SMALL LETTER U WITH DIAERESIS}".encode(), "\N{SNOWMAN}".encode(), b"\xff", b"\x80"]
@@ -48,7 +48,7 @@ def number(dice, bits=32):
 
 
 def uuid_list(dice, least=0):
-    """Entries of 36 bytes: UUIDs, or texts that only have their length."""
+    """Entries of 36 bytes: UUIDs, or other texts of that length."""
     entries = dice.choice([least, 1, 2, 3, 1] + [dice.randrange(1, 100)])
     return b",".join(uuid_text(dice) if dice.random() < 0.9 else (text(dice) + b"," * 36)[:36] for _ in range(entries))
 
@@ -107,7 +107,7 @@ PAYLOADS = {
     "Global exclusion list": exclusion_list,
 }
 
-# Requests that keep to the lengths of the protocol, and that no command line sends.
+# Requests of valid length that no command line sends.
 UNSENDABLE = [
     lambda dice: frame(dice.choice([0, len(COMMANDS) + 1, 2**32 - 1])),
     lambda dice: frame(dice.choice(BARE_CODES), b"x"),
@@ -146,7 +146,7 @@ def well_formed(dice, command):
 
 
 def mutated(dice, command):
-    """A request with one byte of its payload changed. The lengths stay."""
+    """The request with one byte of its payload changed."""
     request = bytearray(well_formed(dice, command).bytes)
     if len(request) > 8:
         position = dice.randrange(8, min(len(request), 200))

@@ -1,6 +1,6 @@
-"""Running `plaxd-standin rehearse` for a test, as root and as an ordinary user where the test run allows both.
+"""Runs `plaxd-standin rehearse` for a test, as root and as an ordinary user if the test run allows both.
 
-Every rehearsal has a directory of its own for temporary files, and fails the test when it leaves something in there.
+Every rehearsal has its own directory for temporary files. Anything left there fails the test.
 """
 
 import atexit
@@ -18,13 +18,13 @@ from harness import PATIENCE, TOOL, environment
 from namespaces import namespaces_work, tool_directory
 from standin_process import STANDIN
 
-SYSTEM_PATH = "/usr/sbin:/usr/bin:/sbin:/bin"  # with nothing that some users may not read
+SYSTEM_PATH = "/usr/sbin:/usr/bin:/sbin:/bin"  # only directories that every user may read
 NOBODY = 65534
 ORDINARY = ["setpriv", "--reuid", str(NOBODY), "--regid", str(NOBODY), "--clear-groups"]
 USERS = {"root": [], "ordinary": ORDINARY} if os.geteuid() == 0 else {"ordinary": []}
 OWN_MOUNTS = {"root": ["unshare", "--mount", "mount", "--make-rslave", "/"],
               "ordinary": ["unshare", "--user", "--mount", "true"]}
-# Those whom the system gives a mount namespace. What the others are told is tested, too.
+# The users who can have a mount namespace. Other tests check the message that the rest get.
 ABLE = [user for user, prefix in USERS.items()
         if subprocess.run([*prefix, *OWN_MOUNTS[user]], check=False, capture_output=True).returncode == 0]
 
@@ -33,7 +33,7 @@ in_namespaces = pytest.mark.parametrize("user", ABLE)
 
 
 def refusing(user):
-    """What a user's test runs under so that the system refuses a mount namespace."""
+    """A prefix that runs a command as the user and without the right to make a mount namespace."""
     if user not in ABLE:
         return USERS[user]
     if not namespaces_work():
@@ -44,7 +44,7 @@ def refusing(user):
 
 @functools.cache
 def programs():
-    """The stand-in and the tool, or copies of them where the directories they lie in are closed to some user."""
+    """The stand-in and the tool, or copies of them if some user cannot reach their directories."""
     if all(subprocess.run([*prefix, "test", "-x", program], check=False).returncode == 0
            for prefix in USERS.values() for program in (STANDIN, TOOL)):
         return STANDIN, TOOL
@@ -59,7 +59,7 @@ def programs():
 
 
 class Rehearsal:
-    """A directory that every user can use, with a PATH in which plax-tool is found."""
+    """A directory that every user can write to, and a PATH that contains plax-tool."""
 
     def __init__(self):
         self.directory = tempfile.mkdtemp(prefix="rehearsal-")
@@ -105,13 +105,13 @@ class Rehearsal:
         return process.returncode, stdout, stderr
 
     def run(self, *words, text=None, **options):
-        """Gives the exit status, what came out, and the messages."""
+        """Returns the exit status, standard output and standard error."""
         if text is not None:
             options["stdin"] = subprocess.PIPE
         return self.finish(self.start(*words, **options), text)
 
     def requests(self):
-        """The commands in the log, and the numbers in its summary."""
+        """The commands and outcomes in the log, and the number of requests in its summary."""
         with open(self.log, encoding="utf-8") as file:
             lines = [json.loads(line) for line in file]
         ended = [(line["command"], line["outcome"]) for line in lines if line["event"] == "end"]

@@ -1,6 +1,6 @@
-"""What tests/commands.json types out: every command, with what it must send, and every option.
+"""Reads tests/commands.json: every command with the request that it must send, and every option.
 
-Numbers are written in the order of the host that the tool was built for; everything else is the same on all hosts.
+Numbers are in the byte order of the host that the tool was built for; everything else is the same on all hosts.
 """
 
 import json
@@ -24,7 +24,7 @@ ONE = b"11111111-1111-1111-1111-111111111111"
 TWO = b"22222222-2222-2222-2222-222222222222"
 THREE = b"33333333-3333-3333-3333-333333333333"
 
-# They end the run, write to a file and name the socket: a command line of all other options is for any command.
+# -h ends the run, -o writes to a file and -s names the socket. A command line can hold all other options.
 APART = "hos"
 
 PIECES = {
@@ -42,26 +42,26 @@ def payload(pieces):
 
 
 def all_options(without=""):
-    """Every option, each with its argument as a word of its own."""
+    """Every option, with its argument as a separate word."""
     return [word for option in OPTIONS if option["letter"] not in APART + without
             for word in ("-" + option["letter"], option["sample"]) if word is not None]
 
 
 @dataclass(frozen=True)
 class Row:
-    """A command, or one of the two kinds of request that a command has."""
+    """A command, or one of the two kinds of request of a command."""
     code: int
     word: str
     reply: str
     timeout: int
-    rule: str | None  # the message of the run that lacks what the command needs
+    rule: str | None  # the message of a run without the options that the command needs
     answer: str  # the stand-in's
-    least: tuple  # the options and words of the least command line, the command word included
+    least: tuple  # the shortest command line that passes, with the command word
     least_payload: bytes
-    full: tuple  # all options and some words
+    full: tuple  # the request for all options and some words
     full_payload: bytes
-    fields: dict  # what the stand-in finds in the full request
-    shell: tuple  # the command lines by which the stand-in tells of both requests
+    fields: dict  # the fields that the stand-in finds in the full request
+    shell: tuple  # the command lines that the stand-in logs for both requests
 
     def least_request(self):
         return frame(self.code, self.least_payload)
@@ -73,7 +73,7 @@ def shell_lines(variant, full):
 
 
 def rows_of_command(command):
-    """A row, and one more for a command whose answer is a stream for all objects."""
+    """The rows of a command: two if its answer for all objects is a stream."""
     variants = [command] if "allObjects" not in command else [command, {**command, **command["allObjects"]}]
     for variant in variants:
         full = variant.get("full") or EXPECTED["shapes"][command["shape"]]["full"]
@@ -95,7 +95,7 @@ def rows_of(*replies):
 
 
 def assert_agrees(path, found, expected):
-    """Both lists are the same, or the file that lacks something is named."""
+    """Compares both lists, and names the file that lacks an entry."""
     for file, missing in ((path, [row for row in expected if row not in found]),
                           (EXPECTATION, [row for row in found if row not in expected])):
         assert not missing, f"{file} lacks {missing}"

@@ -1,9 +1,9 @@
-"""Completion as a person at a terminal gets it: what bash, zsh and fish offer for a command line.
+"""Completion as at a terminal: the offers of bash, zsh and fish for a command line.
 
 PLAX_COMPLETIONS names the directory with the generated files. bash and zsh run on a terminal of their own, find the
 file as they find installed ones, and complete through their line editors. fish has a command that completes a line.
 
-Each shell's function takes the line up to the cursor, and gives the offers in the shell's order:
+Each shell's function takes the line up to the cursor, and returns the offers in the shell's order:
 
     assert zsh("plax-tool -o out fitn") == [Offer("fitness-stats-get", "Get current fitness stats for each disk")]
 
@@ -27,7 +27,7 @@ from pathlib import Path
 from typing import NamedTuple
 
 COMPLETIONS = Path(os.environ["PLAX_COMPLETIONS"]).resolve()
-PATIENCE = 30  # seconds after which a shell that should have answered is given up
+PATIENCE = 30  # seconds to wait for a shell's answer
 
 
 class Offer(NamedTuple):
@@ -35,7 +35,7 @@ class Offer(NamedTuple):
     description: str = ""
 
 
-# In both start-up files the function `report` ends an answer, and the line is empty again after it.
+# In both start-up files, the function `report` ends an answer and empties the line.
 
 BASH_START = r"""
 PS1=
@@ -51,8 +51,8 @@ report() {
 bind -x '"\C-xr": report'
 """
 
-# Completion functions hand their matches to compadd. The one here notes those that fit the word at the cursor, each
-# with the text that would be shown for it, and adds none. Calls that fill arrays for their caller go through.
+# Completion functions pass their matches to compadd. This one records the matches for the word at the cursor, each with
+# its displayed text, and adds none. Calls that fill arrays for their caller are passed on.
 ZSH_START = r"""
 PS1=
 fpath=($COMPLETIONS $fpath)
@@ -94,7 +94,7 @@ bindkey '^Xi' offer '^Xr' report
 
 
 class Terminal:
-    """A shell on a terminal of its own. Keys go in, and what the shell reports comes back up to a zero byte."""
+    """A shell on a terminal of its own. It gets keys and writes reports, each of which ends with a zero byte."""
 
     def __init__(self, command, home, **environment):
         self.home = home
@@ -121,7 +121,7 @@ class Terminal:
             pass  # the shell is gone
 
     def press(self, keys):
-        """Presses the keys and gives the shell's next report."""
+        """Presses the keys and returns the shell's next report."""
         os.write(self.master, keys.encode())
         report = b""
         while not report.endswith(b"\0"):
@@ -144,7 +144,7 @@ def prepare_directory(directory):
 
 
 def clean_environment(home):
-    # fish completes no command that it does not find.
+    # fish completes only commands that it finds.
     built = ":".join(os.path.dirname(os.environ[name]) for name in ("PLAX_TOOL", "PLAXD_STANDIN") if name in os.environ)
     path = f"{built}:/usr/sbin:/usr/bin:/sbin:/bin"
     return {"HOME": home, "PATH": path, "LC_ALL": "C.UTF-8"}
@@ -160,19 +160,19 @@ def bash_terminal():
 
 
 def bash(line):
-    """Inserts all offers into the line, as the shell does on demand, and takes them from there."""
+    """Has the shell insert all offers into the line, and reads them from there."""
     full = bash_terminal().press(line + "\x18i\x18r")
     start = line.rfind(" ") + 1
     if "=" in line[start:]:
         start = line.rindex("=") + 1
     assert full.startswith(line[:start])
     if full == line:
-        return []  # without an offer the line stays as it was typed
+        return []  # without an offer, the line is unchanged
     return [Offer(word) for word in shlex.split(full[start:])]
 
 
 def bash_list(line):
-    """The rows of the list that the shell shows when asked for the possibilities. The line is shown again below it."""
+    """The rows of the shell's list of possible completions. Below the list, the shell shows the line again."""
     terminal = bash_terminal()
     shown = len(terminal.screen)
     terminal.press(line + "\x18l\x18r")
@@ -200,12 +200,12 @@ def zsh(line):
 
 def zsh_offer(row):
     word, shown = row.split("\t")
-    # What is shown is "word  -- description", or the word alone.
+    # The displayed text is "word  -- description", or the word alone.
     return Offer(word, shown.partition(" -- ")[2])
 
 
 def fish(line):
-    """Offers are printed by the shell one a line."""
+    """fish prints one offer per line."""
     with tempfile.TemporaryDirectory(prefix="plax-fish-") as home:
         prepare_directory(home)
         script = f"set fish_complete_path {shlex.quote(str(COMPLETIONS))}; complete -C {shlex.quote(line)}"

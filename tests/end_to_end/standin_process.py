@@ -4,9 +4,9 @@
         tool("-s", plaxd.path, "fix-concats")
     assert plaxd.entries == [...]
 
-Leaving the `with` block ends the stand-in by SIGTERM and reads its log: `entries` holds the requests in the order of
-their connections, without the two values that change from run to run, `summary` what stands at the end, and `code` the
-exit status. The block fails when the stand-in complains about anything.
+Leaving the `with` block ends the stand-in with SIGTERM and reads its log. `entries` holds the requests in the order of
+their connections, without the two values that change between runs, `summary` the last line, and `code` the exit status.
+Any message from the stand-in fails the test.
 """
 
 import json
@@ -20,15 +20,15 @@ import tempfile
 STANDIN = os.environ["PLAXD_STANDIN"]
 PROJECT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 EXAMPLES = os.path.join(PROJECT, "standin", "examples")
-PATIENCE = 60  # seconds after which a stand-in that should have ended is given up
+PATIENCE = 60  # seconds to wait for the end of a stand-in
 
 CLIENT_CLOSED = "client closed"
 
-started = []  # processes, by the test that runs
+started = []  # the processes that the current test started
 
 
 def run_standin(*words, stdin=b""):
-    """Runs the stand-in to its end, and gives its status, its output and its messages. One that listens is ended."""
+    """Runs the stand-in until it ends. Returns status, output and messages. A stand-in that listens is ended."""
     process = subprocess.Popen([STANDIN, *words], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                stderr=subprocess.PIPE, bufsize=0)
     first_message = b""
@@ -41,8 +41,8 @@ def run_standin(*words, stdin=b""):
 
 
 def start_standin(*words, stdout=subprocess.DEVNULL, **options):
-    """Starts the stand-in, and gives the process when it listens, or has ended."""
-    # Without a buffer, or what comes with the first message would be lost.
+    """Starts the stand-in. Returns the process as soon as it listens or has ended."""
+    # Unbuffered: otherwise bytes that arrive with the first message would be lost.
     process = subprocess.Popen([STANDIN, *words], stdin=subprocess.DEVNULL, stdout=stdout, stderr=subprocess.PIPE,
                                bufsize=0, **options)
     started.append(process)
@@ -51,7 +51,7 @@ def start_standin(*words, stdout=subprocess.DEVNULL, **options):
 
 
 def kill_leftovers():
-    """Kills what a failed test has left running, and gives whether there was anything."""
+    """Kills the processes that the test left running. Returns whether there were any."""
     left = [process for process in started if process.poll() is None]
     for process in left:
         process.kill()
@@ -61,21 +61,21 @@ def kill_leftovers():
 
 
 def end(process, by=signal.SIGTERM):
-    """Ends the stand-in, and gives its status and the messages that came after the first one."""
+    """Ends the stand-in. Returns its status and the messages after the first one."""
     process.send_signal(by)
     _, messages = process.communicate(timeout=PATIENCE)
     return process.returncode, messages
 
 
 def timeless(log):
-    """The lines of a log of text, without what changes from run to run."""
+    """The lines of a text log, without the values that change between runs."""
     stamp = r"^(# )?\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z "
     return [re.sub(r"\d+\.\d{3} s(?=$| \|)", "T s", re.sub(stamp, r"\1NOW ", line)) for line in log.splitlines()]
 
 
 def entry(command, code, length, fields=None, *, reply, connection=1, violations=(), warnings=(), outcome="answered",
           ending=CLIENT_CLOSED, fault=None):
-    """An entry of the log, as the stand-in should write it."""
+    """The expected log entry of a request."""
     expected = {"connection": connection, "command": command, "code": code, "length": length, "fields": fields or {},
                 "violations": list(violations), "warnings": list(warnings), "reply": reply, "outcome": outcome,
                 "end": ending}
@@ -83,13 +83,13 @@ def entry(command, code, length, fields=None, *, reply, connection=1, violations
 
 
 def framed(length, status=0, announced=None):
-    """A reply with so many bytes of payload, as the log tells of it."""
+    """The log's form of a reply with a payload of this length."""
     return {"status": status, "statusHex": f"0x{status:08x}", **named(status),
             "length": length if announced is None else announced, "bytes": length}
 
 
 def named(status):
-    """The name of each status that the tests use and that has one."""
+    """The log field for the name of the status, if it has one."""
     names = {0: "Success", 0x0bad0001: "Failure", 0x2bad000b: "EAGAIN", 0x2bad0010: "EBUSY", 0x2bad0016: "EINVAL"}
     return {"statusName": names[status]} if status in names else {}
 
@@ -103,7 +103,7 @@ class Standin:
         self.lines = self.entries = self.summary = self.code = None
 
     def file(self, name, content=None):
-        """The path of a file in the stand-in's directory, made with the content given."""
+        """Writes a file into the stand-in's directory. Returns its path."""
         path = os.path.join(self.directory.name, name)
         if content is not None:
             with open(path, "wb") as file:
@@ -111,7 +111,7 @@ class Standin:
         return path
 
     def answers(self, commands):
-        """Gives the stand-in, before it is started, an answers file."""
+        """Writes an answers file for the stand-in, which has not started yet."""
         self.words += ("--answers", self.file("answers.json", json.dumps({"answers": commands}).encode()))
         return self
 
@@ -144,7 +144,7 @@ class Standin:
         return connection
 
     def exchange(self, request):
-        """Sends the bytes and no more, and gives all that comes back."""
+        """Sends the bytes, shuts down the sending side, and returns all bytes received."""
         with self.connect() as connection:
             connection.sendall(request)
             connection.shutdown(socket.SHUT_WR)
@@ -152,7 +152,7 @@ class Standin:
 
 
 def read_all(connection):
-    """Everything up to the end of what the peer sends."""
+    """Reads until the peer closes the connection."""
     data = b""
     while piece := connection.recv(1 << 16):
         data += piece

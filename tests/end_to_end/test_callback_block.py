@@ -1,4 +1,4 @@
-"""What block-cdb-cb makes of its words."""
+"""The event and entry codes that block-cdb-cb sends for its words."""
 
 import itertools
 
@@ -12,7 +12,7 @@ NO_OUTPUT = Outcome(b"", b"", 0)
 
 
 def assert_blocked(words, codes, uuid=ZERO_UUID):
-    """The words make the tool send the event and entry codes, in a field of 1024 bytes, and succeed."""
+    """The tool sends these event and entry codes in a field of 1024 bytes, and succeeds."""
     with ScriptedDaemon() as plaxd:
         run = tool("-s", plaxd.path, *words)
     assert (run, plaxd.received) == (NO_OUTPUT, frame(31, codes + b":" + uuid + b"\0" * 984))

@@ -1,4 +1,4 @@
-"""The completions, as bash, zsh and fish offer them at a prompt."""
+"""The offers of bash, zsh and fish at a prompt."""
 
 import re
 
@@ -35,15 +35,15 @@ NUMBERS = {
                                  ("2", "ignoreForNewPlacement"), ("3", "ignoreForWitnessAndNewPlacement")],
 }
 
-# An option, the way to its argument, and the numbers there.
+# An option, the separator before its argument, and the numbers offered there.
 NUMBER_CASES = [(option, separator, numbers) for names, numbers in NUMBERS.items() for option in names
                 for separator in ([" ", "="] if option.startswith("--") else [" "])]
 
-# Options whose argument is free: it is not one of some words or numbers, nor the name of a file.
+# Options with a free argument: neither a file name nor one of a list of words or numbers.
 FREE = [option for option in request_table.OPTIONS if option["argument"] not in (None, "str")
         and not re.search(r"\d:", option["help"])]
 
-# What they mean is tested with the requests.
+# The requests' tests check their meanings.
 CALLBACK_WORDS = ["add", "delete", "disk", "node", "object", "update"]
 
 all_shells = pytest.mark.parametrize("shell", SHELLS)
@@ -51,7 +51,7 @@ describing_shells = pytest.mark.parametrize("shell", [zsh, fish])
 
 
 def values(offers, option):
-    """The offered words. fish gives a value that is joined to a long option together with it."""
+    """The offered words. fish offers a value after `--option=` together with the option."""
     return [word.removeprefix(option + "=") for word in words(offers)]
 
 
@@ -80,14 +80,14 @@ def test_unlisted_and_unknown_commands(shell, word):
 @all_shells
 @pytest.mark.parametrize("before", ["", "stats ", "-a stats "])
 def test_options(shell, before):
-    # zsh leaves out what has been given already.
+    # zsh offers no option twice.
     given = {"-a", "--all"} if shell is zsh and before.startswith("-a") else set()
     names = {f"-{letter}" for letter, _, _ in OPTIONS} | {f"--{long_name}" for _, long_name, _ in OPTIONS}
     offered = words(shell(f"plax-tool {before}-"))
     assert sorted(offered) == sorted(names - given)
 
 
-# zsh alone looks at what has been given already.
+# Only zsh looks at the options that were given.
 @pytest.mark.parametrize("before", ["-h ", "-h -", "--help ", "--help -", "stats -h -", "-h stats "])
 def test_nothing_after_a_call_for_help(before):
     assert zsh(f"plax-tool {before}") == []
@@ -112,7 +112,7 @@ def test_descriptions_of_options(shell):
 def test_file_names(shell, before):
     option = before.split(" ")[-1].removesuffix("=")
     offered = [word.removesuffix("/") for word in values(shell(f"plax-tool {before}"), option)]
-    # Behind "--" there are words only, and "-o" is the command, wrong as it is.
+    # After "--", "-o" is a word: the command, though an unknown one.
     assert offered == ([] if before.startswith("-- ") else ["answer.txt", "answers"])
 
 
@@ -157,7 +157,7 @@ def test_arguments_that_nobody_can_guess(shell, option):
 @pytest.mark.parametrize("command", [word for word, _ in COMMANDS
                                      if word not in ("start-proactive-rebalance", "block-cdb-cb")])
 def test_no_second_word(shell, command):
-    # The level of log-level is the daemon's affair.
+    # Only the daemon knows the levels of log-level.
     assert shell(f"plax-tool {command} ") == []
 
 
@@ -187,20 +187,20 @@ def test_words_of_block_cdb_cb(shell, before, offered):
 @all_shells
 @pytest.mark.parametrize("before", ["-o stats ", "--output-path=stats ", "--output-path stats ", "-ostats ", "-s a:b ",
                                     """-j '{"a": 1}' """, "-aw ", "-- ", "-m 1 --work-item MOVE "])
-def test_command_behind_options(shell, before):
+def test_command_after_options(shell, before):
     assert words(shell(f"plax-tool {before}fitn")) == ["fitness-stats-get"]
 
 
 @all_shells
 @pytest.mark.parametrize("before", ["-o out stats ", "-- stats ", "stats -o out ", "stats --socket-path=x "])
-def test_no_command_behind_a_command(shell, before):
+def test_no_command_after_a_command(shell, before):
     assert shell(f"plax-tool {before}fitn") == []
 
 
 @all_shells
 @pytest.mark.parametrize("option", request_table.OPTIONS, ids=lambda option: option["name"])
 def test_which_options_take_an_argument(shell, option):
-    # The first word after an option is its argument, or else the command, and then there is nothing more to offer.
+    # The first word after an option is its argument. Otherwise it is the command, and nothing more is offered.
     expected = ["fitness-stats-get"] if option["argument"] else []
     for form in ("-" + option["letter"], "--" + option["name"]):
         assert words(shell(f"plax-tool {form} fix-concats fitn")) == expected

@@ -1,4 +1,4 @@
-"""What the tool connects to: an address of full size, and a listener that is slow to accept, or never does."""
+"""Connecting: addresses of full size, and listeners that accept late or never."""
 
 import ctypes
 import fcntl
@@ -20,7 +20,7 @@ REFUSED = Outcome(b"", b"connect error: Connection refused\n", 1)
 
 @pytest.fixture(name="nameless")
 def make_nameless_address():
-    """The abstract address of 108 zero bytes. There is one a machine, so it is taken by one test at a time."""
+    """The abstract address of 108 zero bytes. The machine has only one, so one test at a time uses it."""
     directory = os.open(tempfile.gettempdir(), os.O_RDONLY)
     fcntl.flock(directory, fcntl.LOCK_EX)
     yield bytes(108)
@@ -35,7 +35,7 @@ def test_empty_path_is_an_address_of_zero_bytes(nameless):
 
 
 def bind_without_terminator(listener, path):
-    """Binds to a path that fills its field of 108 bytes, which the socket module refuses."""
+    """Binds to a path that fills the address's 108 bytes. Python's socket module refuses such paths."""
     address = struct.pack("H108s", socket.AF_UNIX, path)
     if ctypes.CDLL(None, use_errno=True).bind(listener.fileno(), address, len(address)) != 0:
         raise OSError(ctypes.get_errno(), "cannot bind")
@@ -52,7 +52,7 @@ def test_path_of_108_characters_is_not_reached():
         assert tool("-s", path, *PRINTED) == Outcome(b"", b"connect error: No such file or directory\n", 1)
 
 
-# ---- A listener that takes its time, or ends ----
+# ---- Listeners that are slow, or end ----
 
 @pytest.mark.parametrize("words, outcome", [
     (PRINTED, Outcome(b"", b"Error received: Connection reset by peer: (null)\n", 104)),

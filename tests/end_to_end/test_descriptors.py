@@ -1,4 +1,4 @@
-"""Standard descriptors that are closed, full or broken, and a daemon that hangs up while it is being spoken to."""
+"""Standard descriptors that are closed, full or broken, and a daemon that closes the connection during the request."""
 
 import dataclasses
 import itertools
@@ -133,7 +133,7 @@ def test_printed_reply_to_a_broken_pipe(command, disposition, broken_pipe):
 
 @either_disposition
 def test_empty_printed_reply_to_a_broken_pipe_ends_as_it_would(disposition, broken_pipe):
-    """Writing nothing to a broken pipe succeeds, and the newline behind it is not checked."""
+    """Writing no bytes to a broken pipe succeeds, and the tool does not check the newline after it."""
     with ScriptedDaemon(reply(0)) as plaxd:
         run = tool("-s", plaxd.path, "info-proactive-rebalance", stdout=broken_pipe, **with_sigpipe(disposition))
     assert run == Outcome(None, b"", 0)
@@ -171,7 +171,7 @@ def test_stream_to_a_file_does_not_mind_a_broken_pipe(broken_pipe, tmp_path):
     assert (run, output.read_bytes()) == (Outcome(None, b"", 0), b"abc")
 
 
-# Where nothing is sent, the run ends as every filter does.
+# Runs that send nothing: SIGPIPE kills them, like any filter.
 @pytest.mark.parametrize("words, stream, outcome", [
     (("nonsense",), "stdout", Outcome(None, b"Unrecognized command: nonsense\n", -signal.SIGPIPE)),
     (("-s", "absent", "stats"), "stderr", Outcome(b"", None, -signal.SIGPIPE)),
@@ -181,12 +181,12 @@ def test_run_without_a_request_ends_by_the_broken_pipe(words, stream, outcome, b
     assert tool(*words, cwd=tmp_path, **{stream: broken_pipe}, **with_sigpipe(signal.SIG_DFL)) == outcome
 
 
-# ---- A daemon that hangs up before the request is out ----
+# ---- A daemon that closes the connection before the request is sent ----
 
 BROKEN_SENDING = Outcome(b"", b"Sending command failed: Broken pipe\n", 32)
 BROKEN_SENDING_UNSAID = Outcome(b"", b"", 32)
 
-# The message is for the commands whose reply is a frame, and for the crawler states of all objects.
+# Commands with a framed reply print the message, and so does get-obj-crawler-state for all objects.
 SENDING = [
     *[(command, BROKEN_SENDING) for command in rows_of(PRINTED, CHECKED)],
     *[(command, BROKEN_SENDING_UNSAID) for command in rows_of(UNANSWERED)],
@@ -219,7 +219,7 @@ def test_payload_cannot_be_sent(command, outcome, disposition):
 
 
 def test_large_request_that_is_not_read():
-    """What was taken of the payload counts as sent: the reset shows when the reply is read."""
+    """A payload sent in part counts as sent: the tool sees the reset when it reads the reply."""
     command = next(row for row in ROWS if row.code == 33)
     with ScriptedDaemon(await_unread(9), close(), read_request=False) as plaxd:
         run = tool("-s", plaxd.path, *command.least)

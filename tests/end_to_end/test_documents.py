@@ -1,4 +1,4 @@
-"""The documents do what they show: every console block runs, and prints what stands there."""
+"""Every console block of the documents runs, and prints the output shown."""
 
 import pathlib
 
@@ -8,7 +8,7 @@ from console_document import STANDIN, read_steps, run_steps
 
 SOURCE = pathlib.Path(__file__).parents[2]
 
-# The number of commands, so that no block is overlooked.
+# The number of commands in each, so that no block goes unnoticed.
 DOCUMENTS = [("README.md", 12), ("docs/fleet.md", 39), ("docs/scripting.md", 28),
              ("docs/troubleshooting.md", 5)]
 

@@ -1,4 +1,4 @@
-"""One request, one framed reply or none: what is printed, what is reported, and which status the run ends with."""
+"""Framed replies, and commands without a reply: output, messages and exit status."""
 
 import os
 import signal
@@ -20,7 +20,7 @@ each_unanswered = pytest.mark.parametrize("command", rows_of(UNANSWERED), ids=na
 each_command = pytest.mark.parametrize("command", ROWS, ids=name)
 
 
-# Memory is given out full of rubbish, so that a byte which is shown without having been written is noticed.
+# malloc fills memory with garbage, so a byte shown without having been written is noticed.
 RUBBISH = {"MALLOC_PERTURB_": "85"}
 
 
@@ -29,7 +29,7 @@ def outcome_of(*steps, words=("info-proactive-rebalance",), env=RUBBISH, **optio
     return converse(*steps, words=words, env=env, **options)[0]
 
 
-# ---- Every command in its class ----
+# ---- Every command, by reply class ----
 
 @each_printed
 def test_printed_reply_leaves_the_output_file_alone(command, tmp_path):
@@ -81,7 +81,7 @@ def test_incomplete_payload_is_reported_and_reads_as_success(command):
 @pytest.mark.parametrize("status, text, code", [
     (0x00000001, b"Status 0x00000001", 0x01),
     (0x000000ff, b"Status 0x000000ff", 0xff),
-    (0x00000100, b"Status 0x00000100", 0x00),  # the operating system keeps 8 bits
+    (0x00000100, b"Status 0x00000100", 0x00),  # the exit status has 8 bits
     (0x01020304, b"Status 0x01020304", 0x04),
     (0x0bad0000, b"Status 0x0bad0000", 0x00),
     (0x0bad0001, b"Failure", 0x01),
@@ -146,7 +146,7 @@ def test_printed_payload_is_one_write_and_the_newline_another(payload):
             ours.recv(1)
 
 
-# ---- Replies in pieces, cut, too long, or lying about their length ----
+# ---- Replies in pieces, cut, too long, or with a wrong length ----
 
 def failed(text, code):
     return Outcome(b"", b"Error received: Status 0x" + text + b": (null)\n", code)
@@ -173,7 +173,7 @@ def test_reply_cut_at_every_byte(cut, outcome):
     (4, failed(b"05060708", 8)),
     (5, failed(b"05060708", 8)),
     (6, failed(b"05060708", 8)),
-    *[(cut, EMPTY_LINE_AND_WARNING) for cut in range(7, 18)],  # 7: a length of 256, whole: of 258
+    *[(cut, EMPTY_LINE_AND_WARNING) for cut in range(7, 18)],  # the length reads as 256 at 7 bytes, 258 at 8
 ])
 def test_error_reply_cut_at_every_byte(cut, outcome):
     assert outcome_of(send(b"\5\6\7\x08\0\0\1\2busybusybu"[:cut])) == outcome
@@ -222,7 +222,7 @@ def test_answer_that_is_too_long(answer, outcome):
 
 
 def unless_too_long(length, outcome):
-    """Where addresses have 32 bits, there is no memory for the longest payloads."""
+    """On hosts with 32-bit addresses, the longest payloads cannot be allocated."""
     if LONG_BITS == 32 and length >= 0x7fffffff:
         return Outcome(b"", b"PLAX_SafeMalloc:2888: Failed to allocate new memory\n", -signal.SIGABRT)
     return outcome
@@ -231,7 +231,7 @@ def unless_too_long(length, outcome):
 @pytest.mark.parametrize("length", [11, 12, 0x7fffffff, 0x80000000, 0xfffffffe, 0xffffffff])
 @pytest.mark.parametrize("status", [0, 5])
 def test_length_above_what_comes(status, length):
-    # Gigabytes of rubbish would have to be written first.
+    # Without MALLOC_PERTURB_, which would fill gigabytes first.
     run = outcome_of(send(struct.pack(">II", status, length) + b"0123456789"), env={})
     assert run == unless_too_long(length, EMPTY_LINE_AND_WARNING)
 
@@ -248,7 +248,7 @@ def test_very_long_payload():
     assert (len(run.stdout), run.stdout == payload + b"\n", run.stderr, run.code) == (len(payload) + 1, True, b"", 0)
 
 
-# A receive that fails shows any length to be taken as whole, since none of its bytes has to come.
+# A failed receive reads as a whole payload, so the test needs to send no bytes of it.
 @pytest.mark.parametrize("length", [0x4000001, 0x10000000, 0x40000000, 0x7fffffff, 0x80000000, 0xfffffffe, 0xffffffff])
 def test_no_length_is_too_long(length):
     steps = (await_unread(8), send(struct.pack(">II", 7, length)), close())
@@ -282,7 +282,7 @@ def test_request_that_is_half_read_before_a_reset():
 # ---- The socket path ----
 
 def padded_path(directory, length):
-    """A path of that length below the directory, the directories on its way made."""
+    """A path of this length below the directory. Creates the directories in between."""
     path = str(directory)
     while length - len(path) > 100:
         path += "/" + "d" * 50
@@ -367,7 +367,7 @@ def test_last_socket_path_counts(tmp_path):
     assert run == Outcome(b"abc\n", b"", 0)
 
 
-# ---- What the run leaves to others ----
+# ---- What a run passes on ----
 
 def test_runs_beside_each_other_do_not_meet():
     with ScriptedDaemon(pause(0.3), reply(0, b"first")) as first, ScriptedDaemon(reply(0, b"second")) as second:

@@ -1,13 +1,13 @@
-"""Every call of the C library that a run makes fails once, with every errno that it can fail with.
+"""Makes every call of the C library in a run fail once, with every errno of that function.
 
-A preloaded library records the calls of a run without failures. Then it makes each of them fail in turn, and each run
-has to match in full: standard output, standard error, the exit code, the output file, and what the daemon received.
-The runs are one for each command and reply class, and those that end in other ways: error replies, usage errors, the
-help text, closed standard descriptors, no daemon. Which calls a run makes, and how many, is the tool's own affair.
+A preloaded library records the calls of a run without failures, then makes each of them fail in turn. Each run must
+match in full: standard output, standard error, exit code, output file, and the bytes that the daemon received. There is
+a run for each command and reply class, and for other ends: error replies, usage errors, the help text, closed standard
+descriptors, no daemon. The tests do not prescribe which calls a run makes.
 
-What cannot be reached from outside is the C library's own work below these calls; of it, only the allocations and the
-flush at exit are made to fail. Functions that only compute, such as strtoul, are left alone: HARMLESS names them, and
-a function that the tool begins to use must be added to one of the two tables.
+Preloading cannot reach the calls that the C library makes itself, except its allocations and the flush at exit.
+Functions that only compute, such as strtoul, have no failure to inject: HARMLESS lists them. Add every new function
+that the tool uses to HARMLESS or to ERRORS_OF.
 """
 
 import os
@@ -80,8 +80,8 @@ ERRORS = {
     "EDQUOT": (122, b"Disk quota exceeded"),
 }
 
-# What each function can fail with by its manual page, for the socket calls together with unix(7). The pages of the
-# output functions name no errors: they fail when their write(2) does.
+# The errnos in each function's manual page, and in unix(7) for sockets. The pages of the output functions list none:
+# these functions fail when their write(2) does.
 WRITE_ERRORS = "EAGAIN EBADF EDESTADDRREQ EDQUOT EFAULT EFBIG EINTR EINVAL EIO ENOSPC EPERM EPIPE".split()
 ERRORS_OF = {
     "malloc": ["ENOMEM"],
@@ -108,13 +108,12 @@ ERRORS_OF = {
     "exit-flush": WRITE_ERRORS,
 }
 
-# Symbols of the C library that the tool and the platform library may use without a failure to inject: they compute
-# only, or give back, or end the run.
+# Symbols of the C library without a failure to inject: they compute, release memory, or end the run.
 HARMLESS = set("""
     __errno_location __isoc23_sscanf __isoc23_strtoul __isoc99_sscanf __libc_start_main __memcpy_chk __memset_chk
     __snprintf_chk __stack_chk_fail __strlen_chk abort free getopt_long htonl memcmp memcpy memmove memset ntohl
     optarg optind snprintf sscanf stderr stdout strcmp strerror strlen strnlen strtoul""".split())
-# The names behind which the library finds the functions of ERRORS_OF.
+# The symbols of the functions in ERRORS_OF.
 INJECTED = set("""
     __printf_chk __vfprintf_chk calloc close connect fcntl fcntl64 fputc malloc open open64 perror printf putc
     putchar recv send setsockopt setvbuf sigaction socket vfprintf write""".split())
@@ -129,12 +128,12 @@ MSG_DONTWAIT = "64"
 
 @dataclass(frozen=True)
 class Run:
-    """Everything that came of a run."""
+    """The outcome of a run."""
     stdout: bytes
     stderr: bytes
     code: int
     wire: bytes
-    file: bytes = b""  # what is in the output file
+    file: bytes = b""  # the content of the output file
 
 
 @dataclass(frozen=True)
@@ -143,13 +142,13 @@ class Scenario:
     name: str
     words: tuple
     reply: bytes = b""
-    wire: tuple = ()  # what each send hands over
+    wire: tuple = ()  # the bytes of each send
     stdout: bytes = b""
     stderr: bytes = b""
     code: int = 0
     file: bytes = b""
     reply_class: str = ""
-    given: tuple = ()  # failures that belong to the scenario
+    given: tuple = ()  # failures that are part of the scenario
     closed: tuple = ()  # standard descriptors that the caller has closed
     functions: tuple = tuple(ERRORS_OF)
     connections: int = 1
@@ -180,7 +179,7 @@ class Failure:
 
 
 def say(data):
-    """The step that sends the bytes, if the tool is still there to hear them; what it sent is read either way."""
+    """A step that sends the bytes, if the tool has not closed the connection, and reads the request in either case."""
     def step(daemon):
         try:
             daemon.connection.sendall(data)
@@ -190,9 +189,9 @@ def say(data):
 
 
 def run(scenario, plan, connections=None):
-    """Runs the scenario with the planned failures, and gives what came of it and the record of its calls.
+    """Runs the scenario with the planned failures. Returns the outcome and the record of its calls.
 
-    The daemon speaks first and reads on until the tool has ended.
+    The daemon sends its reply first, and reads until the tool ends.
     """
     connections = scenario.connections if connections is None else connections
     with open(os.memfd_create("calls"), "r+b") as log:
@@ -219,14 +218,14 @@ def closing(descriptors):
 
 @cache
 def calls_of(scenario):
-    """The calls of the scenario's run, which must come out as it should."""
+    """The calls of the scenario's run, which must have the expected outcome."""
     outcome, calls = run(scenario, "")
     assert outcome == scenario.outcome()
     return calls
 
 
 def calls_to(scenario, *functions):
-    """The run's calls of these functions: each as its line, its number among its function's calls, and those before."""
+    """The run's calls of these functions: line, number among the calls of that function, and all calls before."""
     counts = dict.fromkeys(functions, 0)
     for position, line in enumerate(calls_of(scenario)):
         function = line.split()[0]
@@ -276,7 +275,7 @@ def usage(name, words, stderr=b"", code=1):
 
 ERROR_STATUS = 0x01020305
 BUSY = b"Error received: Status 0x01020305: busy\n"
-LONG = b"0123456789abcdef" * 4125  # 66000 bytes: more than the tool gathers before it writes
+LONG = b"0123456789abcdef" * 4125  # 66000 bytes: more than the tool buffers
 
 SCENARIOS = [
     *map(of_row, request_table.ROWS),
@@ -306,7 +305,7 @@ SCENARIOS = [
 ]
 
 
-# ---- What a failure makes of a run. ----
+# ---- The outcome of a failure ----
 
 def nothing_changes(scenario, _failure):
     return scenario.outcome()
@@ -331,7 +330,7 @@ def sending_fails(scenario, failure):
 
 
 def answered(scenario, status, payload):
-    """The outcome of a framed reply that reads as this status and payload (None: without one)."""
+    """The outcome of a framed reply with this status and payload (None: no payload)."""
     if status != 0:
         text = b"(null)" if payload is None else payload.split(b"\0")[0]
         return Run(b"", b"Error received: Status 0x%08x: %s\n" % (status, text), status & 0xff, b"".join(scenario.wire))
@@ -352,18 +351,18 @@ def receiving_fails(scenario, failure):
 
 
 def streamed(scenario, content, code=0):
-    """The outcome of a stream of which this content came through."""
+    """The outcome of a stream of which this content was received."""
     return scenario.outcome(code=code, **{"file" if scenario.file else "stdout": content})
 
 
 def text_read(scenario, before):
-    """How much of a stream these calls have read."""
+    """The length of the stream that these calls have read."""
     return min(len(scenario.reply), sum(int(call.split()[1]) for call in before if call.startswith("recv")))
 
 
 def stream_fails(scenario, failure):
     may_wait = failure.line.split()[2] != MSG_DONTWAIT
-    if failure.error == "EAGAIN" and not may_wait:  # the daemon pauses, and the rest comes with a later call
+    if failure.error == "EAGAIN" and not may_wait:  # the daemon pauses; a later call reads the rest
         return scenario.outcome()
     return streamed(scenario, scenario.reply[:text_read(scenario, failure.before)], failure.number)
 
@@ -384,7 +383,7 @@ def opening_fails(scenario, failure):
 
 
 def newline_fails(scenario, _failure):
-    """The newline after a printed reply, or after the last words of a run without memory."""
+    """Fails the newline after a printed reply, or after the message of a run without memory."""
     return scenario.outcome(**({"stderr": scenario.stderr[:-1]} if scenario.code == -6
                                else {"stdout": scenario.stdout[:-1]}))
 
@@ -398,7 +397,7 @@ def help_fails(scenario, _failure):
 
 
 def flush_fails(scenario, _failure):
-    """What printf and putchar have left in the buffer is lost: all of the help text, or the newline after a reply."""
+    """The buffer of printf and putchar is lost: the whole help text, or the newline after a reply."""
     return scenario.outcome(stdout=b"" if scenario.connections == 0 else scenario.stdout[:-1])
 
 
@@ -436,7 +435,7 @@ def assert_fails_as_expected(scenario, failure):
 
 
 def inject_into_tool(scenario):
-    """Makes each call fail with each errno, and gives the number of failures."""
+    """Makes each call fail with each errno. Returns the number of failures."""
     failures = [Failure(line.split()[0], call, error, line, before)
                 for line, call, before in calls_to(scenario, *scenario.functions)
                 for error in ERRORS_OF[line.split()[0]]]
@@ -446,7 +445,7 @@ def inject_into_tool(scenario):
 
 
 def inject_into_c_library(scenario):
-    """The C library's own allocations, until there is no n-th: nothing may come of their failure."""
+    """Makes the C library's own allocations fail, one per run, which must not change the outcome."""
     for call in count(1):
         outcome, calls = run(scenario, f"libc-malloc:{call}:error:12")
         assert outcome == scenario.outcome(), call
@@ -465,10 +464,10 @@ def test_every_call_fails(scenario):
         inject_into_c_library(scenario)
 
 
-# ---- Calls that do a part of what they are asked to. ----
+# ---- Short calls ----
 
 def shortened(scenario, line, call, length, before):
-    """The outcome when this call is granted no more than the length, which is less than it asks for."""
+    """The outcome when this call transfers only `length` bytes, fewer than requested."""
     function = line.split()[0]
     if function == "send":  # neither noticed nor repeated
         wire = list(scenario.wire)
@@ -476,9 +475,9 @@ def shortened(scenario, line, call, length, before):
         return scenario.outcome(wire=b"".join(wire))
     if scenario.reply_class == request_table.STREAMED:
         return short_stream(scenario, function, length, before)
-    if function == "write":  # one write, and the newline after it all the same
+    if function == "write":  # a single write, and the newline in any case
         return scenario.outcome(stdout=scenario.stdout[:length] + b"\n")
-    if call == 1:  # bytes of the header that never came are zero
+    if call == 1:  # missing bytes of the header are zero
         status, announced = struct.unpack(">II", scenario.reply[:length].ljust(8, b"\0"))
         assert announced == 0
         return answered(scenario, status, None)
@@ -486,9 +485,9 @@ def shortened(scenario, line, call, length, before):
 
 
 def short_stream(scenario, function, length, before):
-    if length > 0:  # the rest comes or goes with a further call
+    if length > 0:  # a further call transfers the rest
         return scenario.outcome()
-    if function == "write":  # an output that takes nothing any more
+    if function == "write":  # the output accepts no more bytes
         return streamed(scenario, b"")
     return streamed(scenario, scenario.reply[:text_read(scenario, before)])  # the end of the stream
 
@@ -512,13 +511,13 @@ def test_every_call_is_short(scenario):
         assert f"{line} = {length}" in calls
 
 
-# ---- What no outcome shows. ----
+# ---- Properties that no outcome shows ----
 
 def lines_of(scenario, *functions):
     return [line for line, _, _ in calls_to(scenario, *functions)]
 
 
-# Also where nothing needs them, such as a run that ends with the help text.
+# Also in runs that do not use them, such as for the help text.
 @pytest.mark.parametrize("scenario", [scenario for scenario in SCENARIOS if scenario.code >= 0], ids=named)
 def test_list_buffers_come_first_and_go_last(scenario):
     calls = [call for call in calls_of(scenario) if not call.startswith("exit-flush")]
@@ -547,7 +546,7 @@ def test_second_json_leaves_the_first_copy_to_the_end_of_the_process():
     assert calls_of(twice).count("free") == calls_of(once).count("free")
 
 
-# The first chunk's text ends at its zero byte, so that the last one fits in to the byte.
+# A zero byte cuts the first chunk to a length with which the last one fills the buffer exactly.
 def test_stream_fills_the_buffer_to_its_end():
     filled = stream("filled", b"a" * 64 + b"\0" * 959 + b"b" * 65472, stdout=b"a" * 64 + b"b" * 65472)
     assert lines_of(filled, "write") == ["write 65536"]
@@ -571,7 +570,7 @@ def test_every_errno_is_used_and_every_function_reached():
 
 
 def test_a_failure_is_noticed():
-    """The comparison that all of this rests on can fail."""
+    """Two changed outcomes must compare unequal: the comparison can fail."""
     stats = SCENARIOS[0]
     for plan in ("send:1:short:3", "write:1:error:5"):
         assert run(stats, plan)[0] != stats.outcome()

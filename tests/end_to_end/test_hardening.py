@@ -1,6 +1,6 @@
-"""How the release build protects itself, read from the files that it leaves; and that these are the same everywhere.
+"""The protections of the release build, read from its files, and builds that are the same in every directory.
 
-A program that is built without any protection must fail every check, so that none of them passes by mistake.
+A program built without protections must fail every check.
 """
 
 import os
@@ -17,16 +17,16 @@ from harness import TOOL
 FILES = [TOOL, PLATFORM_LIBRARY]
 SOURCE = os.path.abspath(os.path.join(os.path.dirname(__file__), "../.."))
 CACHE = os.path.join(os.path.dirname(TOOL), "../CMakeCache.txt")
-# What an indirect call must land on, as bytes at the start of each function that a table names.
+# The landing instruction of an indirect call: the first bytes of every function that a table points to.
 LANDINGS = {"x86_64": [b"\xf3\x0f\x1e\xfa"], "aarch64": [b"\x5f\x24\x03\xd5", b"\x3f\x23\x03\xd5"]}
-# Relative to the tool, then for machines without /proc the prefix of a build, or of a package.
+# Relative to the tool; then, for machines without /proc, the prefix of a build or of a package.
 RUN_PATHS = ["Library runpath: [$ORIGIN/../lib/plax-tool:/usr/local/lib/plax-tool]",
              "Library runpath: [$ORIGIN/../lib/plax-tool:/usr/lib/plax-tool]"]
 RELATIVE = {"x86_64": "R_X86_64_RELATIVE", "aarch64": "R_AARCH64_RELATIVE"}
 
 
 def is_release():
-    """Whether the tool under test is a release build; one without a build directory around it has been installed."""
+    """Whether the tool under test is a release build. One outside a build directory is an installed release."""
     if not os.path.exists(CACHE):
         return True
     with open(CACHE, encoding="utf-8") as cache:
@@ -74,7 +74,7 @@ def has_no_writable_code(path):
 
 
 def keeps_constants_out_of_code(path):
-    """Whether headers and constants lie in segments of their own, before and after the code."""
+    """Whether headers and constants are in separate segments, before and after the code."""
     return [flags for name, flags in segments(path) if name == "LOAD"] == ["R  ", "R E", "R  ", "RW "]
 
 
@@ -83,7 +83,7 @@ def searches_for_its_own_library_only(path):
 
 
 def has_landings(path):
-    """Whether all functions that tables in memory name, and so are called indirectly, begin with a landing."""
+    """Whether all functions that tables point to, which are called indirectly, start with a landing instruction."""
     machine = platform.machine()
     if machine not in LANDINGS:
         return True
@@ -97,7 +97,7 @@ def relocated(path, kind):
 
 
 def offsets_in_code(path, address):
-    """Where the file has what is at the address, if that is code. A segment that holds code may hold constants too."""
+    """The file offsets of the address if it is in a code section. A code segment can also hold constants."""
     sections = re.findall(r" PROGBITS +([0-9a-f]+) ([0-9a-f]+) ([0-9a-f]+) \S+ +AX ", readelf("-S", path))
     return [int(offset, 16) + address - int(begin, 16) for begin, offset, size in sections
             if int(begin, 16) <= address < int(begin, 16) + int(size, 16)]
@@ -122,7 +122,7 @@ def test_protection(check, path):
 
 @release_only
 def test_indirect_calls_land():
-    """The library has no table of functions, so only the tool is looked at."""
+    """Only the tool: the library has no table of functions."""
     assert has_landings(TOOL)
 
 
@@ -141,7 +141,7 @@ def test_needed_libraries():
 
 @release_only
 def test_nothing_runs_before_main():
-    """One function is the compiler's own start-up code: neither the tool nor the library has any."""
+    """The array holds the compiler's start-up function alone: the tool and the library add none."""
     assert [dynamic("INIT_ARRAYSZ", path) for path in FILES] == [["8 (bytes)"], ["8 (bytes)"]]
 
 

@@ -1,6 +1,6 @@
-"""The harness notices what it is there to notice: every check of its own fails here, on purpose, once.
+"""Makes every check of the harness fail once.
 
-The part of the tool is played by a socket of the test's own, so that it can misbehave.
+A socket of the test replaces the tool, so that it can misbehave.
 """
 
 import socket
@@ -28,7 +28,7 @@ def connect(plaxd):
 
 
 def exchange(plaxd, request, answer_length):
-    """Sends the request, gives the answer, and ends the connection."""
+    """Sends the request, returns the answer, and closes the connection."""
     with connect(plaxd) as peer:
         peer.sendall(request)
         return b"".join(iter(lambda: peer.recv(answer_length), b""))

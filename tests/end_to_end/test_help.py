@@ -1,4 +1,4 @@
-"""The help text as a whole, and when it is shown."""
+"""The whole help text, and the runs that print it."""
 
 import os
 import subprocess
@@ -11,7 +11,7 @@ from harness import TOOL, Outcome, tool
 from request_table import EXPECTED, OPTIONS, assert_agrees
 
 
-# A text that differs from the listing in any way must not pass for it.
+# The comparison must notice any difference from the listing.
 @pytest.mark.parametrize("differing", [
     LISTING[:-1], LISTING + b"\n", LISTING.replace(b"evacAllData) \n", b"evacAllData)\n"),
 ], ids=["shorter", "longer", "no trailing blank"])
@@ -24,7 +24,7 @@ def test_order_of_the_options_names_them_all():
     assert_agrees("optionsInHelp", sorted(EXPECTED["optionsInHelp"]), sorted(option["letter"] for option in OPTIONS))
 
 
-# Where the listing itself is not compared, there must be one all the same.
+# Tests that do not compare the listing still check that there is one.
 @pytest.mark.parametrize("listing, cut", [
     (LISTING, b"..."), (b"   stats\t\twords\n\noptions:\n   -h\n", b"..."), (b"", b""), (LISTING[:-1], LISTING[:-1]),
     (b"\noptions:\n   -h\n", b"\noptions:\n   -h\n"), (b"   stats\t\twords\n", b"   stats\t\twords\n"),
@@ -45,7 +45,7 @@ def test_only_a_listing_is_cut(listing, cut):
     [SOCKET_OPTION, "nonsense", "-h"],
     [SOCKET_OPTION, "info-rebalance", "--help"],
     ["-ahw"],
-    # What follows is not looked at any more.
+    # The tool ignores everything after -h.
     ["-h", "-Z"],
     ["-hZ"],
     ["-h", "--nonsense"],
@@ -89,7 +89,7 @@ def test_program_name(name):
     ([SOCKET_OPTION, "-i", "nonsense", "stats"], "Invalid work-item type name: nonsense\n"),
     ([SOCKET_OPTION, "-Z", "stats"], TOOL + ": invalid option -- 'Z'\n"),
     ([SOCKET_OPTION, "crawler"], "UUID must be provided (specify with --uuid)\n"),
-    # Two kinds of message lack their newline, and the text follows them directly.
+    # Two kinds of message have no newline; the help text follows directly.
     ([SOCKET_OPTION, "-f" + "x" * 4097, "stats"], "File path is longer than the max path length"),
     ([SOCKET_OPTION, "set-global-exclusion-list"],
      "Exclusion list must be provided (specify with -x/--exclusion-list)"),

@@ -1,7 +1,7 @@
-"""A tool that is stopped and continued in the middle of a call: the call that this interrupts is never made again.
+"""A tool that is stopped and continued during a call: it never repeats the interrupted call.
 
-Stopping a process interrupts a receive on a socket with a receive timeout, and cuts a send short that has taken a part
-already. A daemon that interrupts does so once the tool sleeps in its call.
+Stopping a process interrupts a receive on a socket with a receive timeout, and makes a send that has transferred some
+bytes a short one. The daemon stops the tool as soon as it sleeps in its call.
 """
 
 import socket
@@ -18,7 +18,7 @@ PRINTED, CHECKED, STREAMED = ("info-proactive-rebalance",), ("fix-concats",), ("
 
 
 def interrupt():
-    """The step that interrupts the tool in the call in which it waits for the daemon."""
+    """A step that interrupts the call in which the tool waits for the daemon."""
     def step(daemon):
         credentials = daemon.connection.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, struct.calcsize("3i"))
         stop_and_continue(struct.unpack("3i", credentials)[0])
@@ -46,7 +46,7 @@ def test_interrupted_receive_is_not_repeated(words, steps, outcome):
 
 @needs_preloading
 def test_interrupted_send_is_not_completed():
-    """The daemon reads the header alone, and the rest when the tool has sent what it will."""
+    """The daemon reads only the header, and the rest after the tool's last send."""
     header = b"\0\0\0\x21\0\2\xe4\x18"
     with ScriptedDaemon(read(8), interrupt(), reply(0), read_request=False) as plaxd:
         run = tool("-s", plaxd.path, "component-manual-move", "-u", UUID, "-n", uuid_list(2559),

@@ -1,6 +1,6 @@
-"""Many runs at once, and streams far larger than memory should grow: each answer is checked.
+"""Many runs at once, and streams far larger than the tool's memory. Every answer is checked.
 
-The runs meet one stand-in daemon, or a daemon of the test's own that keeps 500 waiting.
+The runs share one stand-in daemon, or a daemon of the test that keeps 500 of them waiting.
 """
 
 import os
@@ -23,7 +23,7 @@ LATE_RUNS = 500
 GIB = 1 << 30
 MIB_IN_KIB = 1024
 
-# What the stand-in answers to whom, in turn.
+# The commands of the runs, by turns, and the stand-in's answers.
 ANSWERS = [
     (("fitness-stats-get",), Outcome(b"disk 5b2f9c1e-44d0-4a37-9e8b-c3f1a06d7725: 0.82\n", b"", 0)),
     (("info-rebalance", "-a"), Outcome(b"bytes to move: 0\n", b"", 0)),
@@ -59,7 +59,7 @@ def read_exactly(connection, length):
 
 
 class LateDaemon:
-    """Takes a number of requests, all of them before it answers any. Each is answered with its own UUID."""
+    """Reads a number of requests, then answers each with its own UUID."""
 
     def __init__(self, directory, runs):
         self.path = str(directory / "plaxd.uds")
@@ -104,7 +104,7 @@ def test_late_daemon(tmp_path):
     assert plaxd.headers == [b"\0\0\0\x0e\0\0\0\x24"] * LATE_RUNS
 
 
-# Text without zero bytes, whose length shares no factor with the sizes in which it is read and written.
+# Text without zero bytes. Its length is coprime to the sizes of the tool's reads and writes.
 BLOCK = bytes(range(1, 252)) * 4177
 
 
@@ -116,7 +116,7 @@ def stream_of(length):
 
 
 def assert_is_stream(read, length):
-    """Reads a stream of this length, and nothing behind it, block by block."""
+    """Reads a stream of this length block by block, and compares it."""
     for begin in range(0, length, len(BLOCK)):
         wanted = BLOCK[:length - begin]
         if read(len(wanted)) != wanted:
@@ -124,7 +124,7 @@ def assert_is_stream(read, length):
 
 
 def peak_memory(process):
-    """The largest resident size, in KiB, that the running process has had."""
+    """The peak resident size of the running process, in KiB."""
     with open(f"/proc/{process.pid}/status", encoding="ascii") as status:
         return int(re.search(r"VmHWM:\s+(\d+) kB", status.read())[1])
 

@@ -8,14 +8,14 @@ import pytest
 from command_line import SOCKET_OPTION, ask, record, succeeds
 from harness import environment, frame
 
-pytestmark = pytest.mark.xdist_group("locale")  # which is made once
+pytestmark = pytest.mark.xdist_group("locale")  # the fixture makes it once
 
 DECIMAL_COMMA = "de_DE.UTF-8"
 
 
 @pytest.fixture(name="decimal_comma", scope="module")
 def make_locale_with_a_decimal_comma(tmp_path_factory):
-    """The environment of a caller whose locale this is. The locale is made here, so that it need not be installed."""
+    """The environment of a caller with this locale, which is built here and need not be installed."""
     directory = tmp_path_factory.mktemp("locales")
     subprocess.run(["localedef", "-i", "de_DE", "-f", "UTF-8", directory / DECIMAL_COMMA], check=True)
     return {"LOCPATH": str(directory), "LC_ALL": DECIMAL_COMMA}
@@ -28,7 +28,7 @@ def test_locale_has_a_decimal_comma(decimal_comma):
     assert run.stdout == b"0,75\n"
 
 
-# The bits of 0.75, and of the 0 that stands before the comma.
+# The bits of 0.75, and of the 0 before the comma.
 @pytest.mark.parametrize("word, bits", [("0.75", 0x3fe8000000000000), ("0,75", 0)])
 def test_decimal_point_stays_a_point(word, bits, decimal_comma):
     run = ask(SOCKET_OPTION, "start-proactive-rebalance", "3600", word, env=decimal_comma)

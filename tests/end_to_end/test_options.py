@@ -1,4 +1,4 @@
-"""Every option: its forms, its bounds, its failures, and its effect on what is sent."""
+"""Every option: forms, limits, errors, and effect on the request."""
 
 import os
 import shutil
@@ -20,10 +20,10 @@ def recovery_mode(digit):
     return frame(22, ZERO_UUID + digit + bytes(4))
 
 
-# ---- Every option in every form and place. ----
+# ---- Every option in every form and place ----
 
 def content(path):
-    """What the file holds, or None if there is none."""
+    """The content of the file, or None if it does not exist."""
     if not os.path.exists(path):
         return None
     with open(path, "rb") as file:
@@ -35,8 +35,8 @@ TAKERS = [option for option in CASES if option["argument"]]
 
 
 def option_request(option):
-    """The request of the option's line, and what the run prints of an answer without a payload."""
-    row = [row for row in ROWS if row.word == option["line"][0]][-1]  # the one for all objects, if there are two
+    """The request of the option's command line, and the output of the run when the answer has no payload."""
+    row = [row for row in ROWS if row.word == option["line"][0]][-1]  # the row for all objects, if there are two
     return frame(row.code, payload(option["payload"])), b"\n" if row.reply == PRINTED else b""
 
 
@@ -80,7 +80,7 @@ def test_flags_share_a_word():
     assert ask(SOCKET_OPTION, "what-if-entity-decom", "-aweu", UUID, "-d2") == (succeeds(b"\n"), request)
 
 
-# An argument is taken as it is, whatever it looks like.
+# An argument that looks like an option is still an argument.
 @pytest.mark.parametrize("words, json", [
     (["-j=x"], b"=x"), (["-j", "-h"], b"-h"), (["-j", "--"], b"--"), (["-j", "--help"], b"--help"), (["-j", ""], b""),
     (["--json="], b""), (["--json==x"], b"=x"), (["--json", "--json"], b"--json"), (["--json", "-"], b"-"),
@@ -90,10 +90,10 @@ def test_arguments_are_taken_whole(words, json):
     assert ask(SOCKET_OPTION, "fitness-config-set", *words) == (succeeds(), frame(4, json + b"\0"))
 
 
-# ---- What getopt_long refuses, in its words. ----
+# ---- Errors of getopt_long, in its words ----
 
 NAMES = [option["name"] for option in OPTIONS]
-# The beginnings that several names share, which are no names themselves, each with those names.
+# The abbreviations, with the names that each of them can stand for.
 ALIKE = {name[:length]: [other for other in NAMES if other.startswith(name[:length])]
          for name in NAMES for length in range(1, len(name)) if name[:length] not in NAMES}
 REFUSED = [
@@ -116,7 +116,7 @@ REFUSED = [
     (["--nonsense=value"], "unrecognized option '--nonsense=value'"),
     (["--Help"], "unrecognized option '--Help'"),
     (["--help-"], "unrecognized option '--help-'"),
-    # Every name begins with the empty one: the table as a whole, in its order.
+    # The empty abbreviation matches every name, in the order of the table.
     (["--="], "option '--=' is ambiguous; possibilities: " + " ".join(f"'--{name}'" for name in NAMES)),
     (["---help"], "unrecognized option '---help'"),
     (["--uuids"], "unrecognized option '--uuids'"),
@@ -128,10 +128,9 @@ def test_refused_by_getopt(words, message):
     assert refuse(SOCKET_OPTION, "stats", *words) == usage_error(f"{TOOL}: {message}\n")
 
 
-# ---- Numbers. ----
+# ---- Numbers ----
 
-# What a number is kept as, None where it is out of range. The second column is for an unsigned long of 64 bits, the
-# third for one of 32.
+# Argument, and its value, or None if it is out of range: for an unsigned long of 64 bits, and for one of 32.
 NUMBERS = [
     ("0", 0, 0),
     ("1", 1, 1),
@@ -191,7 +190,7 @@ def test_timeout(text, kept):
         assert ask(*words) == (succeeds(), frame(13))
 
 
-# For the two modes that have a largest value, the numbers around it too.
+# Also the numbers around the largest values of the two modes that have one.
 SMALL = [*KEPT, ("2", 2), ("3", 3), ("4", 4), ("5", 5), ("6", 6), ("8", 8)]
 SMALL += [("4294967303", 7), ("4294967304", 8)] if LONG_BITS == 64 else [("4294967303", None)]
 each_small_number = pytest.mark.parametrize("text, kept", SMALL, ids=[text[:24] for text, _ in SMALL])
@@ -206,7 +205,7 @@ def test_recovery_mode(text, kept):
         assert ask(*words) == (succeeds(), recovery_mode(b"%d" % kept))
 
 
-SHOWN = {0x80000000: "-2147483648", 0xffffffff: "-1"}  # the message shows a signed number
+SHOWN = {0x80000000: "-2147483648", 0xffffffff: "-1"}  # the message prints a signed number
 
 
 @each_small_number
@@ -220,14 +219,14 @@ def test_exclusion_mode(text, kept):
         assert ask(*words) == (succeeds(), exclusion_list("", 0, kept))
 
 
-# The help text offers -t, but the daemon is waited for as long as ever.
+# -t does not change how long the tool waits, whatever the help text says.
 def test_timeout_changes_nothing():
     run, received = ask(SOCKET_OPTION, "-t1", "--timeout=1", "info-proactive-rebalance",
                         steps=[pause(1.3), reply(0, b"late")])
     assert (run, received) == (succeeds(b"late\n"), frame(12))
 
 
-# ---- UUIDs. ----
+# ---- UUIDs ----
 
 @pytest.mark.parametrize("text, sent", [
     (UUID, UUID),
@@ -256,7 +255,7 @@ def test_uuid(text, sent):
     assert ask(SOCKET_OPTION, "info-rebalance", "-u", text) == (succeeds(b"\n"), frame(14, sent.encode()))
 
 
-CONVERSIONS = [-1, 1, 1, 2, 2, 3, 3, 4, 4, 4, 5, 5, 6, 6, 6, 7, 7]  # of the first 0, 1, 2... characters of a UUID
+CONVERSIONS = [-1, 1, 1, 2, 2, 3, 3, 4, 4, 4, 5, 5, 6, 6, 6, 7, 7]  # of the first 0, 1, 2, ... characters of a UUID
 
 
 @pytest.mark.parametrize("text, count", [
@@ -276,7 +275,7 @@ def test_uuid_too_short(text, count):
         f"Failed to parse UUID: {text}, length={count}\n")
 
 
-# ---- UUID lists. ----
+# ---- UUID lists ----
 
 WRONG_LENGTHS = [1, 35, 37, 38, 72, 74, 1000, 94718, 94720, 100000, 131071]
 
@@ -292,7 +291,7 @@ def test_empty_uuid_list():
     assert refuse(SOCKET_OPTION, "what-if-upgrade", "-l", "") == usage_error("Invalid UUID: \n")
 
 
-# Only the length is looked at.
+# The tool checks only the length.
 LISTS = [
     (uuid_list(1), 1),
     (uuid_list(2), 2),
@@ -334,14 +333,14 @@ def test_list_above_the_limit(option, message, entries):
     assert refuse(SOCKET_OPTION, "stats", option, uuid_list(entries)) == usage_error(message)
 
 
-# A plan for a part of the list is worse than none: the run stops, without the help text.
+# Planning for only a part of the list would be wrong: the run stops, without the help text.
 @pytest.mark.parametrize("entries", [2561, 3500])
 def test_uuid_list_above_the_limit(entries):
     run = refuse(SOCKET_OPTION, "what-if-upgrade", "-l", uuid_list(entries))
     assert run == Outcome(b"", b"UUID list is longer than max limit\n", -signal.SIGABRT)
 
 
-# ---- Texts and names. ----
+# ---- Texts and names ----
 
 @pytest.mark.parametrize("length", [0, 1, 4095, 4096])
 def test_file_path(length):
@@ -373,10 +372,10 @@ def test_no_work_item(name):
         f"Invalid work-item type name: {name}\n")
 
 
-# ---- The socket. ----
+# ---- The socket ----
 
 def own_mounts(directory):
-    """A prefix for a command that then sees the directory in the place of /var/run. What others see stays as it is."""
+    """A prefix for a command that sees the directory as /var/run. Other processes are not affected."""
     script = 'mount --bind "$0" /var/run && exec "$@"'
     return ["unshare", "--user", "--map-root-user", "--mount", "sh", "-c", script, directory]
 
@@ -395,7 +394,7 @@ def test_socket_path_not_given():
     assert (run, plaxd.received) == (succeeds(b"abc\n"), frame(6))
 
 
-# ---- The line as a whole. ----
+# ---- The command line as a whole ----
 
 def test_last_of_each_option_counts():
     run, received = ask("-s", "missing", "-s", SOCKET, "what-if-upgrade", "-d1", "-d2", "-r3", "-r1", "-w", "-w",
@@ -404,7 +403,7 @@ def test_last_of_each_option_counts():
     assert ask(SOCKET_OPTION, "enable-plax-recovery-mode", "-m1", "-m2") == (succeeds(), recovery_mode(b"2"))
 
 
-# The first failure is the only one that is reported.
+# Only the first error is reported.
 @pytest.mark.parametrize("words, message", [
     (["-m8", "-X4"], "Failed to parse recoveryMode: 8\n"),
     (["-X4", "-m8"], "Invalid exclusion mode: 4\n"),

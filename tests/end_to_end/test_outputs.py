@@ -1,4 +1,4 @@
-"""A standard output that takes nothing, or not everything."""
+"""A standard output that accepts nothing, or only a part."""
 
 import os
 import signal
@@ -9,7 +9,7 @@ import pytest
 from harness import PATIENCE, Outcome, ScriptedDaemon, await_state, finish_tool, reply, send, start_tool, \
     stop_and_continue, tool
 
-PIPE_SIZE = 65536  # bytes that a new pipe holds
+PIPE_SIZE = 65536  # bytes, of a new pipe
 LONG = bytes(range(256)) * 800
 TEXT = bytes(range(1, 256)) * 800
 PRINTED, STREAMED = ("info-proactive-rebalance",), ("stats",)
@@ -71,10 +71,10 @@ def test_read_only_standard_output(step, words, stderr, code, read_only):
     assert answer(step, words=words, stdout=read_only) == Outcome(None, stderr, code)
 
 
-# ---- A pipe that takes a part ----
+# ---- A pipe that accepts a part ----
 
 def into_a_pipe_without_waiting(step, words, filling=b""):
-    """Runs the tool with a pipe that refuses what does not fit, read in the end. Gives its content and the outcome."""
+    """Runs the tool with a non-blocking pipe, read after the run. Returns its content and the outcome."""
     reader, writer = os.pipe()
     os.set_blocking(writer, False)
     os.write(writer, filling)
@@ -89,7 +89,7 @@ FILLING = b"." * PIPE_SIZE
 
 @pytest.mark.parametrize("payload, code", [(b"abc", 11), (b"", 0)], ids=["abc", "empty"])
 def test_printed_reply_into_a_full_pipe(payload, code):
-    """Writing nothing succeeds, and the newline after it is not checked."""
+    """Writing no bytes succeeds, and the tool does not check the newline after it."""
     run = into_a_pipe_without_waiting(reply(0, payload), PRINTED, FILLING)
     assert run == (FILLING, Outcome(None, b"", code))
 
@@ -106,10 +106,10 @@ def test_stream_into_a_full_pipe():
 # ---- A reader that comes late, or leaves ----
 
 def with_a_filled_pipe(step, words, read, disposition=signal.SIG_DFL):
-    """Runs the tool into a pipe that is left to `read` once the tool waits for room in it. Gives what that gives, and
-    the outcome.
+    """Runs the tool into a pipe, and calls `read` as soon as the pipe is full. Returns the result of `read`, and the
+    outcome.
 
-    With the whole answer on its way, the tool can only sleep in a write.
+    The daemon has sent the whole answer by then, so the tool can only sleep in a write.
     """
     sent = threading.Event()
     reader, writer = os.pipe()
@@ -129,7 +129,7 @@ def read_late(pipe, _):
 
 
 def interrupt_and_read(pipe, process):
-    """This cuts a write short that has taken a part already."""
+    """Interrupts a write that has transferred some bytes, which makes it a short one."""
     stop_and_continue(process.pid)
     return pipe.read()
 
@@ -147,7 +147,7 @@ def test_late_reader_gets_everything(step, words, shown):
 
 
 def test_interrupted_write_of_a_printed_reply_is_not_completed():
-    """The part that the pipe has taken is all that the one write does. The newline follows when there is room."""
+    """The tool writes once. The bytes in the pipe are all of the reply, and the newline follows them."""
     run = with_a_filled_pipe(reply(0, LONG), PRINTED, interrupt_and_read)
     assert run == (LONG[:PIPE_SIZE] + b"\n", Outcome(None, b"", 0))
 
@@ -163,5 +163,5 @@ def test_interrupted_write_of_a_stream_is_completed():
     (send(TEXT), STREAMED, signal.SIG_IGN, 0),
 ], ids=["printed", "printed-ignored", "streamed", "streamed-ignored"])
 def test_reader_that_leaves_in_the_middle(step, words, disposition, code):
-    """The one write of a printed reply has done a part by then, and that is success."""
+    """The single write of a printed reply is a short one by then, which counts as success."""
     assert with_a_filled_pipe(step, words, leave, disposition) == (None, Outcome(None, b"", code))

@@ -1,7 +1,7 @@
-"""The bytes of every request are the same whatever lay in memory before.
+"""The bytes of every request are the same whatever memory held before.
 
-The C library fills fresh heap memory, and a preloaded library fills the stack below `main` before it runs. Without
-those, stale memory is mostly zero, and a byte that nobody sets would go unnoticed.
+The C library fills fresh heap memory, and a preloaded library fills the stack below `main` before it runs. Otherwise
+most of that memory is zero, and a byte that nobody sets would go unnoticed.
 """
 
 import os
@@ -16,8 +16,8 @@ from request_table import ROWS, name
 # A compiler for the host that the tool was built for.
 COMPILER = os.environ.get("PLAX_TOOL_CC", "cc")
 
-# The stack is filled again by the last library call before the request is made. What its caller keeps there is dead
-# when the call returns, and most of it is zero, so that is filled as well.
+# sigaction, the last library call before the request is built, fills the stack again. The caller's struct, mostly zero
+# and unused after the call, is filled as well.
 FILL_STACK = """
 #define _GNU_SOURCE
 #include <alloca.h>
@@ -49,7 +49,7 @@ int sigaction(int number, const struct sigaction *action, struct sigaction *old)
 }
 """
 
-# Shows what a program finds in 64 fresh bytes of heap and in 64 bytes deep in its stack.
+# Prints 64 fresh bytes of heap, and 64 bytes deep in the stack.
 SHOW_FRESH_MEMORY = """
 #include <stdlib.h>
 #include <unistd.h>
@@ -77,7 +77,7 @@ def stack_filler(tmp_path_factory):
 
 def poison(stack_filler, perturb, stack):
     preload = f"LD_PRELOAD={stack_filler}"
-    # An emulator hands the preload on to the program that it runs; it could not load the library itself.
+    # An emulator passes the preload on to the program that it runs, as it cannot load the library itself.
     variable, value = ("QEMU_SET_ENV", preload) if RUNNER else preload.split("=")
     return {"MALLOC_PERTURB_": perturb, "STACK_FILL": stack, variable: value}
 

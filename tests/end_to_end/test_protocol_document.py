@@ -1,8 +1,7 @@
-"""The bytes in docs/protocol.md are the ones that the tool sends, and its tables describe them.
+"""The tool sends the bytes in docs/protocol.md, and the tables there describe them.
 
-Every example of the document is run: a command line ("sh", or "console" with what is shown), the dump of the request
-that it sends, and for "console" the dump of the answer that it gets. A table of fields is checked by reading the dump
-with it.
+Every example of the document is run: a command line ("sh", or "console" with output), the dump of its request, and for
+"console" the dump of the answer. Each table of fields is checked by decoding the dump with it.
 """
 
 import pathlib
@@ -22,7 +21,7 @@ HEADER_SIZE = 8
 
 
 def parse_dump(text):
-    """The bytes of a dump in the form of `hexdump -C`, whose text column must agree with them."""
+    """The bytes of a dump in the format of `hexdump -C`, whose text column must match."""
     data = b""
     repeating = False
     for line in text.splitlines():
@@ -53,7 +52,7 @@ def blocks(text):
 
 
 def rows(text):
-    """The rows of a section's tables, without their heads, each cell without its back quotes."""
+    """The rows of a section's tables without their headings. Cells have no back quotes."""
     heads = ("| Offset", "| Code", "| Name")
     lines = [line for line in text.splitlines() if line.startswith("| ") and not line.startswith(heads)]
     return [[cell.strip().replace("`", "") for cell in line.strip("|").split("|")] for line in lines]
@@ -92,7 +91,7 @@ def test_request(title):
 
 
 def decode(kind, data):
-    """The text that the document gives for a field of this kind."""
+    """The document's text for a field of this kind."""
     if kind in ("u8", "u32", "u64"):
         return str(int.from_bytes(data, "little"))
     if kind == "f64":
@@ -136,7 +135,7 @@ def classes(command):
 
 
 def test_table_of_commands():
-    """Code, word, payload, class, whether the command needs something and whether it is advertised."""
+    """Code, word, payload, reply class, whether the command needs an option, and whether it is advertised."""
     found = [[*row[:4], row[4] != "-", not row[6].endswith("; not advertised")] for row in COMMANDS]
     assert_agrees("docs/protocol.md", found, [
         [str(command["code"]), command["word"], command["shape"], classes(command), command["rule"] is not None,

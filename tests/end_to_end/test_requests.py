@@ -1,4 +1,4 @@
-"""What each command sends, and what the run makes of each kind of answer to it."""
+"""The request of each command, and the outcome of each kind of answer."""
 
 import os
 
@@ -14,14 +14,14 @@ SUCCESS = Outcome(b"", b"", 0)
 
 
 def exchange(words, code, payload, *steps, may_break=False):
-    """Runs the tool against a daemon, checks the request, and gives the run's outcome."""
+    """Runs the tool against a daemon, checks the request, and returns the outcome."""
     run, received = converse(*steps, words=words, may_break=may_break)
     assert received == frame(code, payload)
     return run
 
 
 def assert_accepted(words, code, payload):
-    """The command sends this request, and succeeds when the daemon says so."""
+    """The command sends this request, and succeeds when the daemon reports success."""
     is_printed = next(row for row in ROWS if row.code == code).reply == PRINTED
     assert exchange(words, code, payload, reply(0)) == Outcome(b"\n" if is_printed else b"", b"", 0)
 
@@ -250,12 +250,11 @@ DOUBLES = [
     ("-InFiNiTy", MINUS_INFINITY), (" inf", INFINITY), ("infx", INFINITY),
     ("infinityx", INFINITY),
     ("nan", NOT_A_NUMBER), ("NaN", NOT_A_NUMBER), ("-nan", MINUS_NOT_A_NUMBER), ("nanx", NOT_A_NUMBER),
-    # What open parentheses, or a number in them, make of it differs between versions of the C library.
+    # The C library's versions differ in nan with an open parenthesis or a number in parentheses.
     ("nan()", NOT_A_NUMBER),
 ]
-# sscanf reads the longest text that could become a number and gives up when it does not become one, so "infinite" and
-# "0x" leave the default, where strtod would find "inf" and "0". What it makes of a bare "1e" or "0x." differs between
-# versions of the C library.
+# sscanf reads the longest prefix that a number could have, and fails if that prefix is no number. So "infinite" and
+# "0x" leave the default, while strtod would read "inf" and "0". The C library's versions differ in "1e" and "0x.".
 NOT_DOUBLES = ["", " ", "default", "DEFAULT", "x", ".", "-.", "+", "-", "+-1", "--1", "- 1", "e5", ".e5", "0x", "0xg",
                "in", "infi", "-infi", "INFINIT", "infinite", "infix", "i", "n", "na", "-na", "\u0660.5", ",5", "$1"]
 
@@ -336,7 +335,7 @@ def test_long_upgrade_list(count):
 
 # ---- paths ----
 
-UUID_SIZES = {"File path": 0, "Force reconfigure": 16}  # what goes out before the path, all zero without -u
+UUID_SIZES = {"File path": 0, "Force reconfigure": 16}  # bytes before the path, all zero without -u
 LONGEST_PATH = b"/" + b"p" * 4094 + b"q"
 
 

@@ -1,4 +1,4 @@
-"""What each command must have been given before the daemon is bothered."""
+"""The options and words that each command needs: without them, the tool does not connect."""
 
 import os
 
@@ -16,7 +16,7 @@ NO_MOVE_LIST = ("Either destination list(specify with -n/--destination-list) or 
                 "-x/--exclusion-list) should be provided \n")
 EMPTY_LIST = "Empty destination or exclusion list not allowed."
 
-# Every option that a rule could look at by mistake, each with an argument that it accepts.
+# Every option that a rule could check by mistake, with a valid argument.
 OTHERS = {option["letter"]: "-" + option["letter"] + (option["sample"] or "")
           for option in OPTIONS if option["letter"] not in "hs"}
 
@@ -25,7 +25,7 @@ def all_but(letters):
     return [option for letter, option in OTHERS.items() if letter not in letters]
 
 
-# ---- The rules that look at options: the command, the options without which it fails, and the message. ----
+# ---- Rules for options: the command, the options that it needs, and the message ----
 
 MISSING = [
     *((word, letters, RULES[word]) for word, letters in NEEDS.items()),
@@ -35,7 +35,7 @@ MISSING = [
 ]
 
 
-# Neither words nor any other option can stand in for what is missing.
+# Neither words nor other options replace a missing option.
 @pytest.mark.parametrize("word, letters, message", MISSING)
 def test_fails(word, letters, message):
     assert refuse(SOCKET_OPTION, *all_but(letters), word, UUID, "1") == usage_error(message)
@@ -47,13 +47,13 @@ def test_fails_without_options(word):
 
 
 def assert_passes(code, words, stdout=b""):
-    """The command is sent, and succeeds when the daemon closes without an answer."""
+    """The tool sends the command, and succeeds when the daemon closes the connection without an answer."""
     run, received = ask(*words)
     assert (run, received[:4]) == (succeeds(stdout), code.to_bytes(4, "big"))
 
 
 def shown(row):
-    """What a run prints when the daemon closes without an answer."""
+    """The output of a run when the daemon closes the connection without an answer."""
     return b"\n" if row.reply == PRINTED else b""
 
 
@@ -63,7 +63,7 @@ def test_passes_with_one_of_the_options(word, letter):
     assert_passes(row.code, [SOCKET_OPTION, word, OTHERS[letter]], shown(row))
 
 
-# Nor do further words, which look like commands, options and numbers, keep what is enough from passing.
+# Further words, also those that look like commands, options or numbers, do not make a valid command line fail.
 @pytest.mark.parametrize("extra", [[], ["default"], ["default", "-", "default", "crawler", "5", "stats", "", "-1"]],
                          ids=["alone", "a word", "many words"])
 @pytest.mark.parametrize("row", ROWS, ids=name)
@@ -74,7 +74,7 @@ def test_least_passes(row, extra):
 
 
 ENCODED = UUID.encode()
-# More that passes, what is then sent, and what is printed of an empty answer.
+# Further command lines that pass, the payload sent, and the output for an empty answer.
 PASSING = [
     (["crawler", "-u", UUID, "-a"], frame(2, ENCODED), b""),
     (["crawler", "-u", ZERO_UUID], frame(2, ZERO_UUID), b""),
@@ -92,7 +92,7 @@ def test_passes(words, received, stdout):
     assert ask(SOCKET_OPTION, *words) == (succeeds(stdout), received)
 
 
-# The first of its checks that fails is reported: the UUID, then which list is given, then whether it is empty.
+# The first failed check is reported: the UUID, then which list is given, then whether it is empty.
 @pytest.mark.parametrize("options, message", [
     ([], NO_UUID),
     (["-a"], NO_UUID),
@@ -116,9 +116,9 @@ def test_manual_move(options, message):
     assert refuse(*options, "component-manual-move", SOCKET_OPTION) == usage_error(message)
 
 
-# ---- The word test of log-level and block-cdb-cb. ----
+# ---- The word test of log-level and block-cdb-cb ----
 
-# The largest unsigned long of the host that the tool was built for, and its neighbours.
+# The largest unsigned long of the host that the tool was built for, and the numbers below and above it.
 MAX = {32: "4294967295", 64: "18446744073709551615"}[LONG_BITS]
 BELOW = {32: "4294967294", 64: "18446744073709551614"}[LONG_BITS]
 ABOVE = {32: "4294967296", 64: "18446744073709551616"}[LONG_BITS]
@@ -127,13 +127,14 @@ LARGEST_OF_32_BITS = "4294967295"
 WORD_TEST_COMMANDS = [("log-level", 7, RULES["log-level"]), ("block-cdb-cb", 31, RULES["block-cdb-cb"])]
 word_test_commands = pytest.mark.parametrize("command, code, message", WORD_TEST_COMMANDS, ids=["log", "block"])
 
-# Long options in one word with their argument, and the table's index of each. The first three have too small a one.
+# Long options joined to their arguments, with their index in the table. The first three are left out: their indexes are
+# too small for these tests.
 INDEXES = [("--" + option["name"] + ("=" + option["sample"] if option["sample"] else ""), index)
            for index, option in enumerate(OPTIONS) if index >= 3]
 
 
-# The word looked at has the option's index as its position: below the argument count there is one, and it passes; at
-# the count it fails; above the count it passes.
+# The test checks the word whose position is the option's index. An index below the argument count has a word, which
+# passes here. An index equal to the count fails, and one above it passes.
 @word_test_commands
 @pytest.mark.parametrize("option, index", INDEXES, ids=[option.split("=")[0] for option, _ in INDEXES])
 def test_word_test_and_argument_count(option, index, command, code, message):
@@ -145,7 +146,7 @@ def test_word_test_and_argument_count(option, index, command, code, message):
             assert_passes(code, words)
 
 
-# The same where the index is that of a word which does not pass.
+# The same with a word at one position that does not pass.
 @word_test_commands
 @pytest.mark.parametrize("option, index", INDEXES[1:], ids=[option.split("=")[0] for option, _ in INDEXES[1:]])
 def test_word_test_and_position(option, index, command, code, message):
@@ -174,7 +175,7 @@ def test_word_test(text, good, command, code, message):
         assert refuse(*words) == usage_error(message)
 
 
-# Negative words need the two hyphens: here the word is at position 6.
+# Negative words need "--" before them. The word is at position 6.
 @word_test_commands
 @pytest.mark.parametrize("text, good", [
     ("-1", False), (" -1", False), ("-1.5", False), ("-" + ABOVE, False),
@@ -188,10 +189,11 @@ def test_word_test_of_negative_words(text, good, command, code, message):
         assert refuse(*words) == usage_error(message)
 
 
-# The position counts in the vector that option parsing leaves, with all options in front. CMD is the command's word.
+# Positions count in the argument vector after option parsing, which moves all options to the front. CMD stands for the
+# command word.
 @word_test_commands
 @pytest.mark.parametrize("words, good", [
-    # Without a long option, the first argument, which is never a number then.
+    # Without a long option: the first argument, which is then never a number.
     ([SOCKET_OPTION, "CMD"], True),
     ([SOCKET_OPTION, "CMD", MAX], True),
     (["CMD", MAX, SOCKET_OPTION], True),
@@ -219,7 +221,7 @@ def test_word_test_of_negative_words(text, good, command, code, message):
     ([SOCKET_OPTION, "--uuid", UUID, "CMD", MAX], True),
     (["--uuid", UUID, "CMD", MAX], False),
     (["--uuid", UUID, "CMD"], False),
-    # The last long option counts, abbreviated ones included; short ones do not.
+    # The last long option counts, also an abbreviated one; short options do not.
     ([SOCKET_OPTION, "--timeout=1", "--uuid-list=" + UUID, "CMD"], False),
     ([SOCKET_OPTION, "--uuid-list=" + UUID, "--timeout=1", "CMD"], True),
     ([SOCKET_OPTION, "--uuid-list=" + UUID, "-t1", "CMD"], False),
@@ -230,7 +232,7 @@ def test_word_test_of_negative_words(text, good, command, code, message):
     ([SOCKET_OPTION, "-u" + UUID, "-a", "CMD"], True),
     (["CMD", "7", "8", "--json=x", SOCKET_OPTION], False),
     (["CMD", "--json=x", "7", SOCKET_OPTION, "8"], False),
-    (["CMD", "7", SOCKET_OPTION, "--", MAX, "--json=x"], True),  # no option any more
+    (["CMD", "7", SOCKET_OPTION, "--", MAX, "--json=x"], True),  # no option after --
 ])
 def test_word_test_position(words, good, command, code, message):
     words = [command if word == "CMD" else word for word in words]
@@ -240,7 +242,7 @@ def test_word_test_position(words, good, command, code, message):
         assert refuse(*words) == usage_error(message)
 
 
-# The program's own name is not looked at.
+# The program's own name is not checked.
 @own_program_name
 def test_word_test_and_program_name():
     with ScriptedDaemon() as plaxd:
@@ -249,7 +251,7 @@ def test_word_test_and_program_name():
 
 
 def test_word_test_with_the_uuid_apart():
-    # As a word of its own the UUID moves the level to the position that is looked at.
+    # A UUID in a separate word moves the level to the position that is checked.
     with_socket = [SOCKET_OPTION, "--uuid", UUID, "log-level", "3"]
     assert ask(*with_socket) == (succeeds(), frame(7, b"3"))
     assert refuse("--uuid", UUID, "log-level", "-s", "missing").stderr == b"connect error: No such file or directory\n"

@@ -54,11 +54,11 @@ def test_first_word_is_the_command(words):
 
 
 @pytest.mark.parametrize("words", [["-s", SOCKET, "stats"], ["stats", "-s", SOCKET], ["stats", "x", "-s", SOCKET]])
-def test_options_stand_anywhere(words):
+def test_options_anywhere(words):
     assert ask(*words, steps=[send(b"abc")]) == (succeeds(b"abc"), frame(1))
 
 
-# The first word after the command word is found behind all options, wherever they stood.
+# The first word after the command word counts, wherever the options are.
 @pytest.mark.parametrize("words, level", [
     ([SOCKET_OPTION, "log-level", "3"], b"3"),
     (["log-level", SOCKET_OPTION, "3"], b"3"),
@@ -68,7 +68,7 @@ def test_options_stand_anywhere(words):
     ([SOCKET_OPTION, "log-level", "--", "-3"], b"-3"),
     (["log-level", SOCKET_OPTION, "--", "--", "3"], b"--"),
     ([SOCKET_OPTION, "log-level", ""], b""),
-    ([SOCKET_OPTION, "log-level"], os.fsencode(TOOL)),  # no such word: position 0
+    ([SOCKET_OPTION, "log-level"], os.fsencode(TOOL)),  # no such word: the program's name at position 0
     ([SOCKET_OPTION, "log-level", "--"], os.fsencode(TOOL)),
 ])
 def test_argument_index(words, level):
@@ -79,7 +79,7 @@ def test_system_error_is_the_exit_status():
     assert ask(SOCKET_OPTION, "-o", "missing/file", "stats") == (Outcome(b"", b"", 2), frame(1))  # 0x2bad0002
 
 
-# Options, then the command word, then the rule, then the connection: the first that fails is the one reported.
+# The first error is reported: of the options, the command word, the rule, or the connection.
 @pytest.mark.parametrize("words, outcome", [
     (["-s", "missing", "nonsense", "-m", "8"], usage_error("Failed to parse recoveryMode: 8\n")),
     (["-s", "missing", "crawler", "-m", "8"], usage_error("Failed to parse recoveryMode: 8\n")),
@@ -93,7 +93,7 @@ def test_order_of_checks(words, outcome):
     assert refuse(*words) == outcome
 
 
-# With standard output and standard error in one pipe, everything stands in the order in which it happened.
+# With standard output and standard error in one pipe, the output is in the order in which it was written.
 @pytest.mark.parametrize("words, message", [
     (["nonsense"], b"Unrecognized command: nonsense\n"),
     (["-a"], b"Command string missing\n"),
@@ -111,7 +111,7 @@ def test_words_are_not_limited():
     assert ask(SOCKET_OPTION, "-l", uuid_list(2560), "fix-concats", *words) == (succeeds(), frame(13))
 
 
-# getopt_long reads this variable: options after the command word are then words.
+# With this variable set, getopt_long takes options after the command word as words.
 @pytest.mark.parametrize("words, outcome, received", [
     ([SOCKET_OPTION, "log-level", "-h"], succeeds(), frame(7, b"-h")),
     ([SOCKET_OPTION, "fix-concats", "-Z", "--nonsense"], succeeds(), frame(13)),

@@ -1,4 +1,4 @@
-"""The answers file: what it lets the stand-in say and break, as the tool sees it, and how its errors are told."""
+"""The answers file: answers and faults as the tool sees them, and the messages for errors in the file."""
 
 import json
 import os
@@ -27,7 +27,7 @@ def test_schema_is_one():
 
 
 def run(command, answer, *words):
-    """What the tool makes of the answer, and the entry in the log."""
+    """Returns the outcome of the tool that gets the answer, and the log entries."""
     assert fits_schema({"answers": {command: answer}})
     with Standin().answers({command: answer}) as plaxd:
         outcome = tool("-s", plaxd.path, *words)
@@ -80,7 +80,7 @@ def test_nothing_said():
 
 
 def test_list_of_answers():
-    """Each answer is given once, the last one for ever; every command has a place of its own in its list."""
+    """Each answer is given once, and the last one repeats. Every command keeps its own place in its list."""
     answers = {"info-rebalance": [{"text": "one"}, {"text": "two"}, {"text": "three"}],
                "fix-concats": [{"status": 1}, {"status": 0}]}
     with Standin().answers(answers) as plaxd:
@@ -163,7 +163,7 @@ def test_lists_and_reals_are_compared():
 
 
 def test_request_without_its_fields_fits_no_conditions():
-    """One byte is missing, so the log shows no fields of it."""
+    """One byte is missing, so the request has no fields to compare."""
     with Standin().answers({"crawler": [{"for": {"uuid": A}, "status": 7}]}) as plaxd:
         assert plaxd.exchange(frame(2, A[:-1].encode())) == frame(0, b"queued")
     assert plaxd.entries[0]["outcome"] == "unmatched"
@@ -244,7 +244,7 @@ def test_close_without_answering():
 
 @pytest.mark.parametrize("count, code", [(0, 0), (1, 0), (3, 0), (4, 7), (7, 7)])
 def test_cut_header(count, code):
-    """The bytes of the header that do not come read as zero."""
+    """Missing bytes of the header read as zero."""
     outcome, *logged = faulty("fix-concats", {"fault": "cut-header", "faultBytes": count, "status": 7}, "fix-concats")
     assert outcome.code == code
     assert logged == ["cut-header", "fault", "client closed", {"headerBytes": count}]
@@ -258,7 +258,7 @@ def test_announce_more():
 
 
 def test_garbage():
-    """The tool takes the first bytes for a header that announces more than comes."""
+    """The tool reads the first bytes as a header that announces more bytes than arrive."""
     assert faulty("info-rebalance", {"fault": "garbage"}, "info-rebalance", "-a") == (
         Outcome(b"\n", INCOMPLETE, 0), "garbage", "fault", "client closed",
         framed(4, 0xdeadbeef, announced=1044942))
@@ -271,7 +271,7 @@ def test_garbage_of_ones_own():
 
 
 def test_stay_silent():
-    """The tool waits for 20 seconds; a framed and a streamed reply are waited for at the same time."""
+    """The tool waits for 20 seconds. One run waits for a framed reply, another at the same time for a stream."""
     with Standin().answers({"fix-concats": {"fault": "stay-silent"}, "stats": {"fault": "stay-silent"}}) as plaxd:
         begin = time.monotonic()
         runs = [start_tool("-s", plaxd.path, "fix-concats"), start_tool("-s", plaxd.path, "stats")]
@@ -290,7 +290,7 @@ def test_faults_of_a_command_without_reply():
 
 
 def test_ending_cuts_everything_short():
-    """An end by signal waits for no delay and for no client, and is not blamed on them."""
+    """An end by signal waits for no delay and no client, and the log says that the stand-in ended."""
     answers = {"fix-concats": {"delayMs": 86400000}, "stats": {"fault": "stay-silent"},
                "what-if-cancel": {"fault": "close-without-reading", "delayMs": 86400000}}
     with Standin("--strict").answers(answers) as plaxd:
@@ -322,7 +322,7 @@ BAD_DAY_CODES = {
 }
 
 
-# A command that an example leaves out gets the stand-in's own answer.
+# Commands that an example leaves out get the built-in answer.
 @pytest.mark.parametrize("example, codes", [("healthy.json", {}), ("bad-day.json", BAD_DAY_CODES)])
 def test_examples(example, codes):
     path = os.path.join(EXAMPLES, example)
@@ -334,20 +334,20 @@ def test_examples(example, codes):
     assert {word: code for word, code in runs if code} == codes
 
 
-# A new command needs no change of the schema.
+# The schema accepts every command, so a new one does not change it.
 @pytest.mark.parametrize("command", COMMANDS, ids=lambda command: command["word"])
 def test_schema_knows_every_command(command):
     assert fits_schema({"answers": {command["word"]: {}}})
 
 
-# ---- Wrong files ----
+# ---- Invalid files ----
 
 CHOICES = "close-without-reading, close-without-answering, stay-silent, cut-header, announce-more, garbage"
 PAUSE = "must be a whole number from 0 to 86400000"
 STATUS = "must be a whole number from 0 to 4294967295"
 
-# Content, errors, and whether the schema can tell: it does not compare two values of a file, nor look for files, and it
-# does not know what each command's reply is.
+# Content, errors, and whether the schema finds them: it does not compare two values of a file, does not look for files,
+# and does not know the reply class of a command.
 WRONG = [
     ([], ["/: must be an object"], True),
     ({}, ['/: needs "answers"'], True),
@@ -435,7 +435,7 @@ def test_wrong_file(number, tmp_path):
 
 
 def refused(directory, content, errors):
-    """Every error is told, with its place, and no socket is made."""
+    """The stand-in reports every error with its place, and creates no socket."""
     file, path = directory / "answers.json", directory / "plaxd.uds"
     file.write_bytes(content)
     messages = "\n".join(f"{file}: {error}" for error in errors)

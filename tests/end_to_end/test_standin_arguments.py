@@ -1,4 +1,4 @@
-"""The command line of the stand-in: its help texts, and what it refuses, in which words, before anything is made."""
+"""The command line of the stand-in: its help texts, and its messages for errors, after which it creates nothing."""
 
 import re
 from pathlib import Path

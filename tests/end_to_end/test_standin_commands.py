@@ -1,4 +1,4 @@
-"""The real tool against the real stand-in: what each command asks for, field by field, and what they get."""
+"""The real tool against the real stand-in: the fields of each request in the log, and the answer."""
 
 import re
 import subprocess
@@ -16,14 +16,14 @@ ZERO = ZERO_UUID.decode()
 
 
 def whole_run(row):
-    """Command line with all options, what the tool prints, and the entry in the log."""
+    """A command line with all options, the tool's output, and the log entry."""
     answer = row.answer.encode()
     shown = {PRINTED: answer + b"\n", STREAMED: answer}.get(row.reply, b"")
     reply = framed(len(answer)) if row.reply in (PRINTED, CHECKED) else {"bytes": len(answer)}
     return row.full, shown, entry(row.word, row.code, len(row.full_payload), row.fields, reply=reply)
 
 
-# Fields that are empty, at their limit, or odd.
+# Fields that are empty, at their limit, or unusual.
 RUNS = [*map(whole_run, ROWS),
     (["fitness-config-set", "-j", '{"name": "\xe4\\"\n"}'], b"",
      entry("fitness-config-set", 4, 18, {"json": '{"name": "\xe4\\"\n"}'}, reply=framed(6),
@@ -84,14 +84,14 @@ def test_every_command():
 
 @pytest.mark.parametrize("words, shown, logged", RUNS, ids=lambda value: None)
 def test_text_has_the_same_fields(words, shown, logged, tmp_path):
-    """A line of text names every field of the entry, in the same order."""
+    """A line of the text log has every field of the entry, in the same order."""
     line = text_log(tmp_path, words)[0]
     bare = re.sub(r'"(\\.|[^"\\])*"', '""', line)
     assert re.findall(r" (\w+)=", bare) == list(logged["fields"])
 
 
 def text_log(directory, *runs):
-    """The lines that the runs leave in a log of text, without what changes from run to run."""
+    """The lines that the runs add to a text log, without the values that change between runs."""
     path, log = str(directory / "plaxd.uds"), directory / "log"
     process = start_standin("serve", "--socket", path, "--log", str(log))
     for words in runs:

@@ -1,4 +1,4 @@
-"""The format `commands`: each request as the shell command that sends it, or a comment that says why none does."""
+"""The format `commands`: each request as the shell command that sends it, or a comment with the reason."""
 
 import os
 import socket
@@ -102,11 +102,11 @@ def test_log_of_serve(tmp_path):
         "# NOW summary: 2 requests, 0 broken; fix-concats 1 answered; log-level 1 answered"]
 
 
-# ---- The property: what the log's lines send is what came. ----
+# ---- Round trip: the commands in the log send the logged requests ----
 
 
 def commands_for(requests, directory):
-    """The log of a stand-in that got the requests."""
+    """The log of a stand-in that received the requests."""
     path, log = os.path.join(directory, "plaxd.uds"), os.path.join(directory, "log")
     process = start_standin("serve", "--socket", path, "--log", log, "--format", "commands")
     for request in requests:
@@ -121,7 +121,7 @@ def commands_for(requests, directory):
 
 
 def receive_all(connection):
-    """One whole request, and whatever comes after it until the client closes the connection."""
+    """One whole request, and any bytes after it until the client closes the connection."""
     received = connection.recv(8, socket.MSG_WAITALL)
     received += connection.recv(struct.unpack(">II", received)[1], socket.MSG_WAITALL)
     connection.shutdown(socket.SHUT_WR)
@@ -136,11 +136,11 @@ def capture(listener, captured):
             with listener.accept()[0] as connection:
                 captured.append(receive_all(connection))
     except OSError:
-        pass  # the listener has been shut down
+        pass  # the listener was shut down
 
 
 def sent_by(script, directory):
-    """The requests that the script's plain plax-tool sends, in their order."""
+    """The requests that the script sends when its plax-tool connects to a plain listener, in order."""
     os.mkdir(run_directory := os.path.join(directory, "run"))
     os.mkdir(tools := os.path.join(directory, "tools"))
     captured = []

@@ -1,4 +1,4 @@
-"""The completions of plaxd-standin offer what its help texts list, with the same words, and nothing else."""
+"""The completions of plaxd-standin offer exactly the terms and descriptions of its help texts."""
 
 import re
 
@@ -41,7 +41,7 @@ def test_commands_are_described(shell):
 def test_options(shell, command):
     options = help_rows(*command.split())[1]
     offered = shell(f"plaxd-standin {command} --".replace("  ", " "))
-    # fish offers an option whose value may be left out with "=" too.
+    # If an option's value is optional, fish offers the option with "=" too.
     assert sorted({word.rstrip("=") for word in words(offered)}) == sorted(options)
     if shell is not bash:
         assert {offer.word.rstrip("="): offer.description for offer in offered} == options

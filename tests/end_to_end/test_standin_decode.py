@@ -1,4 +1,4 @@
-"""plaxd-standin decode: bytes that were saved before, as text and as JSON."""
+"""plaxd-standin decode: saved bytes as text and as JSON."""
 
 import json
 

@@ -1,4 +1,4 @@
-"""What shows only in special surroundings: masks, time zones, limits, closed pipes, full backlogs and slow clients."""
+"""The stand-in with unusual masks, time zones and limits, closed pipes, full backlogs and slow clients."""
 
 import contextlib
 import datetime
@@ -71,7 +71,7 @@ def test_log_tells_the_time_in_utc(command, style, zone, tmp_path, monkeypatch):
 
 @pytest.mark.parametrize("command", ["serve", "relay"])
 def test_log_to_a_closed_pipe(command, tmp_path):
-    """What reads the log may leave: clients are served on, and the end tells of the loss."""
+    """If the reader of the log ends, clients are still served, and the lost lines are reported at the end."""
     path = str(tmp_path / "plaxd.uds")
     reader, writer = os.pipe()
     with Standin() as daemon:
@@ -88,7 +88,7 @@ def test_log_to_a_closed_pipe(command, tmp_path):
 # ---- Limits ----
 
 def test_soft_limit_of_descriptors_is_raised(tmp_path):
-    """The limit that a shell sets by default is far below the number of clients that a load test brings."""
+    """A shell's default limit is far below the number of clients in a load test."""
     path = str(tmp_path / "plaxd.uds")
     process = start_standin("serve", "--socket", path,
                             preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (16, 256)))
@@ -104,12 +104,12 @@ def test_soft_limit_of_descriptors_is_raised(tmp_path):
 # ---- Clients of a relay, and a daemon that is slow to accept ----
 
 def numbered_request(number):
-    """A request that tells which client sent it."""
+    """A request that holds the number of its client."""
     return frame(7, b"%d" % number)
 
 
 def accept_all(listener, count):
-    """Accepts the connections one by one, and gives the request of each."""
+    """Accepts the connections one by one. Returns the request of each."""
     requests = []
     for _ in range(count):
         connection, _ = listener.accept()
@@ -119,7 +119,7 @@ def accept_all(listener, count):
 
 
 def test_clients_of_a_relay_reach_the_daemon_in_their_order():
-    """All have come before the relay sees the first of them, and the daemon takes them one by one."""
+    """All clients connect before the relay accepts the first one. The daemon accepts one by one."""
     requests = [numbered_request(number) for number in range(50)]
     with listening(backlog=0) as (listener, path):
         with Standin("--to", path, command="relay") as relay:
@@ -132,7 +132,7 @@ def test_clients_of_a_relay_reach_the_daemon_in_their_order():
 
 
 def test_relay_waits_for_room_in_the_daemons_backlog():
-    """Several tries are needed, since each waits for a tenth of a second only."""
+    """The relay tries several times, as each try waits for only a tenth of a second."""
     with listening(backlog=0) as (listener, path), fill_backlog(path) as waiting:
         with Standin("--to", path, command="relay") as relay, relay.connect() as client:
             client.sendall(frame(13))
@@ -162,7 +162,7 @@ def relayed_pair():
 
 @pytest.mark.parametrize("vanishes", ["client", "daemon"])
 def test_peer_of_one_that_has_gone_can_send_no_more(vanishes):
-    """The first byte that it sends after the end is refused already, as without a relay."""
+    """The first byte that it sends after the end fails, as without a relay."""
     with relayed_pair() as ends:
         gone, other = ends if vanishes == "client" else reversed(ends)
         gone.close()
@@ -171,11 +171,11 @@ def test_peer_of_one_that_has_gone_can_send_no_more(vanishes):
             other.send(b"more")
 
 
-# ---- The time that a request takes ----
+# ---- The duration of a request ----
 
 @pytest.mark.parametrize("command", ["serve", "relay"])
 def test_time_ends_with_the_reply(command, tmp_path):
-    """A client that is slow to leave does not count."""
+    """The time until a client disconnects does not count."""
     path, log = str(tmp_path / "plaxd.uds"), tmp_path / "log"
     with Standin() as daemon:
         process = start_standin(command, "--socket", path, "--log", str(log), "--format", "json",

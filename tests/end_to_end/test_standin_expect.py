@@ -1,4 +1,4 @@
-"""--expect: the requests that came are compared, in their order, with the commands in a file."""
+"""--expect: compares the requests received, in order, with the commands in a file."""
 
 import json
 import random
@@ -20,7 +20,7 @@ def make_rehearsal():
 
 
 def serve(rehearsal, expected, commands, *options, requests=()):
-    """Serves these commands, and these requests after them. Gives the exit status and the messages."""
+    """Serves these commands, then these requests. Returns the exit status and the messages."""
     file = rehearsal.file("expected", expected)
     process = start_standin("serve", "--socket", (path := rehearsal.file("plaxd.uds")), "--log", "/dev/null",
                             "--expect", file, *options)
@@ -90,7 +90,7 @@ def test_missed(rehearsal, expected, commands, lines):
 
 
 def test_request_that_no_command_sends(rehearsal):
-    """A comment in the file stands for nothing, so such a request is always a difference, except where any may come."""
+    """Comments in the file are ignored, so this request is a difference unless `...` allows it."""
     line = "# plax-tool cannot send this fix-concats: 1 bytes after the end\n"
     request = frame(13) + b"x"
     assert serve(rehearsal, line, [], requests=[request]) == difference(f"@@ -0,0 +1 @@\n+{line}")
@@ -98,7 +98,7 @@ def test_request_that_no_command_sends(rehearsal):
 
 
 def test_random_expectations(rehearsal):
-    """A pattern over the same letters says whether they are met."""
+    """A regular expression over the same letters decides whether the expectations are met."""
     dice = random.Random(4)
     met = 0
     for _ in range(60):
@@ -166,7 +166,7 @@ ANSWERS = {"fix-concats": [{"text": "a"}, {"text": "b"}], "stats": {"text": "c"}
     ([CONCATS, CONCATS, CONCATS, ["-a", "get-obj-crawler-state"]], []),
 ])
 def test_unused_answers(rehearsal, commands, unused):
-    """An answer that is no list is given to any number of requests, also to none."""
+    """A single answer, not in a list, may be given any number of times, including never."""
     file = rehearsal.file("answers.json", json.dumps({"answers": ANSWERS}))
     messages = "".join(f"plaxd-standin: {file}: /answers/{place}: the answer was never given\n" for place in unused)
     assert serve(rehearsal, "...\n", commands, "--answers", file) == (1 if unused else 0, messages)
@@ -179,7 +179,7 @@ def test_unused_answers(rehearsal, commands, unused):
     ("aaacb", []),
 ])
 def test_unused_answers_of_requests(rehearsal, level, unused):
-    """An answer that is given several times was given the first time."""
+    """An answer with `times` counts as given from the first time on."""
     first = {"for": {"level": "a"}, "answers": [{"text": "b", "times": 2}, {"text": "c"}]}
     file = rehearsal.file("answers.json", json.dumps({"answers": {
         "log-level": [first, {"for": {"level": "c"}, "text": "c"}],
@@ -215,7 +215,7 @@ def test_rehearsal(rehearsal, user, expected, code, status, messages):
 
 @in_namespaces
 def test_log_becomes_the_expectation(rehearsal, user):
-    """A first rehearsal writes what the next one expects."""
+    """The first rehearsal writes the expectations of the next one."""
     script = ["--", "sh", "-c", "plax-tool log-level 'a\nb'; plax-tool -a crawler; plax-tool refresh-config-opts"]
     assert rehearsal.run("--log", "log", "--format", "commands", *script, user=USERS[user]) == (0, "", "")
     assert rehearsal.run("--expect", "log", *script, user=USERS[user]) == (0, "", "")

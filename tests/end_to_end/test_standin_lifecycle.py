@@ -1,4 +1,4 @@
-"""Start, end and command line of the stand-in: whose socket it takes, what it leaves behind, and what it says."""
+"""Start and end of the stand-in: which sockets it replaces, which files it removes, and its messages."""
 
 import ctypes
 import json
@@ -61,7 +61,7 @@ def test_mode_is_the_one_asked_for_whatever_the_mask(options, mode, command, mas
 
 
 def test_socket_is_made_with_its_mode(path):
-    """There is no moment with another mode, in which somebody could connect: the file's mode is never changed."""
+    """The mode never changes after the file is created, so there is no time at which others could connect."""
     c_library = ctypes.CDLL(None)
     made, changed = 0x100, 0x4  # IN_CREATE, IN_ATTRIB
     with open(c_library.inotify_init(), "rb", buffering=0) as watch:
@@ -138,7 +138,7 @@ def test_socket_of_another_is_not_removed(path):
 
 
 def test_removed_directory(tmp_path):
-    """There is nothing left to remove, and the log is still ended in order."""
+    """There is no socket to remove, and the log still gets its summary."""
     directory = tmp_path / "directory"
     directory.mkdir()
     process = start_standin("serve", "--socket", str(directory / "s"), stdout=subprocess.PIPE)
@@ -168,7 +168,7 @@ def test_missing_directory(tmp_path):
 
 @pytest.mark.parametrize("attempt", range(5))
 def test_two_start_at_once(attempt, path):
-    """Of many that start on one stale path, one serves, and the others do not take its socket away."""
+    """Of many that start on a path with a stale socket, one serves, and the others leave its socket alone."""
     del attempt
     leave_stale_socket(path)
     processes = [subprocess.Popen([STANDIN, "serve", "--socket", path], stdout=subprocess.DEVNULL,
@@ -186,7 +186,7 @@ def test_two_start_at_once(attempt, path):
 
 
 def test_requests_that_wait_at_the_end_are_logged():
-    """A client that wants no answer may be gone before its connection is accepted; its request counts."""
+    """A client that needs no answer may end before its connection is accepted. Its request counts."""
     with Standin() as plaxd:
         os.kill(plaxd.process.pid, signal.SIGSTOP)
         for _ in range(20):
@@ -222,7 +222,7 @@ def test_log_that_cannot_be_written(path):
 
 @pytest.mark.skipif(is_sanitized(STANDIN), reason="the sanitizer takes descriptors of its own to look at memory")
 def test_few_descriptors(path):
-    """Out of descriptors, the stand-in says so and lets further clients wait until others have gone."""
+    """Without free descriptors, the stand-in prints a message, and further clients wait until others leave."""
     process = subprocess.Popen(["sh", "-c", 'ulimit -n 12; exec "$@"', "sh", STANDIN, "serve", "--socket", path],
                                stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
     process.stderr.readline()

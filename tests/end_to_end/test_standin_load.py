@@ -1,4 +1,4 @@
-"""Many clients at once: every request is answered, and logged exactly once."""
+"""Many clients at once: every request is answered and logged exactly once."""
 
 import threading
 from collections import Counter
@@ -67,7 +67,7 @@ def test_two_hundred_tools_at_once():
 
 
 def test_list_of_answers_under_load():
-    """Of a list, every answer is given once, whoever asks at the same time."""
+    """Each answer of a list is given once, also to simultaneous clients."""
     answers = [{"status": number} for number in range(1, CLIENTS + 1)]
     with Standin().answers({"fix-concats": answers}) as plaxd:
         replies = []

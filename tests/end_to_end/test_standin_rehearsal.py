@@ -1,4 +1,4 @@
-"""The example script that asks whether disks could be evacuated, rehearsed on good days and on bad ones."""
+"""Rehearses the example script that asks whether disks can be evacuated, with good and bad answers."""
 
 import json
 import os
@@ -39,7 +39,7 @@ def test_bad_day(user):
         0, f"{DISK}: yes\n", BUSY, [COMMAND, COMMAND])
 
 
-# Each of these has exit status 0 or an answer, and is a failure all the same.
+# Each of these runs fails, although it has exit status 0 or an answer.
 @in_namespaces
 @pytest.mark.parametrize("answer, message", [
     ({"fault": "close-without-answering"}, "exit status 0, 0 bytes, "),

@@ -1,4 +1,4 @@
-"""plaxd-standin rehearse: an unmodified script runs to its end while the stand-in answers its plax-tool."""
+"""plaxd-standin rehearse: runs an unmodified script while the stand-in answers its plax-tool."""
 
 import fcntl
 import os
@@ -45,7 +45,7 @@ def alive(pid):
 
 @in_namespaces
 def test_unmodified_script(rehearsal, user):
-    """What goes wrong at first, and comes right in the end, is the script's own business."""
+    """The script retries after a failure, which does not make the rehearsal fail."""
     answers = rehearsal.file("answers.json", '{"answers": {"what-if-entity-decom": [{"status": 16, "text": "busy"}, '
                              '{"text": "feasible: yes"}, {"text": "feasible: no"}]}}')
     script = rehearsal.file("script", open(os.path.join(EXAMPLES, "can-evacuate.sh"), encoding="utf-8").read(), 0o755)
@@ -59,14 +59,14 @@ def test_unmodified_script(rehearsal, user):
 
 @in_namespaces
 def test_commands_that_the_option_would_change(rehearsal, user):
-    """A joined long option fails the word test, and the level that is missing becomes the program's name."""
+    """A joined long option fails the word test. A missing level is sent as the program's name."""
     run = rehearsal.run("--format", "commands", "--log", "-",
                         *sh("plax-tool --uuid=$1 log-level 2 >/dev/null 2>&1; echo $?; plax-tool log-level", UUID),
                         user=USERS[user])
     code, output, messages = run
     assert (code, messages) == (0, "")
     lines = timeless(output)
-    lines.remove("1")  # the script's own line, wherever it stands in the log
+    lines.remove("1")  # the script's own line, which can be anywhere in the log
     assert lines == ["# NOW start: script sh", "plax-tool log-level plax-tool",
                      "# NOW summary: 1 requests, 0 broken, 1 with warnings; log-level 1 answered"]
 
@@ -96,7 +96,7 @@ def test_writing_to_run_is_for_those_who_may(rehearsal, user):
 
 @pytest.mark.skipif(not namespaces_work(), reason="the system allows no namespaces")
 def test_contents_of_run(rehearsal):
-    """Everything in a made-up /run is there and is the real thing, but for a daemon's socket, which is not touched."""
+    """The script sees the real files of /run, except a daemon's socket, which stays untouched."""
     with ScriptedDaemon(connections=0) as plaxd:
         make = ('mount --bind "$0" /run && cd /run && mkdir -p dir/sub && mount -t tmpfs tmpfs dir/sub && '
                 'echo text >dir/sub/file && echo more >file && ln -s dir link && mkfifo pipe && ln -s nowhere dangling '
@@ -141,17 +141,17 @@ def test_script_without_interpreter_line(rehearsal, user):
 
 @in_namespaces
 def test_missing_tool(rehearsal, user):
-    """It is missing for the script, as it would be without a rehearsal."""
+    """The script lacks it, as it would without a rehearsal."""
     assert rehearsal.run(*sh("plax-tool stats"), user=USERS[user], env={"PATH": "/usr/bin:/bin"}) == (
         127, "", "sh: 1: plax-tool: not found\n")
 
 
-# ---- Children left behind ----
+# ---- Processes that outlive the script ----
 
 
 @in_namespaces
 def test_children_that_end_soon(rehearsal, user):
-    """A pipe's other end still writes, and a request is still answered."""
+    """The other end of a pipe can still write, and its request is answered."""
     run = rehearsal.run(*JSON_LOG, *sh("(sleep 0.3; plax-tool fix-concats; echo late) & exit 3"), user=USERS[user])
     assert run == (3, "late\n", "")
     assert rehearsal.requests() == ([("fix-concats", "answered")], 1)
@@ -160,7 +160,7 @@ def test_children_that_end_soon(rehearsal, user):
 @in_namespaces
 @pytest.mark.parametrize("ignoring", ["", "trap '' TERM;"])
 def test_children_that_stay(rehearsal, user, ignoring):
-    """Also those that have left the script's session, and those whose parents have ended."""
+    """Also processes in other sessions, and those whose parents have ended."""
     begin = time.monotonic()
     run = rehearsal.run(*sh(f"{ignoring} setsid sh -c 'sleep 100 & echo $!; exec sleep 100' >pids & echo $!; "
                             "sleep 0.2; exit 3"), user=USERS[user])
@@ -203,7 +203,7 @@ def test_signal_before_the_start(rehearsal, user):
     assert rehearsal.run(*sh("echo started"), user=USERS[user], before=send_blocked) == (143, "", "")
 
 
-# Answers an interrupt with a request, and then counts the interrupts of a second.
+# Sends a request at the first interrupt, then counts the interrupts of a second.
 COUNTER = """
 import signal, subprocess
 signal.pthread_sigmask(signal.SIG_BLOCK, [signal.SIGINT])
@@ -218,7 +218,7 @@ print(count)
 
 @in_namespaces
 def test_interrupt_from_the_terminal(rehearsal, user):
-    """It reaches the script once, and the stand-in not at all: the script's last request is answered."""
+    """Only the script gets it, once. The stand-in still answers the script's last request."""
     terminal, other_end = pty.openpty()
     process = rehearsal.start(*JSON_LOG, "--", "python3", "-c", COUNTER, user=USERS[user], stdin=other_end,
                               before=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0))
@@ -265,7 +265,7 @@ def test_log_that_cannot_be_written(rehearsal, user):
 
 @every_user
 def test_namespaces_refused(rehearsal, user):
-    """The offer that is made works."""
+    """The option named in the message works."""
     code, output, messages = rehearsal.run(*sh("echo started"), user=refusing(user))
     assert (code, output, re.sub("(unshare|mount [^:]*): .*", "REASON", messages)) == (1, "", REFUSED)
     assert rehearsal.run("--socket-option", *JSON_LOG, *sh("plax-tool fix-concats; exit 3"), user=refusing(user)) == (

@@ -1,4 +1,4 @@
-"""plaxd-standin relay: every byte and every ending passes as it is, and the log tells what passed."""
+"""plaxd-standin relay: passes on every byte and every end of a connection, and logs them."""
 
 import os
 import random
@@ -18,7 +18,7 @@ UUID = "01234567-89ab-cdef-0123-456789abcdef"
 
 
 def relayed(*words):
-    """The tool's outcome through a relay, the stand-in's view, and the relay's."""
+    """The tool's outcome through a relay, and the log entries of the stand-in and of the relay."""
     with Standin() as daemon:
         with Standin("--to", daemon.path, command="relay") as relay:
             outcome = tool("-s", relay.path, *words)
@@ -29,7 +29,7 @@ def test_log():
     outcome, seen, passed = relayed("info-rebalance", "-u", UUID)
     assert outcome == Outcome(b"bytes to move: 0\n", b"", 0)
     assert seen == [entry("info-rebalance", 14, 36, {"uuid": UUID}, reply=framed(16))]
-    # Both end as soon as they have what they want, so either can be the first.
+    # Both close as soon as they have all bytes, so either can be first.
     assert passed[0].pop("end") in ("client closed", "daemon closed")
     expected = entry("info-rebalance", 14, 36, {"uuid": UUID}, reply=framed(16), outcome="relayed")
     assert passed == [{key: value for key, value in expected.items() if key != "end"}]
@@ -49,7 +49,7 @@ def test_time_taken(tmp_path):
 
 @pytest.mark.parametrize("answers", ["healthy.json", "bad-day.json"])
 def test_tool_sees_no_difference(answers):
-    """Every command gives the same output and status with the relay between tool and daemon and without."""
+    """Every command has the same output and status with and without the relay."""
     with Standin("--answers", os.path.join(EXAMPLES, answers)) as daemon:
         direct = [tool("-s", daemon.path, *row.least) for row in ROWS]
     with Standin("--answers", os.path.join(EXAMPLES, answers)) as daemon:
@@ -84,7 +84,7 @@ def test_request_above_the_limit_is_passed():
 
 
 class RawDaemon:
-    """Listens on a path, and hands the test the daemon's end of each connection through a relay."""
+    """Listens on a path, and gives the test both ends of connections through a relay."""
 
     def __init__(self, directory):
         self.path = str(directory / "raw.uds")
@@ -114,7 +114,7 @@ def raw_daemon(tmp_path):
 
 
 def send_randomly(connection, data, seed):
-    """Sends the data in pieces of random sizes with random pauses, and ends this direction."""
+    """Sends the data in pieces of random sizes with random pauses, and shuts this direction down."""
     chance = random.Random(seed)
     position = 0
     while position < len(data):
@@ -180,7 +180,7 @@ def test_half_close_of_the_daemon(raw):
 
 
 def test_reset_by_the_daemon(raw):
-    """The daemon closes with unread bytes: what it sent before arrives, then the reset."""
+    """The daemon closes with unread bytes. The bytes that it sent arrive, then the reset."""
     client, daemon = raw.pair()
     with client, daemon:
         client.sendall(frame(13))
@@ -204,7 +204,7 @@ def test_reset_by_the_client(raw):
 
 
 def test_orderly_close_is_no_reset(raw):
-    """All was read on both sides, and both see an end and not a reset."""
+    """Both sides have read everything, so both see an end and not a reset."""
     client, daemon = raw.pair()
     with client, daemon:
         client.sendall(frame(13))
@@ -216,7 +216,7 @@ def test_orderly_close_is_no_reset(raw):
 
 
 def test_vanished_client(raw):
-    """A daemon that goes on answering a client that is gone finds out."""
+    """A daemon that keeps answering a client that has ended gets an error."""
     client, daemon = raw.pair()
     with daemon:
         client.sendall(frame(1))
@@ -233,7 +233,7 @@ def test_vanished_client(raw):
 
 
 def test_receiver_that_takes_no_more(raw):
-    """A daemon that shuts its receiving side makes the client's send fail, also behind a relay."""
+    """If the daemon shuts down its receiving side, the client's send fails, also through a relay."""
     client, daemon = raw.pair()
     with client, daemon:
         daemon.shutdown(socket.SHUT_RD)
@@ -248,7 +248,7 @@ def test_receiver_that_takes_no_more(raw):
 
 
 def test_slow_reader_gets_everything(raw):
-    """What is sent faster than it is read waits in the sockets, and not in the relay's memory."""
+    """Bytes sent faster than they are read wait in the sockets, not in the relay's memory."""
     data = bytes(range(256)) * 40000
     client, daemon = raw.pair()
     with client, daemon:
@@ -267,7 +267,7 @@ def test_slow_reader_gets_everything(raw):
 
 
 def test_no_daemon(tmp_path):
-    """A client cannot be refused any more when it has connected; it sees a reset."""
+    """The relay cannot refuse a client that has connected; it resets the connection."""
     with Standin("--to", str(tmp_path / "none"), command="relay") as relay:
         assert tool("-s", relay.path, "fix-concats") == Outcome(
             b"", b"Error received: Connection reset by peer: (null)\n", 0x68)
@@ -291,7 +291,7 @@ def test_daemon_that_dies_and_comes_back(tmp_path):
 
 
 def test_end_of_the_relay():
-    """A relay that is told to end does not wait for a daemon that stays silent."""
+    """A relay ends on a signal without waiting for a silent daemon."""
     with ScriptedDaemon(stay_silent()) as daemon:
         with Standin("--to", daemon.path, command="relay") as relay:
             waiting = start_tool("-s", relay.path, "fix-concats")
@@ -302,7 +302,7 @@ def test_end_of_the_relay():
 
 
 def test_end_of_the_relay_loses_no_request():
-    """A client that wants no answer is gone at once; what it has sent still goes to the daemon."""
+    """A client that needs no answer ends at once. Its bytes still reach the daemon."""
     with Standin() as daemon:
         with Standin("--to", daemon.path, command="relay") as relay:
             os.kill(relay.process.pid, signal.SIGSTOP)
@@ -317,7 +317,7 @@ def test_end_of_the_relay_loses_no_request():
 
 
 def test_end_of_the_relay_waits_for_no_stuck_daemon():
-    """A daemon that reads nothing more would keep bytes of a gone client waiting for ever."""
+    """A daemon that stops reading does not keep the bytes of an ended client forever."""
     with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as stuck:
         directory = Standin().directory
         stuck.bind(os.path.join(directory.name, "stuck.uds"))

@@ -1,5 +1,7 @@
-"""The stand-in where its surroundings fail it: few resources, logs that cannot be written, clients that hang or give up.
-And what its operator counts on: the order of the log, the sign that it is ready, and new answers and logs on SIGHUP."""
+"""The stand-in under bad conditions: few resources, logs that cannot be written, clients that hang or leave.
+
+Also the order of the log, --ready-fd, and new answers and logs on SIGHUP.
+"""
 
 import itertools
 import json
@@ -31,7 +33,7 @@ def exchange(path, request):
 
 @pytest.mark.skipif(is_sanitized(STANDIN), reason="takes more address space than the test leaves")
 def test_little_address_space(tmp_path):
-    """Many clients can wait at the same time where there is room for few threads, and all are answered."""
+    """Many clients can wait at once and get answers in an address space too small for a thread each."""
     path, answers = str(tmp_path / "plaxd.uds"), tmp_path / "answers.json"
     answers.write_text('{"answers": {"fix-concats": {"delayMs": 500, "text": "done"}}}')
     process = start_standin("serve", "--socket", path, "--log", str(tmp_path / "log"), "--answers", str(answers),
@@ -75,7 +77,7 @@ def test_end_is_noticed_while_clients_go_on_connecting(command):
 @pytest.mark.parametrize("request_bytes", [frame(13), frame(32), frame(1)], ids=["framed", "no reply", "stream"])
 @pytest.mark.parametrize("command", ["serve", "relay"])
 def test_one_after_the_other(command, request_bytes):
-    """A line never comes before that of a request whose client had its reply, or had gone, before."""
+    """If a client has its reply or has ended before another request arrives, its line comes first."""
     with Standin() as daemon:
         with Standin(*(["--to", daemon.path] if command == "relay" else []), command=command) as plaxd:
             for _ in range(200):
@@ -88,7 +90,7 @@ def test_one_after_the_other(command, request_bytes):
 
 
 def test_requests_without_a_reply_on_open_connections():
-    """The order of arrival counts where nothing else can."""
+    """Without replies, the lines are in the order of arrival."""
     with Standin() as plaxd:
         clients = [plaxd.connect() for _ in range(50)]
         plaxd.exchange(b"")  # all of them have been accepted
@@ -101,7 +103,7 @@ def test_requests_without_a_reply_on_open_connections():
 
 
 def test_client_that_stays_after_its_reply(tmp_path):
-    """It holds up the lines of others for a moment only; they stay behind the line that says that it has come."""
+    """It delays the lines of others only briefly. They follow the line that reports its request as waiting."""
     path, log = str(tmp_path / "plaxd.uds"), tmp_path / "log"
     process = start_standin("serve", "--socket", path, "--log", str(log))
     with socket.socket(socket.AF_UNIX) as client:
@@ -124,7 +126,7 @@ def test_client_that_stays_after_its_reply(tmp_path):
 # ---- Requests that hang ----
 
 def hang(tmp_path, answer, *words):
-    """Starts a stand-in with this answer to fix-concats; gives its process, its socket and its log."""
+    """Starts a stand-in with this answer to fix-concats. Returns its process, its socket and its log."""
     path, log, answers = str(tmp_path / "plaxd.uds"), tmp_path / "log", tmp_path / "answers.json"
     answers.write_text(json.dumps({"answers": {"fix-concats": answer}}))
     process = start_standin("serve", "--socket", path, "--log", str(log), "--answers", str(answers), *words)
@@ -200,13 +202,13 @@ def test_time_until_a_relayed_client_gives_up(tmp_path):
 # ---- A log that cannot be written ----
 
 def fill_log(path):
-    """More requests than lines fit into a pipe."""
+    """Sends more requests than a pipe can hold lines."""
     for _ in range(1000):
         assert exchange(path, frame(13)) == frame(0, b"0 concats to fix")
 
 
 def test_unread_log_keeps_nobody_waiting(tmp_path):
-    """Clients are served on, the end is noticed, and the lines are there when the reader comes back."""
+    """Clients are still served, a signal ends the stand-in, and it writes all lines when the reader reads again."""
     path = str(tmp_path / "plaxd.uds")
     process = start_standin("serve", "--socket", path, stdout=subprocess.PIPE)
     fill_log(path)
@@ -252,7 +254,7 @@ def test_two_signals_lose_nothing():
 
 
 def test_disk_that_is_full_for_a_while(tmp_path):
-    """The file and the reason are named once, and what is written later stands on lines of its own."""
+    """The message names the file and the reason once. Later lines start on a new line."""
     path, log = str(tmp_path / "plaxd.uds"), tmp_path / "log"
     process = start_standin("serve", "--socket", path, "--log", str(log))
     unlimited = resource.prlimit(process.pid, resource.RLIMIT_FSIZE)
@@ -276,11 +278,11 @@ def test_disk_that_is_full_for_a_while(tmp_path):
         "what-if-cancel 1 answered"]
 
 
-# ---- The sign that it is ready ----
+# ---- --ready-fd ----
 
 @pytest.mark.parametrize("command", ["serve", "relay"])
 def test_ready_descriptor(command, tmp_path):
-    """One newline, and the descriptor is closed."""
+    """The stand-in writes one newline and closes the descriptor."""
     path = str(tmp_path / "plaxd.uds")
     reader, writer = os.pipe()
     process = subprocess.Popen([STANDIN, command, "--socket", path, "--log", str(tmp_path / "log"), "--ready-fd",
@@ -294,7 +296,7 @@ def test_ready_descriptor(command, tmp_path):
 
 
 def test_ready_descriptor_of_a_stand_in_that_cannot_start(tmp_path):
-    """A bad answers file and a live daemon are noticed at once: whoever waits reads the end of the pipe."""
+    """With an invalid answers file, the waiting reader gets end of file at once."""
     answers = tmp_path / "answers.json"
     answers.write_text("{")
     waiting = 'read -r < <("$0" serve --socket s --log log --ready-fd 1 --answers answers.json 2>/dev/null); echo $?'
@@ -315,7 +317,7 @@ def test_ready_descriptor_that_nobody_reads(tmp_path):
 # ---- SIGHUP ----
 
 def reloaded(path, before):
-    """Waits until the answers are others than before."""
+    """Waits until the answer differs from the one before."""
     return eventually(lambda: exchange(path, frame(13)) != before)
 
 
@@ -367,7 +369,7 @@ def test_log_that_cannot_be_opened_again(tmp_path):
 
 @pytest.mark.parametrize("command", ["serve", "relay"])
 def test_reloading_under_load(command, tmp_path):
-    """However often answers and log are replaced: each request is answered, and logged once."""
+    """While answers and log are replaced many times, each request is answered and logged once."""
     with Standin() as daemon:
         path, log = str(tmp_path / "plaxd.uds"), tmp_path / "log"
         process = start_standin(command, "--socket", path, "--log", str(log), "--format", "json",

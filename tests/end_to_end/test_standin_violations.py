@@ -1,4 +1,4 @@
-"""Requests that break the protocol, sent by raw sockets: the log says what is wrong, and the daemon lives on."""
+"""Requests that break the protocol, sent by raw sockets. The log names the violations, and the stand-in continues."""
 
 import socket
 import struct
@@ -15,7 +15,7 @@ RAW_UUID = bytes.fromhex("0123456789abcdef0123456789abcdef")
 ZERO = "00000000-0000-0000-0000-000000000000"
 LIST = UUID + b"," + UUID
 
-# What a client gets that is answered at all.
+# The reply to a client that is answered.
 QUEUED = frame(0, b"queued")
 REFUSAL = frame(0x2bad0016, b"unknown command")
 
@@ -25,7 +25,7 @@ def record(layout, *values):
 
 
 def broken(request, answer, logged):
-    """The request is answered and logged as said, and with --strict the stand-in's status tells of it."""
+    """The request is answered and logged as expected, and with --strict the stand-in exits 1."""
     with Standin("--strict") as plaxd:
         assert plaxd.exchange(request) == answer
         assert plaxd.exchange(frame(2, UUID)) == QUEUED
@@ -86,7 +86,7 @@ def test_bytes_after_the_answer():
     assert plaxd.code == 1
 
 
-# Code, payload that is one byte off, length that is due.
+# Code, payload with one byte too many or too few, required length.
 WRONG_LENGTHS = [
     (3, b"x", "0"),
     (2, UUID + b"x", "36"),
@@ -226,7 +226,7 @@ CONTENTS = [
 
 @pytest.mark.parametrize("number", range(len(CONTENTS)))
 def test_contents(number):
-    """What is whole is answered, even when it holds what it should not."""
+    """A whole request is answered, even if its fields are invalid."""
     request, fields, violations = CONTENTS[number]
     with Standin() as plaxd:
         plaxd.exchange(request)
@@ -234,7 +234,7 @@ def test_contents(number):
     assert (line["fields"], line["violations"], line["outcome"]) == (fields, violations, "answered")
 
 
-# Request, warnings. Nothing is wrong with these requests.
+# Request, warnings. These requests do not break the protocol.
 WARNINGS = [
     (frame(2, UUID), []),
     (frame(2, ZERO.encode()), ["uuid is all zeros"]),
@@ -316,7 +316,7 @@ def test_both_as_text():
 
 
 def test_nobody_asks():
-    """A connection without a byte is no request."""
+    """A connection that sends no byte is not a request."""
     with Standin("--strict") as plaxd:
         plaxd.connect().close()
     assert (plaxd.entries, plaxd.code, plaxd.summary) == (

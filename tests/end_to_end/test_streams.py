@@ -1,7 +1,7 @@
 """Streamed answers: raw text until the daemon closes, to standard output or to the output file.
 
-The tool takes at most 1023 bytes at a time and cuts each such chunk at its first zero byte. A daemon that sends one
-piece and waits for it to arrive decides where the chunks lie.
+The tool reads chunks of at most 1023 bytes and cuts each at its first zero byte. A daemon that waits for each piece to
+arrive determines the chunks.
 """
 
 import os
@@ -32,9 +32,9 @@ def text(length, seed=1):
 
 
 def send_one_by_one(pieces, arrived, *words):
-    """Sends each piece, and the next when `arrived` says that everything up to it is there. Gives the tool's outcome.
+    """Sends the pieces one by one, waiting for `arrived` after each. Returns the tool's outcome.
 
-    `arrived` gets the running tool and the bytes that must have come out since the piece before.
+    `arrived` gets the running tool and the bytes that it must output for the last piece.
     """
     events = [threading.Event() for _ in pieces]
     steps = [step for (piece, _), event in zip(pieces, events)
@@ -111,7 +111,7 @@ def test_zero_byte_cuts_its_chunk_in_the_file(tmp_path):
     assert (run, output.read_bytes()) == (DONE, b"abc")
 
 
-# ---- Whatever the daemon sends comes out unchanged ----
+# ---- All bytes pass unchanged ----
 
 @pytest.mark.parametrize("data", [
     b"", b"\n", b"no newline", b"%s %n %d %%", bytes(range(1, 256)) * 9, text(100000),
@@ -235,10 +235,10 @@ def test_full_disk_below_the_file_is_not_noticed():
         assert tool("-s", plaxd.path, "stats", "-o", "/dev/full") == DONE
 
 
-# ---- A reader that goes away ----
+# ---- A reader that closes ----
 
 def stream_to_a_closed_pipe(**options):
-    """Shows a line, closes the reading end, and lets the daemon go on with plenty."""
+    """Reads a line, closes the reading end, and lets the daemon send much more."""
     gone = threading.Event()
     with ScriptedDaemon(send(b"first\n"), wait_for(gone), send(text(1 << 20)), may_break=True) as plaxd:
         reader, writer = os.pipe()

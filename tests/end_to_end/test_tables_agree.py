@@ -1,7 +1,7 @@
 """The tool's tables and the manual page say what tests/commands.json expects: nothing less, nothing more.
 
-The tables come from the file `tables.txt` beside the completions, which is printed from the tables themselves. Each
-deliberate difference is listed here, with its reason.
+The build prints the tool's tables to `tables.txt`, next to the completions. Each deliberate difference is listed here,
+with its reason.
 """
 
 import re
@@ -16,10 +16,10 @@ from shells import COMPLETIONS
 SOURCE = Path(__file__).parents[2]
 MANUAL_PAGE = "man/plax-tool.8"
 
-# Numbers that the page explains and the option's help line leaves out: the defaults.
+# Numbers that the page explains but the help text leaves out: the defaults.
 NUMBERS_BESIDE_HELP = {"X": ["0"]}
 
-# How the page says what comes back, by reply class, and how long that may take, by seconds.
+# The page's wording for each reply class, and for each timeout in seconds.
 ANSWERS = {
     "printed": "The answer is printed.",
     "checked": "The answer is a status.",
@@ -67,13 +67,13 @@ def section(name):
 
 
 def items(text, macro):
-    """The items of the section's outer list, each with its head and its text."""
+    """The items of the section's outer list: heading and text."""
     parts = re.split(rf"^\.It {macro} (.*)\n", text, flags=re.MULTILINE)
     return list(zip(parts[1::2], parts[2::2]))
 
 
 def option_items():
-    """Letter, long name, whether it takes an argument (in both forms), and text of each option on the page."""
+    """Each option on the page: letter, long name, whether each form takes an argument, and text."""
     found = []
     for head, text in items(section("OPTIONS"), "Fl"):
         form = re.fullmatch(r"(\w)(?: Ar (\S+))? , Fl -([a-z-]+)(?: Ns = Ns Ar (\S+))?", head)
@@ -97,7 +97,7 @@ def test_page_is_clean():
 
 
 def test_page_describes_the_options():
-    # In the order of the table: the page refers to the places of the options in it.
+    # In the order of the table, as the page refers to positions in the table.
     assert_agrees(MANUAL_PAGE, [item[:3] for item in option_items()],
                   [(option["letter"], option["name"], option["argument"] is not None) for option in OPTIONS])
 

@@ -1,7 +1,7 @@
-"""What happens when the daemon is slow or falls silent: a receive waits 20 seconds, a connection and a send for ever.
+"""A slow or silent daemon: receiving has a timeout of 20 seconds, connecting and sending have none.
 
-All cases wait at the same time, in threads, and are looked at one by one. They must not be spread over worker
-processes, or each worker would wait for all of them: they form one group.
+Threads run all cases at the same time, and one test checks each result. The tests form one group: spread over worker
+processes, each worker would run all cases.
 """
 
 import threading
@@ -50,7 +50,7 @@ def without_accepting(_, words):
 
 
 def after_a_full_backlog(steps, words):
-    """Until the steps have been done, there is not even room for the tool to wait in."""
+    """During the steps the backlog is full, so the tool waits in connect."""
     with listening(backlog=0) as (listener, path), fill_backlog(path) as waiting:
         process = start_tool("-s", path, *words)
         for step in steps:
@@ -68,7 +68,7 @@ class Case:
     steps: tuple
     outcome: Outcome
     seconds: float = SECONDS
-    meet: Callable = until_the_tool_ends  # runs the tool against a daemon that does the steps, and gives the outcome
+    meet: Callable = until_the_tool_ends  # runs the tool against a daemon that does the steps, and returns the outcome
 
 
 PRINTED = ("info-proactive-rebalance",)
@@ -93,7 +93,7 @@ CASES = {
     "printed, half a payload": Case(PRINTED, (send(b"\0\0\0\0\0\0\0\5ab"),), Outcome(b"\n", INCOMPLETE, 0)),
     "checked, half a payload": Case(CHECKED, (send(b"\0\0\0\0\0\0\0\5ab"),), Outcome(b"", INCOMPLETE, 0)),
     "error, half a payload": Case(PRINTED, (send(b"\0\0\0\7\0\0\0\5ab"),), Outcome(b"\n", INCOMPLETE, 0)),
-    # All the pauses within one receive count together.
+    # A receive adds up all its pauses.
     "part of a header, a pause, a part": Case(PRINTED, (send(b"\5\6"), pause(11), send(b"\7")),
                                               Outcome(b"", b"Error received: Status 0x05060700: (null)\n", 0)),
     "part of a payload, a pause, a part": Case(PRINTED, (send(b"\0\0\0\0\0\0\0\5ab"), pause(11), send(b"c")),
@@ -108,7 +108,7 @@ CASES = {
                                   Outcome(b"ab", b"", 0), 22.0, to_the_last_step),
     "each receive waits for itself": Case(PRINTED, (pause(11), send(b"\0\0\0\0\0\0\0\2"), pause(11), send(b"ab")),
                                           Outcome(b"ab\n", b"", 0), 22.0, to_the_last_step),
-    # Only receiving has a limit: a daemon may take its time to read and to accept.
+    # Only receiving has a timeout: a daemon may read and accept late.
     "request never read": Case(("set-global-exclusion-list", "-x", ""), (), MUTE, meet=without_reading),
     "request read late": Case(LONG_REQUEST, (pause(22), read(8 + 189464), reply(0)), Outcome(b"", b"", 0), 22.0,
                               with_a_small_send_buffer),
@@ -123,7 +123,7 @@ def perform(name, results):
     started = time.monotonic()
     try:
         results[name] = (case.meet(case.steps, case.words), time.monotonic() - started)
-    except Exception as error:  # shown by the case's own test
+    except Exception as error:  # raised again by the case's own test
         results[name] = (error, 0.0)
 
 

@@ -1,4 +1,4 @@
-"""After a request that has no reply, the run ends: it reads nothing, writes nothing, and waits for nothing."""
+"""After a request without a reply, the run ends without reading, writing or waiting."""
 
 import socket
 import time
@@ -18,7 +18,7 @@ def say_no_more(daemon):
 
 
 def expect_reset(daemon):
-    """What the tool leaves unread when it ends makes the end of its connection a reset."""
+    """If the tool ends with bytes unread, the daemon sees a reset."""
     try:
         daemon.connection.recv(1)
     except ConnectionResetError:

@@ -1,18 +1,17 @@
 // A library to preload into the tool, which makes chosen calls of the C library fail and records all of them.
 //
-//   PLAX_FAULT_PLAN   what is to happen, as "function:call:error:errno" or "function:call:short:length", joined by
-//                     commas: "recv:2:error:104" makes the second recv fail with errno 104, "send:1:short:3" lets the
-//                     first send take 3 bytes. An entry that cannot be read ends the program with exit code 99.
-//   PLAX_FAULT_LOG    the descriptor to record to: a line for each call, with its arguments as far as they matter, and
-//                     behind a call that was tampered with " = -1 errno" or " = length".
-//   PLAX_FAULT_AWAIT  when set, each recv first waits until the peer has said its last word, so that what a run calls
-//                     does not depend on who is faster.
+//   PLAX_FAULT_PLAN   the failures, as "function:call:error:errno" or "function:call:short:length", joined by commas:
+//                     "recv:2:error:104" makes the second recv fail with errno 104, "send:1:short:3" lets the first
+//                     send take 3 bytes. An invalid entry ends the program with exit code 99.
+//   PLAX_FAULT_LOG    the descriptor for the record: a line for each call with the arguments that matter, and after a
+//                     planned failure " = -1 errno" or " = length".
+//   PLAX_FAULT_AWAIT  if set, each recv first waits until the peer has closed its sending side, so that the calls of a
+//                     run do not depend on timing.
 //
 // The loader puts these functions before the C library's, so they get the calls that the tool and the platform support
-// library make. The C library's calls of its own functions cannot be reached, with two exceptions. It lets its
-// allocations be replaced: these are counted apart, as "libc-malloc", and recorded only when they are made to fail. And
-// it flushes standard output at exit: for the plan's "exit-flush", the kernel is told to refuse every later write to
-// it.
+// library make. The C library's calls of its own functions do not come here, with two exceptions. Its allocations do:
+// they are counted separately, as "libc-malloc", and recorded only when they are made to fail. And it flushes standard
+// output at exit: for "exit-flush" in the plan, the kernel refuses every later write to standard output.
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -66,7 +65,7 @@ enum class Function {
     ExitFlush,
 };
 
-// Several symbols share one name here: what the tool calls depends on its compiler and on fortification.
+// Several symbols share one name here: which one the tool calls depends on its compiler and on fortification.
 static constexpr const char *kFunctionNames[] = {
     "malloc", "calloc",   "libc-malloc", "free",    "socket", "setsockopt", "connect",
     "fcntl",  "close",    "sigaction",   "send",    "recv",   "write",      "open",
@@ -86,7 +85,7 @@ static size_t planCount;
 static unsigned callCounts[kFunctionCount];
 static int logDescriptor = -1;
 static bool awaitsPeer;
-static bool isActive; // false while the loader is still at work
+static bool isActive; // false while the loader is running
 
 [[noreturn]] static void RefusePlan(const char *entry)
 {
@@ -144,12 +143,12 @@ static void Record(Function function, const char *arguments, const Fault *fault)
     char line[192];
     const char *name = kFunctionNames[static_cast<size_t>(function)];
     const int length = snprintf(line, sizeof line, "%s%s%s\n", name, arguments, result);
-    // Past the C library, whose own output functions may allocate.
+    // A system call, as the C library's output functions can allocate.
     syscall(SYS_write, logDescriptor, line, static_cast<size_t>(length));
 }
 
-// Counts and records a call whose arguments `format` shows. Returns what is planned for it, or null when it is to go
-// through. Neither errno nor any buffer of the C library is touched.
+// Counts and records a call whose arguments `format` shows. Returns the failure planned for it, or null. Changes
+// neither errno nor any buffer of the C library.
 [[gnu::format(printf, 2, 3)]] static const Fault *Enter(Function function, const char *format, ...)
 {
     const int error = errno;
@@ -170,14 +169,14 @@ static int Fail(const Fault &fault)
     return -1;
 }
 
-// Returns whether the call is to fail, with errno set then.
+// Returns whether the call must fail, and sets errno if so.
 static bool IsFailure(const Fault *fault)
 {
     return fault != nullptr && !fault->isShort && Fail(*fault) < 0;
 }
 
-// Returns how many of `length` bytes the call is to be granted. A short call is a success, so errno means nothing
-// behind it: it gets a value by which a caller that looks at it all the same gives itself away.
+// Returns how many of `length` bytes the call may transfer. A short call succeeds, so errno is meaningless after it: it
+// gets a value that exposes a caller that uses it anyway.
 static size_t Granted(const Fault *fault, size_t length)
 {
     if (fault == nullptr) {
@@ -209,7 +208,7 @@ static bool IsCLibrary(const void *caller)
     return ObjectOf(caller) == ObjectOf(dlsym(RTLD_NEXT, "abort"));
 }
 
-// Returns what is planned for an allocation that `caller` asks for, or null when it is to go through.
+// Returns the failure planned for an allocation by `caller`, or null.
 static const Fault *EnterAllocation(Function function, const void *caller)
 {
     if (!isActive || IsLoader(caller)) {
@@ -233,7 +232,7 @@ static void AwaitPeer(int socket)
     }
 }
 
-// Makes the kernel answer every write to standard output with `error`.
+// Makes the kernel fail every write to standard output with `error`.
 static void RefuseOutput(int error)
 {
     sock_filter filter[] = {
@@ -260,7 +259,7 @@ static void RefuseOutput(int error)
     isActive = true;
 }
 
-// Runs when the program's own part of exit is over, and before the C library flushes what is left.
+// Runs after the program's exit handlers and before the C library flushes its buffers.
 [[gnu::destructor]] static void End()
 {
     const size_t pending = __fpending(stdout);
@@ -365,7 +364,7 @@ int InjectFcntl64(int descriptor, int command, ...)
     return ControlFile(descriptor, command, value);
 }
 
-// The system gives the descriptor up also when it reports a failure.
+// The system closes the descriptor even if it reports a failure.
 int InjectClose(int descriptor)
 {
     const Fault *fault = Enter(Function::Close, " %d", descriptor);

@@ -1,5 +1,5 @@
-// Makes the calls that its arguments name, one after the other, and tells on standard error what each returned and the
-// errno behind it. Like the preloaded library's own, its messages go through dprintf, which is not tampered with.
+// Makes the calls that its arguments name, in order, and prints the result and the errno of each to standard error. It
+// prints with dprintf, like the preloaded library, because dprintf has no injected failures.
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -15,7 +15,7 @@
 #include <cstdlib>
 #include <string_view>
 
-// A connected pair, at numbers that do not depend on what the caller has open.
+// A connected pair with fixed descriptor numbers, whatever the caller has open.
 static constexpr int kReceiver = 100;
 static constexpr int kSender = 101;
 static const char kData[] = "0123456789";
@@ -82,7 +82,7 @@ static const Call kCalls[] = {
     {"perror", CallPerror},
 };
 
-// The numbers that the system chose are closed by a call that is not recorded.
+// Closes the descriptors that the system chose without a recorded call.
 static bool MoveTo(int wanted, int descriptor)
 {
     const auto number = static_cast<unsigned>(descriptor);

@@ -1,5 +1,4 @@
-"""Tests of the library that makes calls fail: what it is told to tamper with fails in the way it is told, all else goes
-through, and every call is recorded."""
+"""Tests the fault-injection library: planned calls fail as planned, all others succeed, and every call is recorded."""
 
 import os
 import subprocess
@@ -11,7 +10,7 @@ PROBE = os.environ["PLAX_FAULT_PROBE"]
 
 
 def probe(*calls, plan="", **environment):
-    """Runs the probe. Gives its exit code, its standard output, what it told of its calls, and the record of them."""
+    """Runs the probe. Returns its exit code, its standard output, its report of the calls, and the library's record."""
     with open(os.memfd_create("record"), "r+b") as record:
         run = subprocess.run([PROBE, *calls], capture_output=True, pass_fds=[record.fileno()], timeout=30, check=False,
                              env={"LD_PRELOAD": LIBRARY, "PLAX_FAULT_LOG": str(record.fileno()),
@@ -20,7 +19,8 @@ def probe(*calls, plan="", **environment):
         return run.returncode, run.stdout, run.stderr.decode(), record.read().decode()
 
 
-# What each call gives and records when it goes through, and when it fails with errno 5. The probe frees what it gets.
+# The result and the record of each call: of one that succeeds, and of one that fails with errno 5. The probe frees all
+# memory that it gets.
 CALLS = [
     ("malloc", "1 0", "malloc{}\nfree\n", "0 5"),
     ("calloc", "1 0", "calloc{}\nfree\n", "0 5"),
@@ -75,7 +75,7 @@ def test_short_calls(length):
     told = f"send {length} 131\nsend 10 0\nrecv 10 0\nrecv {length} 131\nwrite {length} 131\nwrite 10 0\n"
     record = (f"send 10 16384 = {length}\nsend 10 16384\nrecv 10 64\nrecv 10 64 = {length}\n"
               f"write 10 = {length}\nwrite 10\n")
-    if length == 0:  # nothing to receive is no error then: nothing was asked for
+    if length == 0:  # receiving 0 bytes is no error, as none were requested
         assert probe("send", "send", "recv", "recv", "write", "write", plan=plan)[3] == record
     else:
         assert probe("send", "send", "recv", "recv", "write", "write", plan=plan) == (
@@ -97,10 +97,10 @@ def test_nothing_to_flush_at_exit():
 
 
 def test_allocations_of_the_c_library_are_counted_apart():
-    # The C library allocates the buffer of standard output; without it, every character is written by itself.
+    # The C library allocates the buffer of standard output. Without it, every character is written separately.
     assert probe("printf", plan="libc-malloc:1:error:12") == (
         0, b"3 words", "printf 7 12\n", "printf\nlibc-malloc = -1 12\n")
-    # The probe's own call is none of them, though some versions of the library allocate for the probe's message later.
+    # The probe's own call does not count. Some versions of the C library allocate later, for the probe's message.
     *told, recorded = probe("malloc", plan="libc-malloc:1:error:12")
     assert told == [0, b"", "malloc 1 0\n"]
     assert recorded in ("malloc\nfree\n", "malloc\nfree\nlibc-malloc = -1 12\n")
@@ -111,7 +111,7 @@ def test_abort_is_recorded():
 
 
 def test_awaits_the_last_word():
-    # The peer has closed when recv is called, so there is nothing to wait for, and what it sent is there.
+    # The peer has closed before recv is called, so recv does not wait, and all bytes are there.
     assert probe("send", "close", "recv", PLAX_FAULT_AWAIT="1")[2] == "send 10 0\nclose 0 0\nrecv 10 0\n"
 
 

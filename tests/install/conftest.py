@@ -1,4 +1,4 @@
-"""Installs the build that PLAX_BUILD names, with PLAX_CMAKE, below directories of the tests' own."""
+"""Installs the build in PLAX_BUILD with PLAX_CMAKE below temporary directories."""
 
 import os
 import subprocess
@@ -19,7 +19,7 @@ def run_cmake(*words, root):
 
 @pytest.fixture(name="installed", scope="session")
 def install_once(tmp_path_factory):
-    """installed(prefix, component) gives the directory below which a component has been installed to that prefix."""
+    """installed(prefix, component) installs a component to the prefix, and returns the root directory used."""
     roots = {}
 
     def installed(prefix, component="plax-tool"):
@@ -33,7 +33,7 @@ def install_once(tmp_path_factory):
 
 @pytest.fixture(name="own_manifest")
 def keep_the_manifest():
-    """The build directory's record of a whole installation is the test's own; an earlier one comes back."""
+    """Lets the test write the build directory's record of an installation, and restores an earlier one."""
     kept = None
     if os.path.exists(MANIFEST):
         with open(MANIFEST, "rb") as manifest:

@@ -1,4 +1,4 @@
-"""What an installation holds, and a way to list it. Paths are those below the prefix."""
+"""The files of an installation, and a function that lists them. Paths are relative to the prefix."""
 
 import os
 import stat
@@ -30,7 +30,7 @@ STANDIN = {
 
 
 def below(prefix, files):
-    """The same files with their whole paths."""
+    """The same files with absolute paths."""
     return {line.replace(" ", f" {prefix}/") for line in files}
 
 

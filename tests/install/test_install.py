@@ -1,5 +1,4 @@
-"""An installation from the build directory: its files, that the tool runs from there, that the shells find the
-completions, and that `uninstall` takes all away."""
+"""An installation from the build directory: its files, a run of the tool, the completions, and `uninstall`."""
 
 import gzip
 import json
@@ -20,7 +19,7 @@ SOURCE_DIR = os.environ["PLAX_SOURCE_DIR"]
 MULTIARCH = sysconfig.get_config_var("MULTIARCH")
 ON_DEBIAN = os.path.exists("/etc/debian_version")
 
-# Prefix, and where zsh and fish look for completions that belong to it.
+# Prefix, and the directories for the completions of zsh and fish.
 COMPLETIONS = [
     ("/usr", f"/usr/share/zsh/{'vendor-completions' if ON_DEBIAN else 'site-functions'}/_plax-tool",
      "/usr/share/fish/vendor_completions.d/plax-tool.fish"),
@@ -76,7 +75,7 @@ def test_tool_runs_wherever_the_installation_is(installed, tmp_path, monkeypatch
     with ScriptedDaemon(reply(0, b"abc")) as plaxd:
         run = tool("-s", plaxd.path, "fitness-stats-get")
     assert run == Outcome(b"abc\n", b"", 0)
-    # What the private library says.
+    # A message of the private library.
     assert tool("no-such-command", stdout=subprocess.DEVNULL) == Outcome(
         None, b"Unrecognized command: no-such-command\n", 1)
 
@@ -127,7 +126,7 @@ def shell(command, root, home, **environment):
     return run.stdout
 
 
-# Each shell is asked for the directories that it searches by itself, and searches them below the installation's root.
+# Asks each shell for its search directories, and has it search them below the installation's root.
 
 BASH = r"""
 . /usr/share/bash-completion/bash_completion

@@ -1,6 +1,6 @@
-"""The packages that cpack makes of the build: what they hold, and what they say of themselves.
+"""The packages that cpack builds: their files and their metadata.
 
-They are made with a umask that would hide directories from everybody else.
+A restrictive umask must not change the modes of the packaged directories.
 """
 
 import os
@@ -201,7 +201,7 @@ field, and misbehaves on demand.
 
 
 def rpm_names(path, tag):
-    """What the package needs or offers, without versions and processors, and without what rpm needs of itself."""
+    """The package's dependencies or provided names, without versions, processors, and rpm's own features."""
     names = (re.split(r"[( ]", name)[0] for name in rpm_query(path, rf"[%{{{tag}}}\n]").splitlines())
     return set(names) - {"rpmlib", "rtld", "ld-linux-x86-64.so.2"}
 

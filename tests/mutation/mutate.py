@@ -1,11 +1,11 @@
 #!/usr/bin/python3
-"""Changes the tool's source in one place at a time and shows whether the tests notice.
+"""Changes the tool's source in one place at a time and checks that the tests notice.
 
 usage: mutate.py SOURCE_DIRECTORY WORK_DIRECTORY [--jobs N] [--only FILE]
 
-Each mutant is made in a copy of the tree in WORK_DIRECTORY, built there, and given to the tests, the quickest first. A
-mutant that does not compile, or that a test fails on, is killed. One that survives is printed with its place, for a
-person to read: either no test could tell it from the original, or a test is missing. Ends with killed / made.
+Each mutant is built in a copy of the tree in WORK_DIRECTORY and tested there, with the quickest tests first. A mutant
+that does not compile or that fails a test is killed. Survivors are printed with their places, for a person to judge:
+either they behave like the original, or a test is missing. The last line is killed / made.
 """
 
 import argparse
@@ -26,7 +26,7 @@ QUICK_TESTS = ("run", "help", "callback_block", "requests", "rules", "poisoned_m
                "exchange", "options")
 WAITING_TESTS = ("fault_injection", "timeouts")
 
-# What is changed to what: every match of the pattern in a line of code makes a mutant for each replacement.
+# Pattern and replacements: every match in a line of code makes a mutant for each replacement.
 REPLACEMENTS = [
     (r" == ", [" != "]),
     (r" != ", [" == "]),
@@ -58,7 +58,7 @@ STATEMENT = re.compile(r"^\s+(?!return|const |static |case |break|else|if|for|wh
 
 
 def code_lines(lines):
-    """Yields the positions of lines that are code: no comments, no includes, no assertions about shapes."""
+    """Yields the positions of code lines: no comments, includes or static assertions."""
     for position, line in enumerate(lines):
         text = line.strip()
         if text and not text.startswith(("//", "#", "static_assert", "template", "using ")):
@@ -66,7 +66,7 @@ def code_lines(lines):
 
 
 def negate(line, start, end, replacement):
-    """`if (` becomes `if (!(`, with the condition's own end found again."""
+    """Negates the condition of an `if`."""
     if replacement != "if (!":
         return line[:start] + replacement + line[end:]
     depth = 1
@@ -78,7 +78,7 @@ def negate(line, start, end, replacement):
 
 
 def mutants_of_line(line):
-    """Yields every changed form of one line; None stands for the line left out."""
+    """Yields every changed form of one line; None removes the line."""
     code = line.split(" // ")[0]
     outside_text = re.sub(r'"(?:[^"\\]|\\.)*"', lambda text: "\0" * len(text.group()), code)
     for pattern, replacements in REPLACEMENTS:
@@ -96,7 +96,7 @@ def mutants_of_line(line):
 
 
 def mutants_of_file(text):
-    """Yields (line number, what was done, new text) for each mutant of a file."""
+    """Yields (line number, description, new text) for each mutant of a file."""
     lines = text.splitlines()
     for position in code_lines(lines):
         for changed in mutants_of_line(lines[position]):
@@ -110,7 +110,7 @@ def mutants_of_file(text):
 
 
 def succeeds(command, limit, **options):
-    """Runs a command in a group of its own, with everything it started gone afterwards."""
+    """Runs a command in its own process group, and ends the group afterwards."""
     process = subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True,
                                **options)
     try:
@@ -126,7 +126,7 @@ def succeeds(command, limit, **options):
 
 
 class Tree:
-    """A copy of the tree in which mutants are made, one at a time, and its build."""
+    """A copy of the tree and its build, for one mutant at a time."""
 
     def __init__(self, source, directory):
         self.source = directory / "tree"
@@ -139,7 +139,7 @@ class Tree:
             sys.exit("the tree as it is does not build, or does not pass its own tests")
 
     def survives(self, name, text):
-        """Whether the tests pass when the file `name` holds `text`; it holds what it held before when this returns."""
+        """Whether the tests pass with `text` in the file `name`. Restores the file."""
         path = self.source / name
         original = path.read_text()
         path.write_text(text)
@@ -165,7 +165,7 @@ class Tree:
 
 
 def mutants_below(source, only):
-    """Yields (file, line number, what was done, new text) for each mutant of the files whose path contains `only`."""
+    """Yields (file, line number, description, new text) for each mutant of the files whose path contains `only`."""
     for layer in LAYERS:
         for path in sorted((source / layer).glob("*.[hc]*")):
             name = str(path.relative_to(source))
@@ -175,7 +175,7 @@ def mutants_below(source, only):
 
 
 def count_survivors(mutants, source, work, jobs):
-    """Prints each mutant that survives, in trees of which `jobs` are at work at a time, and gives their number."""
+    """Prints each mutant that survives, testing `jobs` mutants at a time. Returns the number of survivors."""
     trees = queue.SimpleQueue()
 
     def attempt(mutant):

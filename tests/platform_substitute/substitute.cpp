@@ -1,5 +1,4 @@
-// A platform support library of another kind: it offers the same four functions, and leaves its mark on all that passes
-// through it.
+// Another platform support library: it has the same four functions, and marks all texts that pass through them.
 
 #include "platform_support.h"
 

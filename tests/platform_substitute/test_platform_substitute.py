@@ -1,6 +1,6 @@
-"""The tool can be linked against another platform support library: it is configured anew with one, built, and run.
+"""Configures and builds the tool with another platform support library, and runs it.
 
-Each of the library's four functions shows that it was used.
+Each of the library's four functions shows that it was called.
 """
 
 import os

@@ -1,4 +1,4 @@
-// The answer book: what a file puts in the place of the built-in answers.
+// The answer book: answers from a file that replace the built-in ones.
 
 #include "answer_file.h"
 #include "protocol_table.h"

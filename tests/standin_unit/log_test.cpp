@@ -1,4 +1,4 @@
-// The wording of the log, where a running stand-in cannot easily be brought to it.
+// Wordings of the log that a running stand-in rarely writes.
 
 #include "log_formats.h"
 

@@ -1,4 +1,4 @@
-// What reaches the system when a command connects: the receive time-out that is set by then, and the address.
+// The system calls of a connection: the receive timeout, set before connecting, and the address.
 
 #include "command_settings.h"
 #include "connection.h"
@@ -28,7 +28,7 @@ struct Attempt {
     sockaddr_un address{};
 };
 
-// Takes down what connect gets, and refuses the connection.
+// Records the arguments of connect, and refuses the connection.
 class ConnectionTest : public testing::Test {
 protected:
     std::vector<Attempt> attempts;
@@ -62,7 +62,7 @@ Ended RunWords(std::vector<std::string> words)
         arguments.push_back(word.data());
     }
     arguments.push_back(nullptr);
-    optind = 0; // begin anew
+    optind = 0; // restarts getopt_long
     return Capture([&] { return RunTool(static_cast<int>(words.size()), arguments.data()); });
 }
 
@@ -78,7 +78,7 @@ TEST_F(ConnectionTest, EveryCommandHasItsReceiveTimeoutWhenItConnects)
     for (const nlohmann::json &command : ExpectedCommands()) {
         auto words = command.at("least").get<std::vector<std::string>>();
         SCOPED_TRACE(words.back());
-        // Asking for another wait changes nothing.
+        // The option for the wait changes nothing.
         for (const std::vector<std::string> &wait : {std::vector<std::string>{}, {"-t", "0"}, {"-t", "1"}}) {
             words.insert(words.begin(), wait.begin(), wait.end());
             attempts.clear();

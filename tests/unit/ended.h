@@ -1,4 +1,4 @@
-// What a piece of a run leaves: its status, and what it said meanwhile.
+// The result of a part of a run: its status and its output.
 #ifndef PLAX_TESTS_UNIT_ENDED_H
 #define PLAX_TESTS_UNIT_ENDED_H
 

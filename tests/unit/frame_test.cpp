@@ -1,4 +1,4 @@
-// The frame in both directions, and the wrapping of errnos.
+// Frames in both directions, and statuses made from errnos.
 
 #include "frame.h"
 #include "socket_pair.h"
@@ -42,7 +42,7 @@ struct Sent {
 
 constexpr int kSocket = 77;
 
-// Takes down every send and answers it with the next of `results`: a count, or minus an errno.
+// Records every send and returns the next of `results`: a count, or minus an errno.
 class SendCommandTest : public testing::Test {
 protected:
     std::vector<Sent> sent;
@@ -125,11 +125,11 @@ TEST_F(SendCommandTest, ShortSendsAreNeitherNoticedNorRepeated)
     EXPECT_EQ(sent.size(), 2U);
 }
 
-// What ReceiveResponse gave, and what became of its outputs, which held 99 and the address of a text before.
+// The result of ReceiveResponse, and its outputs, which held 99 and the address of a text before the call.
 struct Received {
     QRT_ReturnStatus status;
     uint32_t length;
-    std::string payload; // with the byte that follows it in memory; or a word
+    std::string payload; // with the byte after it in memory; or a word
     std::string message;
 
     bool operator==(const Received &) const = default;
@@ -217,13 +217,13 @@ TEST(ReceiveResponse, TakesAPayloadThatNeverBeginsBeforeTheCloseForIncomplete)
     EXPECT_EQ(Receive(sockets), kIncomplete);
 }
 
-// What came must not be compared with -1, which the length would be as a signed number.
+// As a signed number, this length would be -1, the result of a failed receive.
 TEST(ReceiveResponse, TakesTheLargestLengthForWhatItIs)
 {
     SocketPair sockets;
     sockets.Answer("\0\0\0\7\xff\xff\xff\xff"sv);
     sockets.CloseDaemon();
-    systemCalls.fillMemory = false; // it would take gigabytes
+    systemCalls.fillMemory = false; // filling would touch gigabytes
     const Received received = Receive(sockets);
     systemCalls = {};
     EXPECT_EQ(received, kIncomplete);
@@ -231,7 +231,7 @@ TEST(ReceiveResponse, TakesTheLargestLengthForWhatItIs)
 
 TEST(ReceiveResponse, GivesZerosWhenThePayloadsReceiveFails)
 {
-    const SocketPair sockets; // nothing comes after the header, so the receive times out
+    const SocketPair sockets; // nothing follows the header, so the receive times out
     sockets.Answer("\0\0\0\7\0\0\0\5"sv);
     EXPECT_EQ(Receive(sockets), (Received{7, 5, std::string(6, '\0'), ""}));
 }

@@ -1,4 +1,4 @@
-// The stand-alone platform support library, and the allocators that end the run through it.
+// The stand-alone platform support library, and the allocators that abort through it.
 
 #include "platform_support.h"
 #include "safe_allocation.h"
@@ -69,7 +69,7 @@ TEST(UtilSafeStrdup0, GivesAnEmptyTextForAnEmptyText)
     free(copy);
 }
 
-// The byte behind the text's end cannot be read.
+// The byte after the end of the text is not readable.
 TEST(UtilSafeStrdup0, ReadsNoFurtherThanTheTextGoes)
 {
     const auto pageSize = static_cast<size_t>(sysconf(_SC_PAGESIZE));

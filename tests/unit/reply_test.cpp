@@ -1,4 +1,4 @@
-// The status that each reply class ends with, in all its 32 bits: an exit code shows only the low 8.
+// The full 32-bit status of each reply class: an exit code shows only the low 8 bits.
 
 #include "broken_pipe.h"
 #include "ended.h"

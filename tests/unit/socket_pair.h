@@ -1,4 +1,4 @@
-// Both ends of a connection, for tests that play the daemon themselves.
+// Both ends of a connection, for tests that act as the daemon.
 #ifndef PLAX_TESTS_UNIT_SOCKET_PAIR_H
 #define PLAX_TESTS_UNIT_SOCKET_PAIR_H
 
@@ -11,7 +11,7 @@
 #include <unistd.h>
 
 struct SocketPair {
-    int tool = -1; // its receives give up after a hundredth of a second
+    int tool = -1; // its receives time out after a hundredth of a second
     int daemon = -1;
 
     SocketPair()

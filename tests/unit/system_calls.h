@@ -1,5 +1,5 @@
-// The C library's functions that the tests watch, or let fail. The linker puts these in place of the real ones in the
-// test program and in the rooms it is linked from (its option --wrap).
+// Replacements for functions of the C library, which let the tests observe calls or make them fail. The linker option
+// --wrap puts them in place of the real functions, in the test program and in the tool's layers.
 #ifndef PLAX_TESTS_UNIT_SYSTEM_CALLS_H
 #define PLAX_TESTS_UNIT_SYSTEM_CALLS_H
 
@@ -8,13 +8,13 @@
 #include <sys/socket.h>
 
 struct SystemCalls {
-    // Where one of these is set, it is called instead of the real function.
+    // Each of these, if set, is called instead of the real function.
     std::function<int(int, const sockaddr *, socklen_t)> connect;
     std::function<int()> setsockopt;
     std::function<ssize_t(int, const void *, size_t, int)> send;
-    // Whether malloc and calloc have no more memory to give.
+    // Makes malloc and calloc fail.
     bool outOfMemory = false;
-    // Whether what malloc gives is full of 0xaa, so that a byte which the code forgets to write is not zero by luck.
+    // Makes malloc fill memory with 0xaa, so that a byte that the code does not write is not zero by chance.
     bool fillMemory = true;
 };
 

@@ -1,5 +1,4 @@
-// Does what memcheck must notice: decides by a byte that nobody has set, and leaks. Run to show that a clean result
-// means something.
+// Branches on an unset byte, and leaks: memcheck must report both, or its clean results mean nothing.
 #include <cstdio>
 #include <cstdlib>
 

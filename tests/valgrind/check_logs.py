@@ -1,14 +1,14 @@
 #!/usr/bin/python3
-"""Reads the logs that memcheck wrote, one a run, and fails on anything in them that is not expected.
+"""Reads memcheck's logs, one per run, and fails on anything unexpected.
 
-A run's exit code tells of errors too, but not when the run ended by a signal. Descriptors never change it.
+memcheck's exit code reports errors too, but not after a signal, and never open descriptors.
 """
 
 import re
 import sys
 from pathlib import Path
 
-# How a paragraph of a log begins, and what must stand in it.
+# The beginning of a paragraph, and the text that it must contain.
 EXPECTED = (
     (r"FILE DESCRIPTORS: \d+ open \(\d+ std\) at exit\.$", ""),
     (r"Open .*", "<inherited from parent>"),

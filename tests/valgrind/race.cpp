@@ -1,4 +1,4 @@
-// Two threads that count without a lock: ThreadSanitizer must object.
+// Two threads that count without a lock, which ThreadSanitizer must report.
 
 #include <thread>
 
