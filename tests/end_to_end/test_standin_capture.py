@@ -1,4 +1,4 @@
-"""plaxd-standin --capture: what tshark shows of a capture is what the log has and what was sent."""
+"""plaxd-standin --capture: tshark decodes the bytes sent and the fields in the log."""
 
 import json
 import os
@@ -19,7 +19,7 @@ LINKS = ("plaxd.request_in", "plaxd.reply_in", "plaxd.time")
 
 
 def packets(capture):
-    """What tshark shows of each packet: the values by the names of their fields, always as lists."""
+    """tshark's output for each packet: lists of values by field name."""
     run = subprocess.run(["tshark", "-2", "-X", f"lua_script:{DISSECTOR}", "-r", capture, "-T", "json",
                           "--no-duplicate-keys"], stdin=subprocess.DEVNULL, capture_output=True, check=True, timeout=60)
     assert re.sub(rb"Running as user.*\n", b"", run.stderr) == b""
@@ -27,7 +27,7 @@ def packets(capture):
 
 
 def flat(tree):
-    """Expert messages stand below the fields that they belong to."""
+    """Expert messages are below the fields that they belong to."""
     values = {}
     for key, value in tree.items():
         for part in value if isinstance(value, list) else [value]:
@@ -168,7 +168,7 @@ def test_relay_shows_each_piece_of_a_stream(capture):
 
 
 def test_reply_before_the_request_is_shown_after_it(capture):
-    """A daemon that answers what it has not read yet."""
+    """A daemon that answers before it reads the request."""
     with ScriptedDaemon(send(frame(5, b"no")), stay_silent(), read_request=False) as daemon:
         with Standin("--to", daemon.path, "--capture", capture, command="relay") as relay:
             with relay.connect() as client:
@@ -180,7 +180,7 @@ def test_reply_before_the_request_is_shown_after_it(capture):
 
 
 def test_long_packets_are_cut_without_a_complaint(capture):
-    """tshark reads packets of 256 KiB at most."""
+    """tshark reads packets of at most 256 KiB."""
     text = "7" * 400000
     with Standin("--capture", capture).answers({"fitness-config-set": {"text": text}}) as plaxd:
         assert plaxd.exchange(frame(4, text.encode() + b"\0")) == frame(0, text.encode())
@@ -208,7 +208,7 @@ def test_unwritable_capture_is_an_error_at_the_start(tmp_path, command, path, me
 
 
 def test_capture_that_fails_later(tmp_path):
-    """A pipe takes the place of a disk that becomes full."""
+    """A pipe replaces a disk that becomes full."""
     pipe, path = str(tmp_path / "pipe"), str(tmp_path / "uds")
     os.mkfifo(pipe)
     reader = os.open(pipe, os.O_RDONLY | os.O_NONBLOCK)

@@ -1,4 +1,4 @@
-"""Every message and every exit status in docs/troubleshooting.md comes up as the tables there say.
+"""Every message and every exit status in docs/troubleshooting.md occurs as the tables say.
 
 The rows are read from the document. A row without a case below fails, and so does a case without a row.
 """
@@ -35,7 +35,7 @@ def table(title):
     return [[cell.strip() for cell in row.split("|")] for row in rows]
 
 
-# ---- What can happen to a run ----
+# ---- Ways in which a run fails ----
 
 def with_daemon(*steps, words, **options):
     """Runs the tool against a daemon that does these steps. The options are the tool's."""
@@ -70,7 +70,7 @@ def with_abandoned_socket():
 
 
 def with_connection_closed_first(word):
-    """The daemon is gone before the tool sends."""
+    """The daemon has ended before the tool sends."""
     with ScriptedDaemon(close(), read_request=False) as plaxd:
         return tool("-s", plaxd.path, word, env=preloaded(PLAX_HANGUP_BEFORE_SEND="1"))
 
@@ -214,7 +214,7 @@ def test_no_message_is_left_out():
 
 
 def shown(message):
-    """The pattern of a message, in which a word in capitals or three dots stand for any text."""
+    """The pattern of a message, in which a word in capitals or three dots match any text."""
     return re.sub(r"\b(NAME|REASON|WORD|VALUE|NUMBER|PROGRAM|LETTER|LIST)\b|\\\.\\\.\\\.", ".+", re.escape(message))
 
 
@@ -289,7 +289,7 @@ MARKS = {
 
 
 def causes():
-    """Status, whether standard error holds something, and cause, for each part of a cell that a semicolon ends."""
+    """Status, whether standard error is not empty, and cause, for each part of a cell up to a semicolon."""
     return [(int(status), column == 1, cause.strip()) for status, *cells in table("By exit status")
             for column, cell in enumerate(cells) for cause in cell.split(";") if cause.strip()]
 
