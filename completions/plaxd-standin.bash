@@ -10,7 +10,7 @@ _plaxd_standin_options()
     local daemon='--socket --socket-mode --log --format --strict --ready-fd --capture --help'
     case $1 in
         serve) _plaxd_standin_words "$daemon --answers --expect" ;;
-        relay) _plaxd_standin_words "$daemon --to" ;;
+        relay) _plaxd_standin_words "$daemon --to --answers" ;;
         rehearse) _plaxd_standin_words '--answers --expect --log --format --strict --capture --socket-option --help' ;;
         decode) _plaxd_standin_words '--format --strict --help' ;;
     esac

@@ -26,7 +26,7 @@ complete -c plaxd-standin -n "__fish_seen_subcommand_from $commands" -l format -
     -d 'text (the default), json or commands'
 complete -c plaxd-standin -n "__fish_seen_subcommand_from $commands" -l strict -a 'violations warnings' \
     -d 'Exit with status 1 after violations (and warnings)'
-complete -c plaxd-standin -n '__fish_seen_subcommand_from serve rehearse' -l answers -rF \
+complete -c plaxd-standin -n '__fish_seen_subcommand_from serve relay rehearse' -l answers -rF \
     -d 'Take answers and faults from this JSON file'
 complete -c plaxd-standin -n '__fish_seen_subcommand_from serve rehearse' -l expect -rF \
     -d 'Exit with status 1 unless these requests came'

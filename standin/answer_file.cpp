@@ -26,6 +26,7 @@ namespace {
 
 struct Reader {
     std::filesystem::path folder; // payload files are named from here
+    bool canPass;                 // there is a daemon to pass requests on to
     std::vector<std::string> errors;
 };
 
@@ -341,6 +342,24 @@ static uint32_t ReadTimes(Reader *reader, const Place &place, const Json &json)
     return json.contains("times") ? static_cast<uint32_t>(times) : 1;
 }
 
+static bool ReadPass(Reader *reader, const Place &place, const Json &json)
+{
+    const auto found = json.find("pass");
+    if (found == json.end()) {
+        return false;
+    }
+    if (*found != true) {
+        Report(reader, place / "pass", "must be true");
+    }
+    if (!reader->canPass) {
+        Report(reader, place / "pass", "needs a daemon, which only a relay has");
+    }
+    for (const char *key : {"status", "text", "file", "pieces", "fault", "faultBytes"}) {
+        RefuseUseless(reader, place, json, key, "is never used: the request is passed on");
+    }
+    return true;
+}
+
 static Answer ReadAnswer(Reader *reader, const Place &place, const Json &json, ReplyClass replyClass)
 {
     Answer answer;
@@ -348,7 +367,8 @@ static Answer ReadAnswer(Reader *reader, const Place &place, const Json &json, R
         return answer;
     }
     RefuseOtherKeys(reader, place, json,
-                    {"times", "status", "text", "file", "pieces", "delayMs", "fault", "faultBytes"});
+                    {"times", "pass", "status", "text", "file", "pieces", "delayMs", "fault", "faultBytes"});
+    answer.pass = ReadPass(reader, place, json);
     answer.times = ReadTimes(reader, place, json);
     answer.status = ReadStatus(reader, place, json);
     answer.delay = ReadPause(reader, place, json, "delayMs");
@@ -489,9 +509,9 @@ static std::string AllErrors(const std::string &path, const std::vector<std::str
     return text;
 }
 
-AnswerBook ReadAnswerFile(const std::string &path)
+AnswerBook ReadAnswerFile(const std::string &path, bool canPass)
 {
-    Reader reader{std::filesystem::path(path).parent_path(), {}};
+    Reader reader{std::filesystem::path(path).parent_path(), canPass, {}};
     std::string text;
     if (const int error = ReadFile(path, &text); error != 0) {
         throw std::runtime_error(SystemError(path, error));

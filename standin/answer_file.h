@@ -9,8 +9,9 @@
 namespace standin {
 
 // The built-in answers, with those of the file in the place of theirs. Throws when anything in the file is wrong; the
-// message then names every error, each on a line of its own with its place.
-AnswerBook ReadAnswerFile(const std::string &path);
+// message then names every error, each on a line of its own with its place. `canPass` says whether there is a daemon to
+// pass requests on to.
+AnswerBook ReadAnswerFile(const std::string &path, bool canPass = false);
 
 } // namespace standin
 

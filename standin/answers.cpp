@@ -96,15 +96,15 @@ static const Answer &NextAnswer(AnswerEntry *entry)
 ChosenAnswer ChooseAnswer(AnswerBook *book, const DecodedRequest &request)
 {
     if (request.command == nullptr) {
-        return {&Refusal(), false};
+        return {&Refusal(), AnswerSource::BuiltIn};
     }
     CommandAnswers &answers = book->find(AnswerKey(*request.command, request.allObjects))->second;
     for (AnswerEntry &entry : answers.entries) {
         if (Fits(entry, request)) {
-            return {&NextAnswer(&entry), false};
+            return {&NextAnswer(&entry), AnswerSource::File};
         }
     }
-    return {&answers.builtIn, !answers.entries.empty()};
+    return {&answers.builtIn, answers.entries.empty() ? AnswerSource::BuiltIn : AnswerSource::Unmatched};
 }
 
 static void AddUnused(const AnswerEntry &entry, std::vector<std::string> *places)

@@ -47,6 +47,7 @@ struct Answer {
     uint32_t times = 1; // that it is given before the next one's turn
     uint32_t status = 0;
     std::chrono::milliseconds delay{};
+    bool pass = false;         // the request on to the daemon, instead of a reply
     std::vector<Piece> pieces; // of the payload, or of the stream
     Fault fault = Fault::None;
     uint32_t faultBytes = 0; // of the header that is cut, or announced
@@ -72,8 +73,7 @@ struct CommandAnswers {
     const CommandRow *command;
     ReplyClass replyClass;
     Answer builtIn;
-    std::vector<AnswerEntry>
-        entries; // the first one that fits answers; none: the command is left to the built-in answer
+    std::vector<AnswerEntry> entries; // the first one that fits answers; none: the built-in answer does
 };
 
 using AnswerBook = std::map<std::string, CommandAnswers, std::less<>>;
@@ -84,9 +84,15 @@ std::string AnswerKey(const CommandRow &row, bool allObjects);
 // The built-in answers alone: one plain answer a command.
 AnswerBook BuiltInAnswers();
 
+enum class AnswerSource {
+    File,
+    BuiltIn,   // the command has no entries
+    Unmatched, // none of the command's entries fits, so the answer is the built-in one
+};
+
 struct ChosenAnswer {
     const Answer *answer;
-    bool isUnmatched; // the command has entries, but none of them fits: the answer is the built-in one
+    AnswerSource source;
 };
 
 ChosenAnswer ChooseAnswer(AnswerBook *book, const DecodedRequest &request);

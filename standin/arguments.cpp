@@ -140,6 +140,11 @@ static CLI::App *AddDaemon(CLI::App *app, const char *name, const char *help, Se
 static void AddAnswers(CLI::App *command, Settings *settings)
 {
     AddValue(command, "--answers", &settings->answersPath, " FILE", "Take answers and faults from this JSON file");
+}
+
+static void AddRehearsal(CLI::App *command, Settings *settings)
+{
+    AddAnswers(command, settings);
     AddValue(command, "--expect", &settings->expectPath, " FILE", "Exit with status 1 unless these requests came");
 }
 
@@ -147,7 +152,7 @@ static void AddRehearse(CLI::App *app, Settings *settings, TypedValues *typed)
 {
     CLI::App *command = AddCommand(app, "rehearse", "Run a script and answer its requests");
     command->footer(" -- SCRIPT [ARGUMENT]...");
-    AddAnswers(command, settings);
+    AddRehearsal(command, settings);
     AddValue(command, "--log", &settings->logPath, " FILE", "Append the log to FILE; default: no log");
     AddOutputOptions(command, typed);
     AddCapture(command, settings);
@@ -158,9 +163,10 @@ static void AddRehearse(CLI::App *app, Settings *settings, TypedValues *typed)
 static void AddCommands(CLI::App *app, Settings *settings, TypedValues *typed)
 {
     CLI::App *serve = AddDaemon(app, "serve", "Answer requests until SIGTERM or SIGINT", settings, typed);
-    AddAnswers(serve, settings);
+    AddRehearsal(serve, settings);
     CLI::App *relay = AddDaemon(app, "relay", "Pass requests on to a daemon until SIGTERM or SIGINT", settings, typed);
     AddValue(relay, "--to", &settings->daemonPath, " PATH", "Socket of the daemon; default: /var/run/plaxd.uds");
+    AddAnswers(relay, settings);
     AddRehearse(app, settings, typed);
     CLI::App *decode = AddCommand(app, "decode", "Show what the bytes of a request mean; FILE -: standard input");
     AddValue(decode, "file", &settings->requestPath, "FILE", "")->required();

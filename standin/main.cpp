@@ -1,6 +1,7 @@
 // plaxd-standin: stands in for plaxd, for rehearsals and tests. This file runs the command that was asked for.
 
 #include "answer_file.h"
+#include "answering_relay.h"
 #include "arguments.h"
 #include "capture.h"
 #include "expectations.h"
@@ -142,8 +143,9 @@ static int RunDaemon(const Settings &settings, const Daemon &daemon)
 
 static std::shared_ptr<AnswerBook> ReadAnswers(const Settings &settings)
 {
+    const bool canPass = settings.command == Command::Relay;
     return std::make_shared<AnswerBook>(settings.answersPath.empty() ? BuiltInAnswers()
-                                                                     : ReadAnswerFile(settings.answersPath));
+                                                                     : ReadAnswerFile(settings.answersPath, canPass));
 }
 
 static void ReloadAnswers(const Settings &settings, Answers *answers)
@@ -228,6 +230,14 @@ static int Relay(const Settings &settings)
     daemon.make = [&](Connection connection, const Watch &watch, Log *log) {
         return MakeRelaySession(std::move(connection), watch, settings.daemonPath, log);
     };
+    Answers answers;
+    if (!settings.answersPath.empty()) {
+        answers.book = ReadAnswers(settings);
+        daemon.make = [&](Connection connection, const Watch &watch, Log *log) {
+            return MakeAnsweringRelaySession(std::move(connection), watch, answers, settings.daemonPath, log);
+        };
+        daemon.reload = [&] { ReloadAnswers(settings, &answers); };
+    }
     return RunDaemon(settings, daemon);
 }
 

@@ -51,11 +51,8 @@ enum class Step { Moved, Waiting, Ended, Reset };
 
 class RelaySession : public Session {
 public:
-    RelaySession(Connection connection, const Watch &watch, const std::string &daemonPath, Log *log)
-        : connection_(std::move(connection)), watch_(watch), daemonPath_(daemonPath), log_(log)
-    {
-        Connect();
-    }
+    RelaySession(Connection connection, const Watch &watch, const std::string &daemonPath, Log *log,
+                 const TakenRequest &taken);
 
     Progress Advance() override;
     void Stop() override;
@@ -168,6 +165,19 @@ static void PassOnEnd(Flow *flow)
     flow->ended = true;
 }
 
+// The last byte of a request that is whole, or too long, still lies in the socket's queue.
+RelaySession::RelaySession(Connection connection, const Watch &watch, const std::string &daemonPath, standin::Log *log,
+                           const TakenRequest &taken)
+    : connection_(std::move(connection)), watch_(watch), daemonPath_(daemonPath), log_(log), ticket_(taken.ticket)
+{
+    request_.pending.assign(taken.bytes.begin(), taken.bytes.end());
+    if (!taken.bytes.empty()) {
+        request_.unread = RequestBytesDue(taken.bytes) == 0 ? 1 : 0;
+        SeeRequest(request_.pending);
+    }
+    Connect();
+}
+
 Progress RelaySession::Advance()
 {
     return (this->*doing_)();
@@ -208,14 +218,16 @@ void RelaySession::Connect()
 void RelaySession::BeginPassing()
 {
     const int client = connection_.socket.Get();
-    const int offset = 0;
-    for (const int socket : {client, daemon_.Get()}) {
-        if (setsockopt(socket, SOL_SOCKET, SO_PEEK_OFF, &offset, sizeof offset) < 0) {
+    request_.from = client;
+    request_.to = daemon_.Get();
+    request_.sender = "client";
+    reply_ = {daemon_.Get(), client, "daemon", {}};
+    for (const Flow *flow : {&request_, &reply_}) {
+        const int offset = static_cast<int>(flow->unread);
+        if (setsockopt(flow->from, SOL_SOCKET, SO_PEEK_OFF, &offset, sizeof offset) < 0) {
             throw std::runtime_error(SystemError("setsockopt", errno));
         }
     }
-    request_ = {client, daemon_.Get(), "client", {}};
-    reply_ = {daemon_.Get(), client, "daemon", {}};
     doing_ = &RelaySession::Pass;
     watch_.Add(daemon_.Get());
 }
@@ -352,10 +364,9 @@ Progress RelaySession::Pass()
 
 void RelaySession::AddToLog()
 {
-    if (ticket_ != nullptr) {
-        return;
+    if (ticket_ == nullptr) {
+        ticket_ = log_->Add(connection_.since, connection_.number, capture_.bytes);
     }
-    ticket_ = log_->Add(connection_.since, connection_.number, capture_.bytes);
     if (!early_.empty()) {
         log_->AddSent(ticket_, std::exchange(early_, {}));
     }
@@ -390,9 +401,9 @@ Progress RelaySession::Log(std::string_view outcome, std::string end)
 }
 
 std::unique_ptr<Session> MakeRelaySession(Connection connection, const Watch &watch, const std::string &daemonPath,
-                                          Log *log)
+                                          Log *log, const TakenRequest &taken)
 {
-    return std::make_unique<RelaySession>(std::move(connection), watch, daemonPath, log);
+    return std::make_unique<RelaySession>(std::move(connection), watch, daemonPath, log, taken);
 }
 
 } // namespace standin

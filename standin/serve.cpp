@@ -45,6 +45,9 @@ public:
     Progress Advance() override;
     void Stop() override;
 
+    // The request has come, and is answered so.
+    void Begin(LogTicket ticket, const ChosenAnswer &chosen);
+
 private:
     Progress Read();
     Progress Delay();
@@ -165,17 +168,22 @@ Progress ServeSession::Read()
     return TakeRequest(state == RequestState::Whole);
 }
 
+void ServeSession::Begin(LogTicket ticket, const ChosenAnswer &chosen)
+{
+    ticket_ = std::move(ticket);
+    book_ = answers_.book;
+    answer_ = chosen.answer;
+    unmatched_ = chosen.source == AnswerSource::Unmatched;
+    ticket_->entry.fault = NameOf(answer_->fault);
+    step_ = &ServeSession::Delay;
+}
+
 Progress ServeSession::TakeRequest(bool whole)
 {
     ticket_ = log_->Add(connection_.since, connection_.number, request_);
     LogEntry &logged = ticket_->entry;
     if (whole) {
-        book_ = answers_.book;
-        const ChosenAnswer chosen = ChooseAnswer(book_.get(), logged.request);
-        answer_ = chosen.answer;
-        unmatched_ = chosen.isUnmatched;
-        logged.fault = NameOf(answer_->fault);
-        step_ = &ServeSession::Delay;
+        Begin(ticket_, ChooseAnswer(answers_.book.get(), logged.request));
         return Delay();
     }
     logged.outcome = "unanswered";
@@ -327,6 +335,14 @@ Progress ServeSession::Finish(std::string end)
 std::unique_ptr<Session> MakeServeSession(Connection connection, const Answers &answers, Log *log)
 {
     return std::make_unique<ServeSession>(std::move(connection), answers, log);
+}
+
+std::unique_ptr<Session> MakeAnswerSession(Connection connection, const Answers &answers, Log *log, LogTicket ticket,
+                                           const ChosenAnswer &chosen)
+{
+    auto session = std::make_unique<ServeSession>(std::move(connection), answers, log);
+    session->Begin(std::move(ticket), chosen);
+    return session;
 }
 
 } // namespace standin

@@ -14,6 +14,10 @@ struct Answers {
 
 std::unique_ptr<Session> MakeServeSession(Connection connection, const Answers &answers, Log *log);
 
+// For a request that has been read, but for its last byte, and for which the answer has been chosen.
+std::unique_ptr<Session> MakeAnswerSession(Connection connection, const Answers &answers, Log *log, LogTicket ticket,
+                                           const ChosenAnswer &chosen);
+
 } // namespace standin
 
 #endif

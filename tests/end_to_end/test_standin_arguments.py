@@ -55,6 +55,7 @@ options:
   --ready-fd N          Write a newline to descriptor N when ready
   --capture FILE        Write requests and replies to FILE for Wireshark
   --to PATH             Socket of the daemon; default: /var/run/plaxd.uds
+  --answers FILE        Take answers and faults from this JSON file
 """
 
 HELP_REHEARSE = """\
@@ -119,7 +120,7 @@ def test_no_command(words, message):
     (["serve", "--sockets", "s"], "unknown option: --sockets"),
     (["serve", "-x", "--socket", "s"], "unknown option: -x"),
     (["serve", "--socket", "s", "--", "more"], "unexpected argument: more"),
-    (["relay", "--socket", "s", "--answers", "f"], "unknown option: --answers"),
+    (["serve", "--socket", "s", "--to", "d"], "unknown option: --to"),
     (["decode"], "FILE is required"),
     (["decode", "--socket", "s", "-"], "unknown option: --socket"),
     (["serve", "--socket", "s", "--format", "xml"], "--format must be text, json or commands, not xml"),
