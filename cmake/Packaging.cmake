@@ -137,7 +137,7 @@ Recommends: plax-tool
 %endif")
 # Every system has these directories. The shells' directories exist only with the shells, which share them.
 set(CPACK_RPM_EXCLUDE_FROM_AUTO_FILELIST_ADDITION
-    /usr/sbin /usr/share/man /usr/share/man/man1 /usr/share/man/man8)
+    /usr/sbin /usr/share/man /usr/share/man/man1 /usr/share/man/man5 /usr/share/man/man8)
 set(CPACK_RPM_plax-tool_PACKAGE_NAME plax-tool)
 set(CPACK_RPM_plax-tool_PACKAGE_SUMMARY "Administer plaxd, the placement daemon of clustered storage")
 set(CPACK_RPM_plax-tool_PACKAGE_DESCRIPTION "${tool_description}")

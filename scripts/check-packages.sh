@@ -28,7 +28,7 @@ zsh_directories=() # searched in addition to its own
 
 check_manual_pages() {
     local page
-    for page in plax-tool.8 plaxd-standin.1; do
+    for page in plax-tool.8 plaxd-standin.1 plaxd-standin-answers.5; do
         in_root man --pager=cat "$page" >"$build/$page.txt"
         head -n 1 "$build/$page.txt"
         grep --quiet "^NAME" "$build/$page.txt"

@@ -26,6 +26,7 @@ STANDIN = {
     "-rw-r--r-- share/doc/plax-tool-standin/examples/healthy.json",
     "-rw-r--r-- share/doc/plax-tool-standin/standin-answers.schema.json",
     "-rw-r--r-- share/man/man1/plaxd-standin.1.gz",
+    "-rw-r--r-- share/man/man5/plaxd-standin-answers.5.gz",
 }
 
 

@@ -60,10 +60,11 @@ def test_examples_name_the_schema_where_it_is(installed):
 
 @needs_standin
 @pytest.mark.parametrize("prefix", ["/usr", "/opt/placement"])
-def test_page_names_files_that_are_there(installed, prefix):
+@pytest.mark.parametrize("page", ["man1/plaxd-standin.1", "man5/plaxd-standin-answers.5"])
+def test_page_names_files_that_are_there(installed, prefix, page):
     root = f"{installed(prefix, 'plax-tool-standin')}{prefix}"
-    with gzip.open(f"{root}/share/man/man1/plaxd-standin.1.gz", "rt") as page:
-        named = re.findall(r"^\.It Pa (share/.*)$", page.read(), re.MULTILINE)
+    with gzip.open(f"{root}/share/man/{page}.gz", "rt") as text:
+        named = re.findall(r"^\.It Pa (share/.*)$", text.read(), re.MULTILINE)
     assert named == ["share/doc/plax-tool-standin/standin-answers.schema.json", "share/doc/plax-tool-standin/examples"]
     assert all(os.path.exists(f"{root}/{path}") for path in named)
 
@@ -111,6 +112,8 @@ def test_standin_runs(installed):
 @pytest.mark.parametrize("component, page, source", [
     ("plax-tool", "man8/plax-tool.8.gz", "man/plax-tool.8"),
     pytest.param("plax-tool-standin", "man1/plaxd-standin.1.gz", "man/plaxd-standin.1", marks=needs_standin),
+    pytest.param("plax-tool-standin", "man5/plaxd-standin-answers.5.gz", "man/plaxd-standin-answers.5",
+                 marks=needs_standin),
 ])
 def test_manual_pages(installed, component, page, source):
     with gzip.open(f"{installed('/usr', component)}/usr/share/man/{page}", "rb") as installed_page, \
@@ -183,4 +186,5 @@ def test_uninstall_removes_all_but_the_directories_of_the_system(own_manifest, t
             if not below_it] == [
         "etc/fish/completions []", "usr/local/bin []", "usr/local/lib/wireshark/plugins []", "usr/local/sbin []",
         "usr/local/share/bash-completion/completions []", "usr/local/share/doc ['other']",
-        "usr/local/share/man/man1 []", "usr/local/share/man/man8 []", "usr/local/share/zsh/site-functions []"]
+        "usr/local/share/man/man1 []", "usr/local/share/man/man5 []", "usr/local/share/man/man8 []",
+        "usr/local/share/zsh/site-functions []"]
