@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <string_view>
 
-// What libFuzzer calls for each input; the replay program calls it for each seed. Returns 0.
+// libFuzzer calls it for each input, and the replay program for each seed. Returns 0.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 
 inline std::string_view AsText(const uint8_t *data, size_t size)

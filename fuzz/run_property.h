@@ -1,4 +1,4 @@
-// What must hold of every run, whatever its command line: a usage error makes no connection; otherwise the request
+// The properties of every run, for any command line: a usage error makes no connection. Otherwise the request
 // decodes without a violation, and its fields are the settings that the options and words ask for.
 #ifndef PLAX_FUZZ_RUN_PROPERTY_H
 #define PLAX_FUZZ_RUN_PROPERTY_H

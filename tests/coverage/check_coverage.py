@@ -13,7 +13,7 @@ import sys
 
 
 def unreached(files):
-    """Yields (kind, file, line number) for everything that was not reached."""
+    """Yields (kind, file, line number) for each unreached place."""
     for file in files:
         name = os.path.relpath(file["filename"])
         for line, _, count, has_count, _, is_gap in file["segments"]:

@@ -22,7 +22,7 @@ def imports(path):
 
 
 def is_sanitized(path):
-    """Whether the program is built with a sanitizer, which wants memory and descriptors of its own."""
+    """Whether the program is built with a sanitizer, which needs additional memory and descriptors."""
     with open(path, "rb") as binary:
         content = binary.read()
     return b"__asan_init" in content or b"__tsan_init" in content

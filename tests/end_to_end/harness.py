@@ -74,7 +74,7 @@ def finish_tool(process):
         process.kill()
         process.communicate()
         raise
-    if RUNNER and stderr:  # an emulator adds a line of its own when the tool aborts
+    if RUNNER and stderr:  # an emulator adds a line when the tool aborts
         stderr = b"".join(line for line in stderr.splitlines(True) if not line.startswith(b"qemu: "))
     return Outcome(stdout, stderr, process.returncode)
 
@@ -207,7 +207,7 @@ def await_taken():
     """Waits until the tool has read everything sent, so that it receives the next bytes separately."""
     def step(daemon):
         if not eventually(lambda: queued(daemon.connection, termios.TIOCOUTQ) == 0, PATIENCE):
-            raise TimeoutError("the tool never took what was sent")
+            raise TimeoutError("the tool did not read all bytes")
     return step
 
 
@@ -223,7 +223,7 @@ class ScriptedDaemon:
         self.steps = steps
         self.expected_connections = connections
         self.read_request = read_request  # False: the steps start as soon as the tool has connected
-        self.may_break = may_break  # True: a step may fail because the tool is gone
+        self.may_break = may_break  # True: a step may fail because the tool has ended
         self.directory = tempfile.mkdtemp(prefix="plaxd-")
         self.path = path or os.path.join(self.directory, "plaxd.uds")
         self.received = b""

@@ -84,7 +84,7 @@ class Rehearsal:
         return environment(**{"TMPDIR": self.temporary, "PATH": f"{self.tools}:{SYSTEM_PATH}", **changes})
 
     def start(self, *words, user=(), env=None, before=lambda: None, **options):
-        """Starts a rehearsal in a session of its own, with no signal ignored, after a call of `before` there."""
+        """Starts a rehearsal in a new session, with no signal ignored. Calls `before` in the child first."""
         def prepare():
             for number in (signal.SIGINT, signal.SIGQUIT):
                 signal.signal(number, signal.SIG_DFL)

@@ -118,7 +118,7 @@ class Terminal:
             while piece := os.read(self.master, 65536):
                 self.screen += piece
         except OSError:
-            pass  # the shell is gone
+            pass  # the shell has ended
 
     def press(self, keys):
         """Presses the keys and returns the shell's next report."""

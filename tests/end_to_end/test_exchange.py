@@ -230,7 +230,7 @@ def unless_too_long(length, outcome):
 
 @pytest.mark.parametrize("length", [11, 12, 0x7fffffff, 0x80000000, 0xfffffffe, 0xffffffff])
 @pytest.mark.parametrize("status", [0, 5])
-def test_length_above_what_comes(status, length):
+def test_length_above_the_payload(status, length):
     # Without MALLOC_PERTURB_, which would fill gigabytes first.
     run = outcome_of(send(struct.pack(">II", status, length) + b"0123456789"), env={})
     assert run == unless_too_long(length, EMPTY_LINE_AND_WARNING)

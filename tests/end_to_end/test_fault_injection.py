@@ -535,7 +535,7 @@ def test_nothing_is_asked_of_the_daemon_after_a_request_without_answer(row):
     assert set(calls_of(of_row(row))[len(before) + 1:]) == {"free"}
 
 
-def test_output_file_is_created_for_everyone_whom_the_mask_lets():
+def test_output_file_is_created_with_all_permissions_of_the_mask():
     assert [lines_of(scenario, "open") for scenario in SCENARIOS if scenario.file] == [["open 577 666"]]
 
 

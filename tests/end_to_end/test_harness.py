@@ -117,7 +117,7 @@ def test_answer_that_is_never_taken_fails(impatient):
                 eventually(lambda: plaxd.error)
 
 
-def test_what_was_taken_is_met_by_a_read_of_its_own():
+def test_bytes_after_a_wait_are_read_separately():
     with ScriptedDaemon(send(b"a"), await_taken(), send(b"b")) as plaxd:
         with connect(plaxd) as peer:
             peer.sendall(frame(1))
@@ -163,7 +163,7 @@ def test_environment_of_the_tool_is_plain(monkeypatch):
     assert ("POSIXLY_CORRECT" in kept, "LC_ALL" in kept, kept["LANG"], kept["EXTRA"]) == (False, False, "C", "x")
 
 
-def test_collect_gives_what_came_in_time():
+def test_collect_returns_the_bytes_in_time():
     process = run_python("import os, time; os.write(1, b'abc'); time.sleep(0.5); os.write(1, b'def')")
     assert collect(process.stdout, 2) == b"ab"
     assert collect(process.stdout, 4, patience=0.1) == b"c"

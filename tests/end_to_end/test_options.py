@@ -385,7 +385,7 @@ def has_own_mounts():
                                                       stderr=subprocess.DEVNULL).returncode == 0
 
 
-@pytest.mark.skipif(not has_own_mounts(), reason="no mounts of one's own may be made here")
+@pytest.mark.skipif(not has_own_mounts(), reason="the system allows no mount namespaces")
 def test_socket_path_not_given():
     with ScriptedDaemon(reply(0, b"abc")) as plaxd:
         run = finish_tool(subprocess.Popen([*own_mounts(plaxd.directory), *RUNNER, TOOL, "fitness-stats-get"],

@@ -103,7 +103,7 @@ def test_stream_into_a_full_pipe():
     assert into_a_pipe_without_waiting(send(TEXT), STREAMED, FILLING) == (FILLING, Outcome(None, b"", 0))
 
 
-# ---- A reader that comes late, or leaves ----
+# ---- A reader that reads late, or closes ----
 
 def with_a_filled_pipe(step, words, read, disposition=signal.SIG_DFL):
     """Runs the tool into a pipe, and calls `read` as soon as the pipe is full. Returns the result of `read`, and the

@@ -91,7 +91,7 @@ def test_uuid_text(code, word, _shape, given, sent):
     assert_accepted(("-u", given, word), code, sent)
 
 
-def test_all_does_not_stand_for_a_uuid_in_the_request():
+def test_all_does_not_change_the_uuid_in_the_request():
     assert_accepted(("info-rebalance", "-a"), 14, ZERO_UUID)
     assert_accepted(("info-rebalance", "-a", "-u", UUID), 14, UUID)
 

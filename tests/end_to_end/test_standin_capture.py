@@ -40,7 +40,7 @@ def flat(tree):
 
 
 def shown(packet):
-    """Without what tells where the packet belongs."""
+    """The packet without its links to other packets."""
     return {key.removeprefix("plaxd."): value if len(value) > 1 else value[0] for key, value in packet.items()
             if key not in LINKS + ("plaxd.connection", "plaxd.command")}
 
@@ -89,7 +89,7 @@ def test_command(every, index):
 
 
 def assert_reply(row, numbers, found):
-    """What the packets between the request and the end show, and their links."""
+    """Compares the packets from the request to the end, and their links."""
     kinds = {PRINTED: ["reply"], CHECKED: ["reply"], STREAMED: ["stream"], UNANSWERED: []}
     assert [packet["plaxd.kind"][0] for packet in found[1:-1]] == kinds[row.reply]
     for packet in found[1:]:

@@ -20,7 +20,7 @@ def help_rows(*words_before):
     return dict(commands), {row[0]: row[1] for row in rows if row not in commands}
 
 
-def test_help_lists_what_is_tried_here():
+def test_help_lists_the_commands_tested_here():
     commands, options = help_rows()
     assert (list(commands), list(options)) == (COMMANDS, ["--help", "--version"])
     assert [len(help_rows(command)[1]) for command in COMMANDS] == [10, 10, 8, 3]

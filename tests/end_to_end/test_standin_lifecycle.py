@@ -121,7 +121,7 @@ def test_relay_ends_while_it_waits_for_a_daemon_with_a_full_queue(tmp_path, path
 
 @pytest.mark.parametrize("make", [lambda path: open(path, "wb").close(), os.mkdir,
                                   lambda path: os.symlink("nowhere", path)])
-def test_what_is_no_socket_is_left_alone(make, path):
+def test_other_files_are_left_alone(make, path):
     make(path)
     before = os.lstat(path)
     assert run_standin("serve", "--socket", path) == (
@@ -220,7 +220,7 @@ def test_log_that_cannot_be_written(path):
     assert not os.path.exists(path)
 
 
-@pytest.mark.skipif(is_sanitized(STANDIN), reason="the sanitizer takes descriptors of its own to look at memory")
+@pytest.mark.skipif(is_sanitized(STANDIN), reason="the sanitizer needs additional descriptors")
 def test_few_descriptors(path):
     """Without free descriptors, the stand-in prints a message, and further clients wait until others leave."""
     process = subprocess.Popen(["sh", "-c", 'ulimit -n 12; exec "$@"', "sh", STANDIN, "serve", "--socket", path],

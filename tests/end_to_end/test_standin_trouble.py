@@ -241,7 +241,7 @@ def test_second_signal_ends_it_with_its_log_unread(by, tmp_path):
 
 
 def test_two_signals_lose_nothing():
-    """What has come is still served and logged when there is nothing that keeps the log from being written."""
+    """If nothing blocks the log, the requests received are still served and logged."""
     with Standin() as plaxd:
         os.kill(plaxd.process.pid, signal.SIGSTOP)
         for _ in range(500):

@@ -155,7 +155,7 @@ def test_reset_ends_the_stream_with_its_status():
     assert stream(*steps, read_request=False) == Outcome(b"so far", b"", 104)
 
 
-def test_reset_leaves_what_came_in_the_file(tmp_path):
+def test_reset_leaves_the_received_bytes_in_the_file(tmp_path):
     output = tmp_path / "out"
     steps = (await_unread(8), send(b"so far"), close())
     run = stream(*steps, read_request=False, words=("stats", "-o", output))

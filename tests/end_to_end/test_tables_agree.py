@@ -126,7 +126,7 @@ def test_page_names_no_unlisted_command():
 
 
 @pytest.mark.parametrize("command", ADVERTISED, ids=lambda command: command["word"])
-def test_page_says_what_comes_back(command):
+def test_page_describes_the_answer(command):
     text = described_commands()[command["word"]]
     assert re.search(r"^Needs\b", text, re.MULTILINE)
     assert bool(re.search(r"^Needs nothing", text, re.MULTILINE)) == (command["rule"] is None)

@@ -27,7 +27,7 @@ COMPLETIONS = [
 ]
 OTHER_PREFIX = ("/opt/placement", "/opt/placement/share/zsh/site-functions/_plax-tool",
                 "/opt/placement/share/fish/vendor_completions.d/plax-tool.fish")
-# Where Debian's Wireshark, and others, look for dissectors.
+# The directory that Wireshark searches for dissectors, on Debian and elsewhere.
 DISSECTOR = f"/usr/lib{f'/{MULTIARCH}' if ON_DEBIAN else '64'}/wireshark/plugins/plaxd.lua"
 needs_standin = pytest.mark.skipif("PLAXD_STANDIN" not in os.environ, reason="the stand-in is not built")
 
@@ -88,7 +88,7 @@ mount --bind "$ROOT/usr/local" /usr/local && mount -t tmpfs none /proc && ! test
 
 
 @pytest.mark.skipif(subprocess.run([*NAMESPACE, "true"], stderr=subprocess.DEVNULL, check=False).returncode != 0,
-                    reason="the system gives no namespace of mounts")
+                    reason="the system allows no mount namespaces")
 def test_tool_starts_without_proc(installed):
     environment = {"PATH": "/usr/local/sbin:/usr/bin:/bin", "ROOT": str(installed("/usr/local"))}
     run = subprocess.run([*NAMESPACE, "sh", "-c", WITHOUT_PROC], env=environment, stdin=subprocess.DEVNULL,
