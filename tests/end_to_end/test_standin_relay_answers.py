@@ -1,4 +1,4 @@
-"""plaxd-standin relay --answers: what the file has an answer for is answered, all else reaches the daemon."""
+"""plaxd-standin relay --answers: answers the requests in the file, and passes on all others."""
 
 import json
 import os
@@ -65,7 +65,7 @@ def test_delayed_request_of_a_client_that_has_gone_is_passed_on():
             assert tool("-s", relay.path, "fix-concats") == Outcome(b"", b"", 0)
             time.sleep(0.6)
     assert [line["command"] for line in daemon.entries] == ["fix-concats", "refresh-config-opts"]
-    # The log has them in the order in which they came.
+    # The log has them in the order of arrival.
     assert [(line.get("event", "end"), line["command"]) for line in relay.lines] == [
         ("request", "refresh-config-opts"), ("end", "refresh-config-opts"),
         ("request", "fix-concats"), ("end", "fix-concats")]
@@ -98,7 +98,7 @@ def test_end_waits_for_no_client_that_has_not_sent_its_request(sent):
     frame(2, A.encode()), frame(2, A.encode()) + b"more", frame(99, b"abc"), frame(7, b"x" * 1048577),
     frame(33, random.Random(1).randbytes(189464)), frame(13)], ids=range(10))
 def test_unanswered_requests_pass_byte_for_byte(request_bytes):
-    """Cut, whole, with bytes after the end, unknown, and too long ones."""
+    """Requests that are cut, whole, too long, of an unknown code, or with bytes after the end."""
     with ScriptedDaemon(lambda daemon: daemon.read_rest(), reply(5, b"no"), read_request=False) as daemon:
         with relay_to(daemon, {"crawler": {"for": {"uuid": B}}}) as relay:
             assert relay.exchange(request_bytes) == frame(5, b"no")
@@ -118,7 +118,7 @@ def test_request_in_single_bytes():
 
 
 def test_daemon_that_resets():
-    """The request's last byte is still unread by then, so the client sees the reset."""
+    """The last byte of the request is unread at the reset, so the client sees it."""
     answers = {"fix-concats": {"fault": "close-without-reading"}, "crawler": {"fault": "close-without-reading"}}
     with Standin().answers(answers) as daemon:
         with relay_to(daemon, {"info-rebalance": {}}) as relay:
@@ -147,7 +147,7 @@ def test_looking_whether_somebody_listens_is_no_request():
 
 
 def test_tool_sees_no_difference():
-    """An answers file that answers nothing of what is asked changes nothing."""
+    """Without an answer for any request, the file changes nothing."""
     path = os.path.join(EXAMPLES, "healthy.json")
     nothing = {row.word: {"pass": True} for row in ROWS if row.code % 2}
     with Standin("--answers", path) as daemon:
