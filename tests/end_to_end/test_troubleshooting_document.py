@@ -1,6 +1,6 @@
-"""Every message and every exit status in docs/troubleshooting.md occurs as the tables say.
+"""Every message, exit status and unnoticed failure in docs/troubleshooting.md comes up as the document says.
 
-The rows are read from the document. A row without a case below fails, and so does a case without a row.
+Rows and items are read from the document. One without a case below fails, and so does a case without one.
 """
 
 import ctypes
@@ -28,10 +28,13 @@ DOCUMENT = pathlib.Path(__file__).parents[2].joinpath("docs", "troubleshooting.m
 PRINTED, CHECKED, STREAMED, UNANSWERED = "info-proactive-rebalance", "fix-concats", "stats", "refresh-config-opts"
 
 
+def section(title):
+    return re.search(rf"^## {title}\n(.*?)^## ", DOCUMENT, re.DOTALL | re.MULTILINE)[1]
+
+
 def table(title):
     """The cells of each row of the section's table."""
-    section = re.search(rf"^## {title}\n(.*?)^## ", DOCUMENT, re.DOTALL | re.MULTILINE)[1]
-    rows = re.findall(r"^\| (.*) \|$", section, re.MULTILINE)[1:]
+    rows = re.findall(r"^\| (.*) \|$", section(title), re.MULTILINE)[1:]
     return [[cell.strip() for cell in row.split("|")] for row in rows]
 
 
@@ -75,8 +78,9 @@ def with_connection_closed_first(word):
         return tool("-s", plaxd.path, word, env=preloaded(PLAX_HANGUP_BEFORE_SEND="1"))
 
 
-def with_request_unread(word):
-    with ScriptedDaemon(await_unread(8), close(), read_request=False) as plaxd:
+def with_request_unread(word, *steps):
+    """The daemon does these steps and closes, so that the connection is reset."""
+    with ScriptedDaemon(await_unread(8), *steps, close(), read_request=False) as plaxd:
         return tool("-s", plaxd.path, word)
 
 
@@ -309,3 +313,29 @@ def test_exit_status(status, has_message, cause):
     assert run() == expected
     for outcome in expected if isinstance(expected, list) else [expected]:
         assert (shell_status(outcome.code), outcome.stderr != b"") == (status, has_message)
+
+
+# ---- Failures that exit 0 ----
+
+UNNOTICED = {
+    "The daemon reads the request and closes": (lambda: with_daemon(words=(PRINTED,)), b"\n"),
+    "The daemon stalls or closes the connection within the header": (
+        lambda: with_daemon(send(b"\0\0\0"), words=(PRINTED,)), b"\n"),
+    "The daemon stalls, or resets the connection, after the header.": (
+        lambda: with_request_unread(PRINTED, send(b"\0\0\0\0\0\0\0\2")), b"\0\0\n"),
+    "A stream ends early": (lambda: with_daemon(send(b"abc"), words=(STREAMED,)), b"abc"),
+    "A disk fills up": (lambda: into("/dev/full", os.O_WRONLY, STREAMED), b""),
+    "The daemon ignores or fails a command that has no reply": (lambda: with_daemon(words=(UNANSWERED,)), b""),
+}
+
+
+def test_no_unnoticed_failure_is_left_out():
+    items = re.findall(r"^- (.*)", section("Failures that exit 0"), re.MULTILINE)
+    assert len(items) == len(UNNOTICED)
+    assert [start for item, start in zip(items, UNNOTICED) if not item.startswith(start)] == []
+
+
+@pytest.mark.parametrize("start", UNNOTICED)
+def test_unnoticed_failure(start):
+    run, stdout = UNNOTICED[start]
+    assert run() == Outcome(stdout, b"", 0)
