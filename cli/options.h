@@ -30,8 +30,8 @@ inline constexpr const char *kFileNames = "file names";
 inline constexpr const char *kWorkItemNames = "work items";
 
 // Parses the options in command-line order into `settings`, which must hold the defaults, and permutes the vector so
-// that the operands start at `optind`. Stops at the first option that fails, after printing its message; `settings`
-// then holds the options before it.
+// that the operands start at `optind`. Stops at the first option that fails, after printing its message; the settings
+// must then not be used.
 ParseOutcome ParseOptions(int argumentCount, char **arguments, CommandSettings *settings);
 
 #endif

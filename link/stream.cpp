@@ -38,7 +38,7 @@ static void Flush(StreamBuffer *buffer)
     buffer->length = 0;
 }
 
-// Appends the next chunk to the buffer, which has space for it, and returns the result of the receive.
+// Receives the next chunk after the bytes in the buffer, which has space for it, and returns the result of the receive.
 static ssize_t ReadChunk(int socket, StreamBuffer *buffer)
 {
     if (buffer->length != 0) {

@@ -11,8 +11,8 @@
 #include <cstdio>
 #include <cstring>
 
-// Stores the list in a field, whose unused end stays zero, and returns the number of its entries. An empty list has 0
-// entries: its terminator alone is shorter than an entry.
+// Stores the list in a field that is zero or holds an earlier list, leaves the field's unused end zero, and returns the
+// number of entries. An empty list has 0 entries: its terminator alone is shorter than an entry.
 static uint32_t FillList(const char *list, char *field)
 {
     const size_t length = strlen(list);
@@ -102,7 +102,7 @@ QRT_ReturnStatus SendWhatIfEntityDecom(const Invocation &invocation)
 QRT_ReturnStatus SendWhatIfUpgrade(const Invocation &invocation)
 {
     const CommandSettings &settings = invocation.settings;
-    static WhatIfUpgradeRequest record; // static and zero: pages that the list does not reach are never touched
+    static WhatIfUpgradeRequest record; // static: zero without writing to each of its pages
     record.uuid = settings.uuid;
     record.decomMode = settings.decomMode;
     record.reason = settings.reason;
