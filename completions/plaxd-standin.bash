@@ -10,7 +10,7 @@ _plaxd_standin_options()
     local daemon='--socket --socket-mode --log --format --strict --ready-fd --capture --help'
     case $1 in
         serve) _plaxd_standin_words "$daemon --answers --expect" ;;
-        relay) _plaxd_standin_words "$daemon --to --answers" ;;
+        relay) _plaxd_standin_words "$daemon --to --answers --record" ;;
         rehearse) _plaxd_standin_words '--answers --expect --log --format --strict --capture --socket-option --help' ;;
         decode) _plaxd_standin_words '--format --strict --help' ;;
     esac
@@ -38,7 +38,7 @@ _plaxd_standin()
     done
 
     case $prev:$split in
-        --socket:* | --to:* | --log:* | --answers:* | --expect:* | --capture:*) _plaxd_standin_files ;;
+        --socket:* | --to:* | --log:* | --answers:* | --expect:* | --capture:* | --record:*) _plaxd_standin_files ;;
         --format:*) _plaxd_standin_words 'text json commands' ;;
         --strict:true) _plaxd_standin_words 'violations warnings' ;;
         --socket-mode:* | --ready-fd:*) ;;

@@ -34,6 +34,8 @@ complete -c plaxd-standin -n '__fish_seen_subcommand_from serve relay rehearse' 
     -d 'Write requests and replies to FILE for Wireshark'
 complete -c plaxd-standin -n '__fish_seen_subcommand_from relay' -l to -rF \
     -d 'Socket of the daemon; default: /var/run/plaxd.uds'
+complete -c plaxd-standin -n '__fish_seen_subcommand_from relay' -l record -rF \
+    -d 'Write what was answered to FILE, an answers file'
 complete -c plaxd-standin -n '__fish_seen_subcommand_from rehearse' -l log -rF \
     -d 'Append the log to FILE; default: no log'
 complete -c plaxd-standin -n '__fish_seen_subcommand_from rehearse' -l socket-option \

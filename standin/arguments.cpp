@@ -167,6 +167,7 @@ static void AddCommands(CLI::App *app, Settings *settings, TypedValues *typed)
     CLI::App *relay = AddDaemon(app, "relay", "Pass requests on to a daemon until SIGTERM or SIGINT", settings, typed);
     AddValue(relay, "--to", &settings->daemonPath, " PATH", "Socket of the daemon; default: /var/run/plaxd.uds");
     AddAnswers(relay, settings);
+    AddValue(relay, "--record", &settings->recordPath, " FILE", "Write what was answered to FILE, an answers file");
     AddRehearse(app, settings, typed);
     CLI::App *decode = AddCommand(app, "decode", "Show what the bytes of a request mean; FILE -: standard input");
     AddValue(decode, "file", &settings->requestPath, "FILE", "")->required();

@@ -27,6 +27,7 @@ struct Settings {
     std::string requestPath; // of the bytes to decode
     std::string logPath = "-";
     std::string capturePath; // empty: no capture
+    std::string recordPath;  // empty: no recording
     LogFormat format = LogFormat::Text;
     Strictness strict = Strictness::Nothing;
     std::vector<char *> script; // the words after "--", and a null

@@ -29,6 +29,9 @@ bool IsFramed(ReplyClass replyClass);
 // Whether a client that reads this as its reply has read all of it. The end of a stream is that of the connection.
 bool IsWhole(const SentBytes &sent, ReplyClass replyClass);
 
+// How a relay's daemon ended a connection.
+enum class DaemonEnd { AfterClient, Closed, Reset };
+
 struct LogEntry {
     std::chrono::system_clock::time_point time;
     uint64_t connection = 0;
@@ -39,6 +42,7 @@ struct LogEntry {
     std::string_view fault;   // played on purpose; empty: none
     std::string_view outcome; // counted in the summary
     std::string end;          // how the connection ended
+    DaemonEnd daemonEnd = DaemonEnd::AfterClient;
     std::chrono::duration<double> taken{};
 };
 

@@ -5,6 +5,7 @@
 #include "arguments.h"
 #include "capture.h"
 #include "expectations.h"
+#include "recorder.h"
 #include "rehearse.h"
 #include "relay.h"
 #include "serve.h"
@@ -68,13 +69,58 @@ static bool AwaitLog(Log *log, Signals *signals)
     _exit(kExitFailure);
 }
 
-static int EndLog(const Settings &settings, Log *log, const Capture *capture)
+namespace {
+
+// What is written besides the log. Either may be missing.
+struct Outputs {
+    std::unique_ptr<Capture> capture;
+    std::unique_ptr<Recorder> recorder;
+};
+
+} // namespace
+
+static Outputs OpenOutputs(const Settings &settings)
+{
+    Outputs outputs;
+    if (!settings.capturePath.empty()) {
+        outputs.capture = std::make_unique<Capture>(settings.capturePath);
+    }
+    if (!settings.recordPath.empty()) {
+        outputs.recorder = std::make_unique<Recorder>(settings.recordPath);
+    }
+    return outputs;
+}
+
+static void Connect(const Outputs &outputs, Log *log)
+{
+    for (Witness *witness :
+         {static_cast<Witness *>(outputs.capture.get()), static_cast<Witness *>(outputs.recorder.get())}) {
+        if (witness != nullptr) {
+            log->AddWitness(witness);
+        }
+    }
+}
+
+static void WriteRecording(const Outputs &outputs)
+{
+    if (outputs.recorder != nullptr) {
+        outputs.recorder->Write();
+    }
+}
+
+static bool HaveFailed(const Outputs &outputs)
+{
+    return (outputs.capture != nullptr && outputs.capture->HasFailed()) ||
+           (outputs.recorder != nullptr && outputs.recorder->HasFailed());
+}
+
+static int EndLog(const Settings &settings, Log *log, const Outputs &outputs)
 {
     if (log->File().Lost() > 0) {
         Report("the log could not be written whole");
         return kExitFailure;
     }
-    if (capture != nullptr && capture->HasFailed()) {
+    if (HaveFailed(outputs)) {
         return kExitFailure;
     }
     return StrictStatus(settings.strict, log->SawViolation(), log->SawWarning());
@@ -110,12 +156,10 @@ static int RunDaemon(const Settings &settings, const Daemon &daemon)
 {
     RaiseDescriptorLimit();
     Descriptor logFile = OpenLogFile(settings.logPath);
-    const auto capture = settings.capturePath.empty() ? nullptr : std::make_unique<Capture>(settings.capturePath);
+    const Outputs outputs = OpenOutputs(settings);
     Signals signals;
     Log log(settings.logPath, std::move(logFile), settings.format);
-    if (capture != nullptr) {
-        log.AddWitness(capture.get());
-    }
+    Connect(outputs, &log);
     Listener listener = OpenListener(settings.socketPath, settings.socketMode);
     Server server(listener, &signals, &log, [&](Connection connection, const Watch &watch) {
         return daemon.make(std::move(connection), watch, &log);
@@ -124,6 +168,7 @@ static int RunDaemon(const Settings &settings, const Daemon &daemon)
     server.OnReload([&] {
         daemon.reload();
         log.File().Reopen();
+        WriteRecording(outputs);
     });
     Announce(settings);
     if (settings.command == Command::Rehearse) {
@@ -132,12 +177,13 @@ static int RunDaemon(const Settings &settings, const Daemon &daemon)
         log.Start("socket", settings.socketPath);
     }
     server.Run();
+    WriteRecording(outputs);
     log.WriteSummary();
     if (!AwaitLog(&log, &signals)) {
         EndAtOnce(&listener, &log);
     }
     CloseListener(&listener);
-    const int status = EndLog(settings, &log, capture.get());
+    const int status = EndLog(settings, &log, outputs);
     return daemon.judge() ? status : kExitFailure;
 }
 

@@ -63,6 +63,7 @@ private:
     Progress AwaitDaemon();
     Progress TurnAway();
     Progress Pass();
+    void NoteDaemon(DaemonEnd how);
 
     Step AdvanceBoth();
     template <typename Observer>
@@ -94,6 +95,7 @@ private:
     bool stopping_ = false; // the program ends
     bool stopped_ = false;  // it was this program that shut the client's connection down
     std::string end_;       // who ended first, and how; empty when it was the relay itself
+    DaemonEnd daemonFirst_ = DaemonEnd::AfterClient;
     std::string daemonEnd_; // how the daemon ended, when the client has gone too
 };
 
@@ -295,6 +297,7 @@ Step RelaySession::AdvanceOne(Flow *flow, const Observer &observe)
         const Step step = Look(flow);
         if (step == Step::Ended) {
             NoteEnd(*flow, " closed");
+            NoteDaemon(flow == &reply_ ? DaemonEnd::Closed : DaemonEnd::AfterClient);
             PassOnEnd(flow);
             return Step::Moved;
         }
@@ -322,6 +325,7 @@ void RelaySession::NoteReset(const Flow &flow, Step step)
 {
     if (step == Step::Reset) {
         NoteEnd(flow, " reset");
+        NoteDaemon(&flow == &reply_ ? DaemonEnd::Reset : DaemonEnd::AfterClient);
     }
 }
 
@@ -339,6 +343,14 @@ void RelaySession::NoteEnd(const Flow &flow, const char *how)
     (byDaemon && PeerHasGone(request_.from) ? daemonEnd_ : end_) = end;
     if (ticket_ != nullptr) {
         log_->Release(ticket_);
+    }
+}
+
+// A client that has only ended its own direction still waits.
+void RelaySession::NoteDaemon(DaemonEnd how)
+{
+    if (how != DaemonEnd::AfterClient && !PeerHasGone(request_.from)) {
+        daemonFirst_ = how;
     }
 }
 
@@ -393,6 +405,7 @@ Progress RelaySession::Log(std::string_view outcome, std::string end)
         entry.request.violations.push_back(BytesAfterEnd(capture_.bytesAfterEnd));
     }
     entry.outcome = outcome;
+    entry.daemonEnd = daemonFirst_;
     entry.end = std::move(end);
     const SteadyTime over = entry.sent.count > 0 ? lastReply_ : std::min(firstEnd_, Now());
     entry.taken = over - connection_.start;

@@ -56,6 +56,7 @@ options:
   --capture FILE        Write requests and replies to FILE for Wireshark
   --to PATH             Socket of the daemon; default: /var/run/plaxd.uds
   --answers FILE        Take answers and faults from this JSON file
+  --record FILE         Write what was answered to FILE, an answers file
 """
 
 HELP_REHEARSE = """\
