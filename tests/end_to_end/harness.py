@@ -211,6 +211,17 @@ def await_taken():
     return step
 
 
+def tool_of(daemon):
+    """The process at the other end of the connection."""
+    credentials = daemon.connection.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, struct.calcsize("3i"))
+    return struct.unpack("3i", credentials)[0]
+
+
+def interrupt():
+    """Interrupts the tool in the call in which it waits for the daemon."""
+    return lambda daemon: stop_and_continue(tool_of(daemon))
+
+
 def close():
     """Closes the connection at once, in both directions."""
     return lambda daemon: daemon.connection.close()

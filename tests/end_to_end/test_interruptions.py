@@ -4,25 +4,14 @@ Stopping a process interrupts a receive on a socket with a receive timeout, and 
 bytes a short one. The daemon stops the tool as soon as it sleeps in its call.
 """
 
-import socket
-import struct
-
 import pytest
 
 from command_line import INCOMPLETE, UUID, converse, uuid_list
-from harness import Outcome, ScriptedDaemon, await_taken, read, reply, send, stop_and_continue, tool
+from harness import Outcome, ScriptedDaemon, await_taken, interrupt, read, reply, send, tool
 from preloading import needs_preloading, preloaded
 
 INTERRUPTED = Outcome(b"", b"Error received: Interrupted system call: (null)\n", 4)
 PRINTED, CHECKED, STREAMED = ("info-proactive-rebalance",), ("fix-concats",), ("stats",)
-
-
-def interrupt():
-    """A step that interrupts the call in which the tool waits for the daemon."""
-    def step(daemon):
-        credentials = daemon.connection.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, struct.calcsize("3i"))
-        stop_and_continue(struct.unpack("3i", credentials)[0])
-    return step
 
 
 @pytest.mark.parametrize("words, steps, outcome", [
