@@ -459,6 +459,11 @@ def test_exclusion_lists():
     assert_excluded(("-x", text), 0, 2559, text + b"\0" * 38)
 
 
+def test_longest_destination_list_does_not_reach_the_exclusion_list():
+    longest = (TWO + b",") * 2558 + TWO
+    assert_excluded(("-x", ONE, "-n", longest), 0, 1, ONE + b"\0" * 94684)
+
+
 def test_second_exclusion_list_leaves_nothing_of_the_first():
     assert_excluded(("-x", TWO + b"," + THREE, "-x", ONE), 0, 1, ONE + b"\0" * 94684)
     assert_excluded(("-x", (TWO + b",") * 2558 + TWO, "-x", ""), 0, 0, EMPTY)
