@@ -5,9 +5,9 @@
 set -euo pipefail
 
 directory=$(mktemp -d)
-standin=
+standins=()
 clean_up() {
-    [[ -z $standin ]] || kill "$standin" 2>/dev/null || true
+    ((${#standins[@]} == 0)) || kill "${standins[@]}" 2>/dev/null || true
     wait
     rm -rf "$directory"
 }
@@ -21,7 +21,7 @@ cat >answers.json <<'JSON'
 JSON
 # Fails, and ends the script, if the stand-in ends before it is ready.
 read -r < <(plaxd-standin serve --socket plaxd.uds --log standin.log --answers answers.json --ready-fd 1)
-standin=$!
+standins+=($!)
 
 # step EXPECTED WORD...: prints one command line, its output and its exit status, which must be the expected one.
 step() {
@@ -62,3 +62,11 @@ step 0 cat rehearsal.log
 echo "# The same script, compared with those commands, and another one"
 step 0 plaxd-standin rehearse --expect rehearsal.log -- sh -c 'plax-tool -a crawler && plax-tool stats'
 step 1 plaxd-standin rehearse --expect rehearsal.log -- plax-tool stats
+echo "# The answers of a daemon, recorded by a relay and given again"
+read -r < <(plaxd-standin relay --socket relay.uds --to plaxd.uds --record recorded.json --log relay.log --ready-fd 1)
+standins+=($!)
+step 0 plax-tool -s relay.uds info-proactive-rebalance
+kill "${standins[1]}"
+wait "${standins[1]}"
+step 0 cat recorded.json
+step 0 plaxd-standin rehearse --answers recorded.json -- plax-tool info-proactive-rebalance

@@ -9,7 +9,7 @@ from console_document import STANDIN, read_steps, run_steps
 SOURCE = pathlib.Path(__file__).parents[2]
 
 # The number of commands in each, so that no block goes unnoticed.
-DOCUMENTS = [("README.md", 12), ("docs/fleet.md", 39), ("docs/scripting.md", 36),
+DOCUMENTS = [("README.md", 12), ("docs/fleet.md", 39), ("docs/scripting.md", 41),
              ("docs/troubleshooting.md", 5)]
 
 
