@@ -18,7 +18,7 @@ static constexpr const char *kResetHere = "reset by the stand-in";
 static constexpr std::string_view kGarbage("\xde\xad\xbe\xef\x00\x0f\xf1\xce\x7f\x00\xff\x1b", 12);
 
 // So much is sent or read before the other connections have their turn.
-static constexpr size_t kBytesAtOnce = 1024 * 1024;
+static constexpr size_t kBytesAtOnce = size_t{1024} * 1024;
 
 static SteadyTime Now()
 {

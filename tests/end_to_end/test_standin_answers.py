@@ -245,7 +245,8 @@ def test_close_without_answering():
 @pytest.mark.parametrize("count, code", [(0, 0), (1, 0), (3, 0), (4, 7), (7, 7)])
 def test_cut_header(count, code):
     """Missing bytes of the header read as zero."""
-    outcome, *logged = faulty("fix-concats", {"fault": "cut-header", "faultBytes": count, "status": 7}, "fix-concats")
+    answer = {"fault": "cut-header", "faultBytes": count, "status": 7, "text": "never sent"}
+    outcome, *logged = faulty("fix-concats", answer, "fix-concats")
     assert outcome.code == code
     assert logged == ["cut-header", "fault", "client closed", {"headerBytes": count}]
 

@@ -105,6 +105,11 @@ def test_relay_to_itself_is_refused(path):
         1, b"", f"plaxd-standin: {path}: a relay to itself\n".encode())
 
 
+def test_relay_goes_to_the_daemon_of_the_node():
+    assert run_standin("relay", "--socket", "/var/run/plaxd.uds") == (
+        1, b"", b"plaxd-standin: /var/run/plaxd.uds: a relay to itself\n")
+
+
 def test_relay_ends_while_it_waits_for_a_daemon_with_a_full_queue(tmp_path, path):
     with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as listener:
         listener.bind(path)

@@ -29,6 +29,8 @@ TEST(FormatRequest, TextsAreQuotedWhenTheyCouldBeMistaken)
 {
     EXPECT_EQ(LevelText("a-b_c.d/e:f+g"), "log-level 7 level=a-b_c.d/e:f+g");
     EXPECT_EQ(LevelText(""), "log-level 7 level=\"\"");
+    EXPECT_EQ(LevelText("a=b"), "log-level 7 level=\"a=b\"");
+    EXPECT_EQ(LevelText("a,b"), "log-level 7 level=\"a,b\"");
     EXPECT_EQ(LevelText("a b"), "log-level 7 level=\"a b\"");
     EXPECT_EQ(LevelText("a|b"), "log-level 7 level=\"a|b\"");
     EXPECT_EQ(LevelText("a\nb"), "log-level 7 level=\"a\\nb\"");
