@@ -123,11 +123,11 @@ class Tables:
         document.write_text(text, encoding="utf-8")
 
 
-def describe_machine(tables):
+def describe_machine(tables, table):
     compiler = subprocess.run(["c++", "-dumpfullversion"], stdout=subprocess.PIPE, text=True, check=True).stdout.strip()
     system, linux = platform.freedesktop_os_release()["PRETTY_NAME"], ".".join(platform.release().split(".")[:2])
-    tables.add("machine", "system", "compiler", "processors", "load at the start")
-    tables.add("machine", f"{system}, Linux {linux}", f"g++ {compiler}", os.cpu_count(), f"{os.getloadavg()[0]:.1f}")
+    tables.add(table, "system", "compiler", "processors", "load at the start")
+    tables.add(table, f"{system}, Linux {linux}", f"g++ {compiler}", os.cpu_count(), f"{os.getloadavg()[0]:.1f}")
 
 
 def ratio(a, b):
@@ -322,7 +322,7 @@ def main():
             measure_against(bench, options.against)
             return
         tables = Tables()
-        describe_machine(tables)
+        describe_machine(tables, "machine")
         compare_with_goals(measure_workloads(bench, tables), tables)
         measure_library(bench, tables)
         measure_alternatives(bench, tables)

@@ -6,12 +6,15 @@
 #                                                    system calls, and with other programs; --update writes the tables
 #                                                    into the document, and the curves into its directory
 #        bench.sh [--rounds N] --against BUILD       compare with the tool in another build directory
+#        bench.sh --standin [--rounds N] [--update DOCUMENT]
+#                                                    measure the stand-in daemon: its relay beside socat, and its
+#                                                    service of many clients
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/install-packages.sh build bench
 build=$PWD/build/bench
-cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF -DPLAX_BUILD_STANDIN=OFF >/dev/null
+cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF >/dev/null
 cmake --build "$build" >&2
 
 flags=(-O2 -Wall -Wextra)
@@ -26,4 +29,9 @@ c++ "${hardening[@]}" "$build/CMakeFiles/plax-tool.dir/cli/main.cpp.o" "$build"/
     "$build/platform/CMakeFiles/plax-platform.dir/platform_support.cpp.o" -o "$build/bin/tool-with-library-inside"
 cc "${flags[@]}" bench/peer_daemon.c -o "$build/peer-daemon"
 cc "${flags[@]}" bench/paired_timer.c -o "$build/paired-timer"
-exec /usr/bin/python3 bench/measure.py "$build" "$@"
+program=bench/measure.py
+if [[ ${1-} == --standin ]]; then
+    program=bench/measure_standin.py
+    shift
+fi
+exec /usr/bin/python3 -B "$program" "$build" "$@"
