@@ -1,6 +1,6 @@
 // Making and removing the socket file. Looking whether a socket is stale, removing it and making a new one is three
 // steps, and two stand-ins that start at once must not remove each other's socket between them. So these steps are
-// taken under a lock on the folder that the socket lies in: it leaves no lock file behind.
+// taken under a lock on the directory that the socket lies in: it leaves no lock file behind.
 
 #include "listener.h"
 
@@ -22,10 +22,10 @@ namespace standin {
 }
 
 // Leaves an errno when the lock's descriptor is none.
-static Descriptor LockFolder(const std::string &path)
+static Descriptor LockDirectory(const std::string &path)
 {
-    const std::filesystem::path folder = std::filesystem::path(path).parent_path();
-    Descriptor lock(open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const std::filesystem::path directory = std::filesystem::path(path).parent_path();
+    Descriptor lock(open(directory.empty() ? "." : directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return lock.Get() >= 0 && flock(lock.Get(), LOCK_EX) == 0 ? std::move(lock) : Descriptor();
 }
 
@@ -66,37 +66,43 @@ static int BindWithMode(const Descriptor &socket, const sockaddr_un &address, mo
     return result == 0 ? 0 : error;
 }
 
-Listener OpenListener(const std::string &path, mode_t mode)
+Listener::Listener(const std::string &path, mode_t mode) : path_(path)
 {
     const sockaddr_un address = SocketAddress(path);
-    const Descriptor lock = LockFolder(path);
+    const Descriptor lock = LockDirectory(path);
     if (lock.Get() < 0) {
         Fail(path, errno);
     }
     RemoveStaleSocket(path);
-    Listener listener{path, NewSocket(SOCK_NONBLOCK), 0, 0};
-    if (const int error = BindWithMode(listener.socket, address, mode); error != 0) {
+    socket_ = NewSocket(SOCK_NONBLOCK);
+    if (const int error = BindWithMode(socket_, address, mode); error != 0) {
         Fail(path, error);
     }
     struct stat status {};
-    if (listen(listener.socket.Get(), SOMAXCONN) < 0 || lstat(path.c_str(), &status) < 0) {
+    if (listen(socket_.Get(), SOMAXCONN) < 0 || lstat(path.c_str(), &status) < 0) {
         Fail(path, errno);
     }
-    listener.device = status.st_dev;
-    listener.inode = status.st_ino;
-    return listener;
+    device_ = status.st_dev;
+    inode_ = status.st_ino;
 }
 
-void CloseListener(Listener *listener)
+Listener::~Listener()
 {
-    const Descriptor lock = LockFolder(listener->path); // a folder that is gone has nothing to be removed from
+    Close();
+}
+
+void Listener::Close()
+{
+    if (socket_.Get() < 0) {
+        return;
+    }
+    const Descriptor lock = LockDirectory(path_); // a directory that is gone has nothing to be removed from
     struct stat status {};
     // The number of a file in use is not given out again, so it is compared while the socket is still open.
-    if (lstat(listener->path.c_str(), &status) == 0 && status.st_dev == listener->device &&
-        status.st_ino == listener->inode) {
-        unlink(listener->path.c_str());
+    if (lstat(path_.c_str(), &status) == 0 && status.st_dev == device_ && status.st_ino == inode_) {
+        unlink(path_.c_str());
     }
-    listener->socket.Close();
+    socket_.Close();
 }
 
 } // namespace standin

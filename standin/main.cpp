@@ -65,7 +65,7 @@ static bool AwaitLog(Log *log, Signals *signals)
 [[noreturn]] static void EndAtOnce(Listener *listener, Log *log)
 {
     Report("ended by a second signal; lines of the log not written: " + std::to_string(log->File().Waiting()));
-    CloseListener(listener);
+    listener->Close();
     _exit(kExitFailure);
 }
 
@@ -160,7 +160,7 @@ static int RunDaemon(const Settings &settings, const Daemon &daemon)
     Signals signals;
     Log log(settings.logPath, std::move(logFile), settings.format);
     Connect(outputs, &log);
-    Listener listener = OpenListener(settings.socketPath, settings.socketMode);
+    Listener listener(settings.socketPath, settings.socketMode);
     Server server(listener, &signals, &log, [&](Connection connection, const Watch &watch) {
         return daemon.make(std::move(connection), watch, &log);
     });
@@ -182,7 +182,6 @@ static int RunDaemon(const Settings &settings, const Daemon &daemon)
     if (!AwaitLog(&log, &signals)) {
         EndAtOnce(&listener, &log);
     }
-    CloseListener(&listener);
     const int status = EndLog(settings, &log, outputs);
     return daemon.judge() ? status : kExitFailure;
 }

@@ -53,7 +53,7 @@ void Watch::Add(int socket) const
 }
 
 Server::Server(const Listener &listener, Signals *signals, Log *log, Factory factory)
-    : listener_(listener.socket.Get()), signals_(signals), log_(log), factory_(std::move(factory)),
+    : listener_(listener.Get()), signals_(signals), log_(log), factory_(std::move(factory)),
       epoll_(epoll_create1(EPOLL_CLOEXEC))
 {
     AddToEpoll(epoll_.Get(), signals->Input().Get(), EPOLLIN, kSignalKey);
