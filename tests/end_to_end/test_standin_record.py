@@ -208,7 +208,7 @@ def random_answer(dice, folder, kind):
     if kind in (PRINTED, CHECKED) and fault in (None, "cut-header", "announce-more"):
         answer["status"] = dice.choice(STATUSES)
     if fault in ("cut-header", "announce-more"):
-        answer["faultBytes"] = dice.randrange(8) if fault == "cut-header" else 200000 + dice.randrange(10)
+        answer["faultBytes"] = dice.randrange(8) if fault == "cut-header" else 400000 + dice.randrange(10)
     if kind != UNANSWERED and fault in (None, "announce-more", "garbage"):
         answer.update(random_payload(dice, folder, kind) if dice.random() < 0.6 else {"pieces": [
             {**random_payload(dice, folder, kind), "pauseMs": dice.choice([0, 1, 10])} for _ in range(dice.randrange(1, 4))]})
