@@ -25,8 +25,8 @@ using Place = Json::json_pointer;
 namespace {
 
 struct Reader {
-    std::filesystem::path folder; // payload files are named from here
-    bool canPass;                 // there is a daemon to pass requests on to
+    std::filesystem::path directory; // of the answers file: payload files are relative to it
+    bool canPass;                    // there is a daemon to pass requests on to
     std::vector<std::string> errors;
 };
 
@@ -187,7 +187,7 @@ static uint32_t ReadStatus(Reader *reader, const Place &place, const Json &answe
 static std::string ReadPayloadFile(Reader *reader, const Place &place, const std::string &name)
 {
     std::string bytes;
-    const std::string path = reader->folder / name;
+    const std::string path = reader->directory / name;
     if (const int error = ReadFile(path, &bytes); error != 0) {
         Report(reader, place, SystemError(path, error));
     }

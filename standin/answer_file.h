@@ -1,4 +1,4 @@
-// Reading the answers file: JSON that says what the stand-in answers, and what it breaks.
+// Reading the answers file: JSON with the answers and faults of the stand-in.
 #ifndef PLAX_STANDIN_ANSWER_FILE_H
 #define PLAX_STANDIN_ANSWER_FILE_H
 
@@ -8,9 +8,8 @@
 
 namespace standin {
 
-// The built-in answers, with those of the file in the place of theirs. Throws when anything in the file is wrong; the
-// message then names every error, each on a line of its own with its place. `canPass` says whether there is a daemon to
-// pass requests on to.
+// Returns the built-in answers, replaced by those of the file where it has any. If the file has errors, throws with a
+// message that lists all of them, one a line, each with its place. `canPass`: there is a daemon to pass requests on to.
 AnswerBook ReadAnswerFile(const std::string &path, bool canPass = false);
 
 } // namespace standin

@@ -1,5 +1,5 @@
-// What the stand-in answers. A command has entries, each for some or for all of its requests. An entry's answers are
-// gone through once, one for each request that it answers; from then on it gives the last one.
+// The answers of the stand-in. A command has entries, each for some or all of its requests. An entry gives its answers
+// in order, one for each request, and then repeats the last one.
 #ifndef PLAX_STANDIN_ANSWERS_H
 #define PLAX_STANDIN_ANSWERS_H
 
@@ -56,7 +56,7 @@ struct Answer {
 
 size_t PayloadSize(const Answer &answer);
 
-// What a field of a request has to be, as the JSON log writes it.
+// A field that a request must have, with its value as in the JSON log.
 struct FieldCondition {
     std::string name;
     nlohmann::json value;
@@ -78,10 +78,10 @@ struct CommandAnswers {
 
 using AnswerBook = std::map<std::string, CommandAnswers, std::less<>>;
 
-// What a command's answers are found under: its word. A stream over all objects has answers of its own.
+// The key of a command's answers: its word. A stream of all objects has a key of its own.
 std::string AnswerKey(const CommandRow &row, bool allObjects);
 
-// The built-in answers alone: one plain answer a command.
+// The built-in answers: one for each command.
 AnswerBook BuiltInAnswers();
 
 enum class AnswerSource {
@@ -97,7 +97,7 @@ struct ChosenAnswer {
 
 ChosenAnswer ChooseAnswer(AnswerBook *book, const DecodedRequest &request);
 
-// The places of those answers in lists that have never been given.
+// The places of the listed answers that were never given.
 std::vector<std::string> UnusedAnswers(const AnswerBook &book);
 
 } // namespace standin

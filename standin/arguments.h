@@ -1,4 +1,4 @@
-// The command line: from words to settings. What is wrong with it is said here, in words that name the option.
+// Parsing the command line into settings. Error messages name the option.
 #ifndef PLAX_STANDIN_ARGUMENTS_H
 #define PLAX_STANDIN_ARGUMENTS_H
 
@@ -12,7 +12,7 @@
 
 namespace standin {
 
-// What --strict makes a failure of.
+// What --strict counts as a failure.
 enum class Strictness { Nothing, Violations, Warnings };
 
 enum class Command { Serve, Relay, Rehearse, Decode };
@@ -35,8 +35,7 @@ struct Settings {
     int readyDescriptor = -1; // gets a newline when clients can connect; -1: none
 };
 
-// Fills the settings. Returns the exit status when nothing is left to do: a help text was printed, or the command line
-// is wrong and the user has been told.
+// Fills the settings. Returns an exit status if the run ends here: a help text or an error message was printed.
 std::optional<int> ParseArguments(int argumentCount, char **arguments, Settings *settings);
 
 } // namespace standin

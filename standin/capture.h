@@ -1,8 +1,8 @@
 // The capture: every request and every reply with its time, in a file that Wireshark opens.
 //
-// The link type is DLT_USER0. A packet is a description and the bytes that were sent; before both of them stands the
-// length of the description, four bytes with the most significant one first. The description holds what the decoder has
-// found, so that the dissector needs no decoder of its own: lines of a key, a tab and a value.
+// The link type is DLT_USER0. A packet holds the length of a description in four bytes, big-endian, the description,
+// and the bytes that were sent. The description has a line for each key, a tab and a value. It contains what the
+// decoder has found, so the dissector needs no decoder of its own.
 #ifndef PLAX_STANDIN_CAPTURE_H
 #define PLAX_STANDIN_CAPTURE_H
 
@@ -18,14 +18,14 @@ namespace standin {
 
 class Capture : public Witness {
 public:
-    // Throws when the file can't be written.
+    // Throws if the file cannot be written.
     explicit Capture(std::string path);
 
     void RequestCame(const LogEntry &entry, std::string_view bytes) override;
     void ReplySent(const LogEntry &entry, std::string_view bytes) override;
     void Ended(const LogEntry &entry) override;
 
-    // Whether packets were lost; the user has been told.
+    // Whether packets were lost. A message was printed.
     [[nodiscard]] bool HasFailed() const
     {
         return failed_;

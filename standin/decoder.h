@@ -1,6 +1,5 @@
-// From the bytes of a request to named fields, and to lists of what violates the protocol and what is senseless.
-// Nothing here reads or writes anything: the daemon, the relay, the `decode` command and the fuzzer all hand over the
-// bytes that they have.
+// Decoding a request into named fields, violations of the protocol, and warnings. The daemon, the relay, the `decode`
+// command and the fuzz targets pass in the bytes; nothing is read or written here.
 #ifndef PLAX_STANDIN_DECODER_H
 #define PLAX_STANDIN_DECODER_H
 
@@ -20,7 +19,7 @@ struct CommandRow;
 using Bytes = std::span<const uint8_t>;
 
 inline constexpr size_t kHeaderSize = 8;
-// No command comes near it. A longer request is a broken one, and nobody should wait for its end.
+// Far above the longest request. A request that announces more is not read to its end.
 inline constexpr uint32_t kRequestLengthMax = 1024 * 1024;
 
 struct Field {
@@ -40,7 +39,7 @@ struct DecodedRequest {
     std::vector<std::string> warnings; // of what the protocol allows, but nobody can have meant
 };
 
-// A value as one line of JSON. Texts that came over the wire may hold any bytes: what is no UTF-8 is replaced.
+// A value as one line of JSON. Bytes that are not UTF-8 are replaced.
 std::string DumpJson(const nlohmann::ordered_json &value);
 
 // Both halves of a frame header.
@@ -52,10 +51,10 @@ struct FrameHeader {
 // `bytes` holds at least a whole header.
 FrameHeader ReadHeader(Bytes bytes);
 
-// Decodes what arrived on one connection. Bytes that follow the request's end are counted, not looked at.
+// Decodes what arrived on one connection. Bytes after the request's end are only counted.
 DecodedRequest DecodeRequest(Bytes bytes);
 
-// The violation of a client that goes on sending after its request.
+// The violation of a client that sends more than its request.
 std::string BytesAfterEnd(uint64_t count);
 
 } // namespace standin

@@ -1,4 +1,4 @@
-// A descriptor that closes itself, the reading of whole files, and the wording of system errors.
+// A file descriptor that closes itself, reading whole files, and messages for system errors.
 #ifndef PLAX_STANDIN_DESCRIPTOR_H
 #define PLAX_STANDIN_DESCRIPTOR_H
 
@@ -28,14 +28,14 @@ private:
     int number_;
 };
 
-// Reads everything there is and returns 0, or the errno.
+// Reads to the end of the file and returns 0, or the errno.
 int ReadAll(const Descriptor &file, std::string *bytes);
 int ReadFile(const std::string &path, std::string *bytes);
 
-// "TEXT: what the errno means".
+// "TEXT: text of the errno".
 std::string SystemError(const std::string &text, int error);
 
-// Tells the user something, on standard error.
+// Prints a message to standard error.
 void Report(const std::string &message);
 
 } // namespace standin

@@ -1,4 +1,4 @@
-// The requests that are expected, written as the commands that send them, and how those that came differ.
+// Comparing the requests that came with the expected ones, both written as commands.
 #ifndef PLAX_STANDIN_EXPECTATIONS_H
 #define PLAX_STANDIN_EXPECTATIONS_H
 
@@ -18,8 +18,7 @@ struct Expectations {
     std::vector<std::string> commands; // or kAnyRequests
 };
 
-// Throws when anything in the file is wrong; the message then names every error, each on a line of its own with its
-// place.
+// If the file has errors, throws with a message that lists all of them, one a line, each with its place.
 Expectations ReadExpectations(const std::string &path);
 
 // The requests that came, in their order, as commands.
@@ -30,7 +29,7 @@ struct RequestList {
 
 void NoteRequest(const LogEntry &entry, LogEvent event, RequestList *list);
 
-// Whether the requests are the expected ones. If not, a unified diff on standard error shows the difference.
+// Returns whether the requests are the expected ones. If not, prints a unified diff to standard error.
 bool MeetExpectations(const Expectations &expectations, const std::vector<std::string> &requests);
 
 } // namespace standin

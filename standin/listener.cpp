@@ -1,6 +1,6 @@
 // Making and removing the socket file. Looking whether a socket is stale, removing it and making a new one is three
 // steps, and two stand-ins that start at once must not remove each other's socket between them. So these steps are
-// taken under a lock on the directory that the socket lies in: it leaves no lock file behind.
+// taken under a lock on the directory of the socket, so there is no lock file to remove.
 
 #include "listener.h"
 

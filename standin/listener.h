@@ -1,4 +1,4 @@
-// The listening socket at a path: made only where no daemon answers, and removed only if it is still the one made here.
+// The listening socket. It is created only if no daemon answers at its path, and removed only if nobody replaced it.
 #ifndef PLAX_STANDIN_LISTENER_H
 #define PLAX_STANDIN_LISTENER_H
 
@@ -12,9 +12,8 @@ namespace standin {
 
 class Listener {
 public:
-    // Throws, with a message for the user, when a live daemon or something other than a socket is at the path, and when
-    // the system refuses. A socket that nobody listens on any more is replaced. The new one never has permissions
-    // beyond `mode`.
+    // Replaces a stale socket. Throws with a message for the user if a daemon answers at the path, if something other
+    // than a socket is there, or if a system call fails. The socket never has permissions beyond `mode`.
     Listener(const std::string &path, mode_t mode);
     Listener(const Listener &) = delete;
     Listener &operator=(const Listener &) = delete;

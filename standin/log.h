@@ -1,9 +1,9 @@
 // The log: a line for each request, in the order of the requests, and a summary at the end.
 //
-// A request's line tells how its connection ended, so it can't be written before that; and the client may send its next
-// request as soon as it has its reply. The lines therefore wait for each other: each takes its place as soon as its
-// client can go on. A client that stays connected holds up the others for a second at most: then a line in this place
-// says that the request has come, and its last line follows when it has ended.
+// A request's line says how its connection ended, but a client may send its next request as soon as it has its reply.
+// So lines wait: a line takes its place in the log when its client can go on, and later lines follow it. If a client
+// stays connected, they wait for one second. Then a line in that place says that the request has come, and the
+// request's last line follows when it ends.
 #ifndef PLAX_STANDIN_LOG_H
 #define PLAX_STANDIN_LOG_H
 
@@ -20,7 +20,7 @@ namespace standin {
 using SteadyTime = std::chrono::steady_clock::time_point;
 inline constexpr SteadyTime kNever = SteadyTime::max();
 
-// One request on its way through the log.
+// A request that the log has not finished with.
 struct LogRecord {
     LogEntry entry;
     SteadyTime came{};
@@ -31,7 +31,7 @@ struct LogRecord {
 
 using LogTicket = std::shared_ptr<LogRecord>;
 
-// Sees all that passes.
+// Is called for every request and reply.
 class Witness {
 public:
     Witness() = default;
@@ -40,14 +40,14 @@ public:
     virtual ~Witness() = default;
 
     virtual void RequestCame(const LogEntry &entry, std::string_view bytes) = 0;
-    // The next bytes of the reply went out; the entry counts them already.
+    // More bytes of the reply were sent; the entry already counts them.
     virtual void ReplySent(const LogEntry &entry, std::string_view bytes) = 0;
     virtual void Ended(const LogEntry &entry) = 0;
 };
 
 class Log {
 public:
-    // Called for every request when it comes, in the order in which they come, and when it has ended.
+    // Called for every request when it comes, in their order, and when it has ended.
     using Observer = std::function<void(const LogEntry &, LogEvent)>;
 
     Log(const std::string &path, Descriptor file, LogFormat format);
@@ -57,16 +57,16 @@ public:
 
     void Start(std::string_view kind, std::string_view name);
 
-    // The request has come. Its entry can be added to until its end.
+    // The request has come. Its entry may be completed until it ends.
     LogTicket Add(std::chrono::system_clock::time_point time, uint64_t connection, Bytes request);
-    // The next bytes of its reply went out.
+    // More bytes of its reply were sent.
     void AddSent(const LogTicket &ticket, std::string_view bytes);
-    // Its client can go on to the next request. Called more than once, the first call counts.
+    // Its client can send the next request. Only the first call has an effect.
     void Release(const LogTicket &ticket);
-    // Everything about it is known.
+    // The request has ended and its entry is complete.
     void End(const LogTicket &ticket);
 
-    // Writes what must not wait longer; to be called when Due() has come, or more often.
+    // Writes the lines that must not wait longer. Call it at Due() or more often.
     void Tick();
     [[nodiscard]] SteadyTime Due() const;
 

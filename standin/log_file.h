@@ -1,5 +1,4 @@
-// The file that the log is written to. A thread of its own writes it, since a full disk or a pipe that nobody reads
-// must not keep a client waiting.
+// The log file. A thread of its own writes it, so that no client waits for a full disk or a pipe that nobody reads.
 #ifndef PLAX_STANDIN_LOG_FILE_H
 #define PLAX_STANDIN_LOG_FILE_H
 
@@ -22,11 +21,11 @@ class LogFile {
 public:
     LogFile(std::string path, Descriptor file);
 
-    // Both return at once, and are carried out in the order of their calls. The line has no newline.
+    // Both return at once; a thread carries them out in order. The line has no newline.
     void Write(std::string line);
     void Reopen();
 
-    // Called after the last line. Done() can be read from when all of them are written.
+    // Called after the last line. Done() becomes readable when all lines are written.
     void Finish();
     [[nodiscard]] const Descriptor &Done() const
     {

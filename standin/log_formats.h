@@ -1,4 +1,4 @@
-// The lines of the log: what they tell, and how each format writes it. No line ends in a newline here.
+// The lines of the log and their formats. The texts have no newline at their end.
 #ifndef PLAX_STANDIN_LOG_FORMATS_H
 #define PLAX_STANDIN_LOG_FORMATS_H
 
@@ -13,10 +13,10 @@ namespace standin {
 
 enum class LogFormat { Text, Json, Commands };
 
-// What a line about a request tells: that it has come, or what became of it.
+// The event that a line reports: a request has come, or it has ended.
 enum class LogEvent { Request, End };
 
-// What went back to the client: the bytes are counted, and the first ones kept, which are a frame's header.
+// What was sent to the client: the number of bytes, and the first ones, which are a frame's header.
 struct SentBytes {
     std::array<uint8_t, kHeaderSize> head{};
     uint64_t count = 0;
@@ -26,10 +26,10 @@ struct SentBytes {
 
 bool IsFramed(ReplyClass replyClass);
 
-// Whether a client that reads this as its reply has read all of it. The end of a stream is that of the connection.
+// Whether the client has its whole reply. A stream ends when the connection does.
 bool IsWhole(const SentBytes &sent, ReplyClass replyClass);
 
-// How a relay's daemon ended a connection.
+// How the daemon of a relay ended a connection.
 enum class DaemonEnd { AfterClient, Closed, Reset };
 
 struct LogEntry {
@@ -56,19 +56,19 @@ struct LogSummary {
 // A decoded request alone, as the `decode` command shows it.
 std::string FormatRequest(const DecodedRequest &request, LogFormat format);
 
-// A run begins: with this socket, or this script.
+// The start of a run with a socket or a script.
 std::string FormatStart(std::string_view kind, std::string_view name, LogFormat format);
 // Empty when the format has no line for the event.
 std::string FormatEntry(const LogEntry &entry, LogEvent event, LogFormat format);
 std::string FormatSummary(const LogSummary &summary, LogFormat format);
 
-// A field as the text format has it, but without what a number stands for.
+// A field as in the text format, without the meaning of its number.
 std::string FieldText(const Field &field);
 
-// The command's word, as the log names it.
+// The command's name in the log.
 std::string CommandText(const DecodedRequest &request);
 
-// Whether every request has a line when it comes, and not only one that waits for its answer.
+// Whether every request has a line when it comes. Otherwise only a request that waits for its answer has one.
 bool TellsEveryRequest(LogFormat format);
 
 } // namespace standin

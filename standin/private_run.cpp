@@ -85,13 +85,13 @@ static void ShowEntry(const fs::directory_entry &entry, const fs::path &place)
 }
 
 // Who cannot make files in the real directory cannot make any in this one either.
-static void MountStage(const fs::path &directory, const std::string &stage)
+static void MountWorkDirectory(const fs::path &directory, const std::string &workDirectory)
 {
     const char *mode = access(directory.c_str(), W_OK) == 0 ? "mode=0755" : "mode=0555";
-    Check(mount("plaxd-standin", stage.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, mode), "mount tmpfs");
+    Check(mount("plaxd-standin", workDirectory.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, mode), "mount tmpfs");
 }
 
-void EnterPrivateRun(const std::string &socket, const std::string &stage)
+void EnterPrivateRun(const std::string &socket, const std::string &workDirectory)
 {
     const fs::path defaultPath = kDefaultSocketPath;
     const fs::path directory = fs::canonical(defaultPath.parent_path());
@@ -99,16 +99,16 @@ void EnterPrivateRun(const std::string &socket, const std::string &stage)
     const fs::path workingDirectory = fs::current_path(error);
     EnterNamespaces();
     Check(mount(nullptr, "/", nullptr, MS_REC | MS_SLAVE, nullptr), "mount /");
-    MountStage(directory, stage);
+    MountWorkDirectory(directory, workDirectory);
     for (const fs::directory_entry &entry : fs::directory_iterator(directory)) {
         if (entry.path().filename() != defaultPath.filename()) {
-            ShowEntry(entry, stage / entry.path().filename());
+            ShowEntry(entry, workDirectory / entry.path().filename());
         }
     }
-    const fs::path place = stage / defaultPath.filename();
+    const fs::path place = workDirectory / defaultPath.filename();
     MakePlace(fs::file_status(fs::file_type::socket), place);
     Bind(socket, place);
-    Check(mount(stage.c_str(), directory.c_str(), nullptr, MS_MOVE, nullptr), "mount " + directory.string());
+    Check(mount(workDirectory.c_str(), directory.c_str(), nullptr, MS_MOVE, nullptr), "mount " + directory.string());
     fs::current_path(workingDirectory, error); // it may lie below the directory
 }
 

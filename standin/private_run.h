@@ -1,4 +1,4 @@
-// A view of the file system in which a socket of our own lies at the path where plax-tool looks for its daemon.
+// A mount namespace in which the stand-in's socket is at the tool's default path.
 #ifndef PLAX_STANDIN_PRIVATE_RUN_H
 #define PLAX_STANDIN_PRIVATE_RUN_H
 
@@ -6,11 +6,11 @@
 
 namespace standin {
 
-// Gives the calling process, which must have one thread, a mount namespace of its own in which `socket` lies at the
-// tool's default path; an ordinary user gets a user namespace with it, in which users and groups keep their numbers.
-// Everything else stays where it is. `stage` is an empty directory to use meanwhile. Throws, with a message for the
-// user, when the system refuses.
-void EnterPrivateRun(const std::string &socket, const std::string &stage);
+// Gives the calling process, which must have one thread, a mount namespace in which `socket` is at the tool's default
+// path and everything else is where it was. An ordinary user also gets a user namespace, in which users and groups keep
+// their numbers. `workDirectory` is an empty directory for the mounts. Throws with a message for the user if a system
+// call fails.
+void EnterPrivateRun(const std::string &socket, const std::string &workDirectory);
 
 } // namespace standin
 

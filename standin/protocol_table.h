@@ -1,5 +1,5 @@
-// The commands as the daemon knows them: one row each. This table is a reading of the protocol of its own and shares
-// nothing with the tool's, so that a mistake in one of them shows when the two programs meet.
+// The commands as the daemon knows them. The table shares nothing with the tool's, so that an error in either shows
+// when the two programs meet.
 #ifndef PLAX_STANDIN_PROTOCOL_TABLE_H
 #define PLAX_STANDIN_PROTOCOL_TABLE_H
 
@@ -34,13 +34,13 @@ inline constexpr std::string_view kUuidOrAll = "uuid or all";
 
 std::span<const CommandRow> AllCommands();
 
-// Null when no command has this code.
+// Null if no command has this code.
 const CommandRow *FindCommand(uint32_t code);
 
 // A request with an unknown code is answered like a checked command, so that its client sees the refusal.
 ReplyClass ReplyClassOf(const DecodedRequest &request);
 
-// What a stream over all objects answers when nobody says otherwise.
+// The built-in answer of a stream of all objects.
 inline constexpr std::string_view kAllObjectsAnswer =
     "6f3c1d52-0a6e-4b9f-8a51-2f7c9be0d314: idle, last visit 41 s ago\n"
     "b1d7e0a9-93c4-4e1d-9f6a-7d20c5a4e8f1: visiting, 3 of 8 components\n";

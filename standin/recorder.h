@@ -18,14 +18,14 @@ struct TimedBytes {
 
 class Recorder : public Witness {
 public:
-    // Throws when the file could not be written.
+    // Throws if the file cannot be written.
     explicit Recorder(std::string path);
 
     void RequestCame(const LogEntry &entry, std::string_view bytes) override;
     void ReplySent(const LogEntry &entry, std::string_view bytes) override;
     void Ended(const LogEntry &entry) override;
 
-    // Writes all exchanges that have ended: the whole file, or nothing. The user is told when it can't be written.
+    // Writes all exchanges that have ended: the whole file or nothing. Prints a message if that fails.
     void Write();
     // Whether the last file could not be written.
     [[nodiscard]] bool HasFailed() const

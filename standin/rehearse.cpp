@@ -91,11 +91,11 @@ static pid_t StartServer(const Rehearsal &rehearsal, const TakenSignals &signals
 
 // ---- How the script reaches the stand-in ----
 
-static void UsePrivateRun(const std::string &socketPath, const std::string &stage)
+static void UsePrivateRun(const std::string &socketPath, const std::string &workDirectory)
 {
     try {
-        fs::create_directory(stage);
-        EnterPrivateRun(socketPath, stage);
+        fs::create_directory(workDirectory);
+        EnterPrivateRun(socketPath, workDirectory);
     } catch (const std::exception &error) {
         throw std::runtime_error(std::string("the stand-in cannot be put at ") + kDefaultSocketPath + ": " +
                                  error.what() + "\nplaxd-standin: try --socket-option");

@@ -1,4 +1,4 @@
-// A script runs to its end while a stand-in answers the plax-tool that it calls.
+// Running a script while a stand-in answers its plax-tool.
 #ifndef PLAX_STANDIN_REHEARSE_H
 #define PLAX_STANDIN_REHEARSE_H
 

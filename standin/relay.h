@@ -1,5 +1,5 @@
-// The relay's side of one connection: between a client and the daemon it passes on every byte, and every ending, at
-// once and as it is, and logs what it saw.
+// A relayed connection: all bytes, closes and resets are passed on unchanged and at once in both directions, and
+// logged.
 #ifndef PLAX_STANDIN_RELAY_H
 #define PLAX_STANDIN_RELAY_H
 

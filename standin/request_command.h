@@ -13,8 +13,8 @@ namespace standin {
 // spans lines. A comment that gives the reasons when the tool cannot send them.
 std::string RequestCommand(const DecodedRequest &request);
 
-// A command line as somebody typed it, with the order and the quotes of the one above. Its options have one letter, and
-// their values stay as they are. When it cannot be a line of plax-tool, *error says why.
+// Rewrites a typed command line with the order and quotes of the one above. Options must be single letters; values stay
+// as they are. If it is no command line of plax-tool, *error says why.
 std::string TidyCommand(std::span<const std::string> words, std::string *error);
 
 } // namespace standin

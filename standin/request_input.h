@@ -1,4 +1,4 @@
-// Getting one request off a connection that does not block.
+// Reading one request from a non-blocking connection.
 #ifndef PLAX_STANDIN_REQUEST_INPUT_H
 #define PLAX_STANDIN_REQUEST_INPUT_H
 
@@ -14,7 +14,7 @@ enum class RequestState {
     Broken, // the client ended before, or what it announces is too long to be waited for
 };
 
-// How many of the bytes that come next belong to the request of which these have come.
+// The number of bytes that are missing from a request of which these have come.
 size_t RequestBytesDue(Bytes bytes);
 
 // Reads what has come, but leaves the request's last byte unread: a connection that is closed with unread bytes is

@@ -1,5 +1,4 @@
-// A script's process: how it is started, which signals reach it, and how its end, and that of everything it started,
-// is awaited.
+// Starting a script, passing signals on to it, and waiting for its end and that of everything it started.
 #ifndef PLAX_STANDIN_SCRIPT_PROCESS_H
 #define PLAX_STANDIN_SCRIPT_PROCESS_H
 
@@ -37,11 +36,11 @@ pid_t StartProcess(const TakenSignals &signals, const std::function<int()> &run)
 // Waits for a child's end. Returns its exit status, or 128 + the signal that killed it.
 int AwaitProcess(pid_t process);
 
-// Replaces this process by the program; returns the exit status for a program that cannot be run, after a message.
+// Replaces this process by the program. If that fails, prints a message and returns the exit status.
 int Become(const std::vector<char *> &words);
 
 // Waits for the script's end, passing on to it the signals that were sent to this process, and returns what
-// AwaitProcess does. Then the processes that the script has left behind are ended, unless they soon do so by
+// AwaitProcess does. Then ends the processes that the script has left running, unless they soon end by
 // themselves. `keep` is a child that does not belong to the script.
 int RunToEnd(pid_t script, const TakenSignals &signals, pid_t keep);
 

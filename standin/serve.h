@@ -1,4 +1,4 @@
-// The daemon's side of one connection: read a request, answer it as the answer book says, and log it.
+// A connection of the stand-in: reads a request, answers it from the answer book, and logs it.
 #ifndef PLAX_STANDIN_SERVE_H
 #define PLAX_STANDIN_SERVE_H
 

@@ -1,5 +1,5 @@
-// The one loop in which all connections are served. No session ever waits, so a slow client keeps no other waiting, no
-// thread can be missing, and what happens first is also seen, and logged, first.
+// One loop serves all connections. Sessions never wait, so a slow client delays no other, no threads are needed, and
+// events are handled and logged in their order.
 #ifndef PLAX_STANDIN_SERVER_H
 #define PLAX_STANDIN_SERVER_H
 
@@ -43,7 +43,7 @@ enum class Progress {
     Done,    // the connection has ended
 };
 
-// What is done with one connection. When a function throws, this connection ends, and no other.
+// Handles one connection. If a function throws, this connection ends, and no other.
 class Session {
 public:
     Session() = default;
@@ -51,17 +51,17 @@ public:
     Session &operator=(const Session &) = delete;
     virtual ~Session() = default;
 
-    // Goes on as far as is possible without waiting, and without keeping the others waiting.
+    // Does what is possible without waiting and without delaying other sessions.
     virtual Progress Advance() = 0;
-    // The program ends: no client, daemon or pause is waited for from now on.
+    // The program ends: do not wait for a client, a daemon or a pause any more.
     virtual void Stop() = 0;
 
-    // When to advance though nothing has changed.
+    // When to call Advance() even if no socket has changed.
     [[nodiscard]] SteadyTime Due() const
     {
         return due_;
     }
-    // Whether nobody else can be accepted meanwhile.
+    // Whether no other connection may be accepted for now.
     [[nodiscard]] bool HoldsOthers() const
     {
         return holdsOthers_;
@@ -84,8 +84,8 @@ public:
         reload_ = std::move(reload);
     }
 
-    // Returns after SIGTERM or SIGINT, when every connection that had come in by then has been served to its end.
-    // That takes no long time, so further such signals change nothing.
+    // Returns after SIGTERM or SIGINT, when all connections that had come in by then have been served to their end.
+    // That takes little time, so further signals change nothing.
     void Run();
 
 private:
@@ -130,7 +130,7 @@ private:
     bool drained_ = false; // after Stop(): nobody waits to be accepted any more
 };
 
-// Whether nothing more can be sent to the socket's peer, nor come from it apart from what has arrived already.
+// Whether the peer has closed both directions: nothing can be sent, and nothing more will arrive.
 bool PeerHasGone(int socket);
 
 } // namespace standin

@@ -11,7 +11,7 @@ namespace standin {
 // The word, quoted if a shell would otherwise read anything else.
 std::string ShellWord(std::string_view word);
 
-// A text in which commands stand, one a line.
+// A text with one command a line.
 struct ShellText {
     std::string_view rest;
     size_t line = 1; // in which the rest begins

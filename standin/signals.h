@@ -1,4 +1,4 @@
-// The signals that the program knows: they are read like any other input, and interrupt nothing.
+// The program's signals. They are read from a descriptor and interrupt nothing.
 #ifndef PLAX_STANDIN_SIGNALS_H
 #define PLAX_STANDIN_SIGNALS_H
 
@@ -7,7 +7,7 @@
 namespace standin {
 
 // Blocks SIGTERM, SIGINT and SIGHUP, so it must be made before the first thread starts. Failed writes
-// are told by errors: SIGPIPE and SIGXFSZ are ignored.
+// are reported as errors: SIGPIPE and SIGXFSZ are ignored.
 class Signals {
 public:
     Signals();

@@ -1,4 +1,4 @@
-// Making, connecting and writing of local sockets.
+// Creating, connecting and writing to Unix domain sockets.
 #ifndef PLAX_STANDIN_SOCKET_IO_H
 #define PLAX_STANDIN_SOCKET_IO_H
 
@@ -11,16 +11,16 @@
 
 namespace standin {
 
-// Throws when the path does not fit an address: a client would cut it and end up elsewhere.
+// Throws if the path does not fit into an address: a client would truncate it.
 sockaddr_un SocketAddress(const std::string &path);
 
-// A new local stream socket; throws when there is none to be had.
+// Creates a stream socket. Throws on failure.
 Descriptor NewSocket(int flags);
 
 // Connects to the daemon at `path` and returns 0, or the errno.
 int Connect(const Descriptor &socket, const std::string &path);
 
-// Sends all bytes, unless the peer goes away; returns how many went out.
+// Sends all bytes unless the peer closes the connection. Returns the number of bytes sent.
 size_t SendAll(int socket, std::string_view bytes);
 
 } // namespace standin

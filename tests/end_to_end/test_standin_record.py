@@ -133,7 +133,10 @@ def test_answers_of_the_relay_are_recorded_too(recording):
             "info-rebalance": {"fault": "close-without-answering"}}) as relay:
         for word in ("fix-concats", "stats", "info-rebalance"):
             tool("-s", relay.path, word, "-u", A)
-    assert answers_of(recording) == {
+    recorded = answers_of(recording)
+    for [answer] in recorded.values():
+        answer.pop("delayMs", None)
+    assert recorded == {
         "fix-concats": [{"status": "EBUSY"}], "stats": [{}],
         "info-rebalance": [{"for": {"uuid": A}, "fault": "close-without-answering"}]}
 
