@@ -179,7 +179,8 @@ bool Server::AcceptOne()
         return true;
     }
     const bool nobodyWaits = errno == EAGAIN || errno == EINVAL; // EINVAL: and the listener is shut down
-    drained_ = stopping_ && nobodyWaits;
+    // Without a session, no descriptor will become free for those who wait.
+    drained_ = stopping_ && (nobodyWaits || sessions_.empty());
     if (!nobodyWaits) {
         PauseAccepting(SystemError("accept", errno));
     }

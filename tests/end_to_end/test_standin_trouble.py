@@ -50,6 +50,22 @@ def test_little_address_space(tmp_path):
         "NOW summary: 40 requests, 0 broken; fix-concats 40 answered")
 
 
+@pytest.mark.skipif(is_sanitized(STANDIN), reason="has descriptors of its own")
+def test_end_with_no_free_descriptor(tmp_path):
+    """With descriptors for no client at all, SIGTERM ends the stand-in, whoever waits."""
+    for limit in itertools.count(4):
+        path = str(tmp_path / f"{limit}.uds")
+        process = start_standin("serve", "--socket", path,
+                                preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (limit, limit)))
+        if process.first_message.startswith(LISTENING):
+            break
+        process.communicate(timeout=PATIENCE)
+    with socket.socket(socket.AF_UNIX) as client:
+        client.connect(path)
+        assert process.stderr.readline() == b"plaxd-standin: accept: Too many open files\n"
+        assert end(process) == (0, b"")
+
+
 CONNECTOR = """
 import socket, sys
 while True:
