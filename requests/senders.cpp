@@ -17,7 +17,7 @@ static uint32_t FillList(const char *list, char *field)
 {
     const size_t length = strlen(list);
     memset(field, 0, strlen(field));
-    memcpy(field, list, length);
+    memcpy(field, list, length + 1);
     return static_cast<uint32_t>((length + 1) / kUuidListEntrySize);
 }
 
