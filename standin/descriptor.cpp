@@ -23,6 +23,14 @@ void Descriptor::Close()
     }
 }
 
+void OccupyStandardDescriptors()
+{
+    int opened = 0;
+    while ((opened = open("/dev/null", O_RDONLY)) >= 0 && opened <= STDERR_FILENO) {
+    }
+    Descriptor(opened).Close();
+}
+
 int ReadAll(const Descriptor &file, std::string *bytes)
 {
     char piece[65536];

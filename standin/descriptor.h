@@ -28,6 +28,10 @@ private:
     int number_;
 };
 
+// Opens /dev/null for reading on each standard descriptor that is closed. Otherwise a connection or a file would get
+// its number, and messages would go there. Writing to it fails as it does to a closed descriptor.
+void OccupyStandardDescriptors();
+
 // Reads to the end of the file and returns 0, or the errno.
 int ReadAll(const Descriptor &file, std::string *bytes);
 int ReadFile(const std::string &path, std::string *bytes);

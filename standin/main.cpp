@@ -138,6 +138,8 @@ static void Announce(const Settings &settings)
     if (write(ready.Get(), "\n", 1) < 0) {
         Report(SystemError("descriptor " + std::to_string(settings.readyDescriptor), errno));
     }
+    ready.Close();
+    OccupyStandardDescriptors();
 }
 
 namespace {
@@ -331,6 +333,7 @@ static int Run(const Settings &settings)
 int main(int argumentCount, char **arguments)
 {
     try {
+        standin::OccupyStandardDescriptors();
         standin::Settings settings;
         const std::optional<int> status = standin::ParseArguments(argumentCount, arguments, &settings);
         return status ? *status : standin::Run(settings);

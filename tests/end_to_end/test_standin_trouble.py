@@ -14,7 +14,7 @@ import threading
 import time
 
 from binaries import is_sanitized
-from harness import PATIENCE, Outcome, ScriptedDaemon, eventually, frame, stay_silent, tool
+from harness import PATIENCE, TOOL, Outcome, ScriptedDaemon, eventually, frame, stay_silent, tool
 from standin_process import STANDIN, Standin, end, read_all, start_standin, timeless
 import pytest
 
@@ -318,6 +318,37 @@ def test_ready_descriptor_of_a_stand_in_that_cannot_start(tmp_path):
     waiting = 'read -r < <("$0" serve --socket s --log log --ready-fd 1 --answers answers.json 2>/dev/null); echo $?'
     assert subprocess.run(["bash", "-c", waiting, STANDIN], cwd=tmp_path, capture_output=True,
                           check=False).stdout == b"1\n"
+
+
+@pytest.mark.parametrize("descriptor", ["1", "2"])
+def test_standard_descriptor_as_ready_descriptor(tmp_path, descriptor):
+    """No client gets the number of the closed descriptor, so no message reaches a client."""
+    answers = tmp_path / "answers.json"
+    answers.write_text('{"answers": {"fix-concats": {"delayMs": 500, "text": "done"}}}')
+    reader, writer = os.pipe()
+    process = subprocess.Popen([STANDIN, "serve", "--socket", "s", "--log", "log", "--answers", "answers.json",
+                                "--ready-fd", descriptor], cwd=tmp_path, stdin=subprocess.DEVNULL,
+                               **{"1": {"stdout": writer, "stderr": subprocess.DEVNULL}, "2": {"stderr": writer}}[descriptor])
+    os.close(writer)
+    with open(reader, "rb") as ready:
+        assert ready.read().endswith(b"\n")
+    with socket.socket(socket.AF_UNIX) as client:
+        client.connect(str(tmp_path / "s"))
+        client.sendall(frame(13))
+        answers.write_text("{")
+        process.send_signal(signal.SIGHUP)
+        assert read_all(client) == frame(0, b"done")
+    assert end(process) == (0, None)
+
+
+def test_expectation_with_standard_output_as_ready_descriptor(tmp_path):
+    (tmp_path / "expected").write_text("plax-tool stats\n")
+    shell = ('read -r < <("$0" serve --socket s --expect expected --log log --ready-fd 1 2>messages); '
+             '"$1" -s s fix-concats; kill $!; wait $!; echo $?')
+    run = subprocess.run(["bash", "-c", shell, STANDIN, TOOL], cwd=tmp_path, capture_output=True, check=False)
+    assert run.stdout == b"1\n"
+    assert (tmp_path / "messages").read_text() == ("plaxd-standin: listening on s\n--- expected\n+++ requests\n"
+                                                   "@@ -1 +1 @@\n-plax-tool stats\n+plax-tool fix-concats\n")
 
 
 def test_ready_descriptor_that_nobody_reads(tmp_path):
