@@ -8,7 +8,7 @@ import pytest
 from command_line import (LISTING, SOCKET_OPTION, USAGE, cut_listing, help_text, own_program_name, refuse, run_as,
                           succeeds, usage_error)
 from harness import TOOL, Outcome, tool
-from request_table import EXPECTED, OPTIONS, assert_agrees
+from request_table import EXPECTATION, EXPECTED, OPTIONS, assert_agrees
 
 
 # The comparison must notice any difference from the listing.
@@ -21,7 +21,8 @@ def test_comparison_is_exact(differing):
 
 
 def test_order_of_the_options_names_them_all():
-    assert_agrees("optionsInHelp", sorted(EXPECTED["optionsInHelp"]), sorted(option["letter"] for option in OPTIONS))
+    assert_agrees(f"optionsInHelp of {EXPECTATION}", sorted(EXPECTED["optionsInHelp"]),
+                  sorted(option["letter"] for option in OPTIONS))
 
 
 # Tests that do not compare the listing still check that there is one.
