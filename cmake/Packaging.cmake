@@ -53,8 +53,9 @@ foreach(package IN LISTS PLAX_PACKAGES)
     install(FILES ${PLAX_PACKAGE_FILES}/copyright ${PLAX_PACKAGE_FILES}/changelog.gz
         DESTINATION share/doc/${package} COMPONENT ${package})
 endforeach()
-install(FILES docs/fleet.md docs/protocol.md docs/scripting.md docs/troubleshooting.md
-    DESTINATION share/doc/plax-tool COMPONENT plax-tool)
+# In the layout of the source, so that the links between the documents work. The licence is in the copyright file.
+install(FILES README.md CHANGELOG.md CONTRIBUTING.md DESTINATION share/doc/plax-tool COMPONENT plax-tool)
+install(DIRECTORY docs DESTINATION share/doc/plax-tool COMPONENT plax-tool FILES_MATCHING REGEX "\\.(md|png|svg)$")
 
 # Only the owner can write to directories.
 set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS

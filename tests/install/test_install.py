@@ -50,6 +50,15 @@ def test_files_of_the_standin(installed, prefix, zsh, fish):
     assert directory_modes(root) == {"drwxr-xr-x"}
 
 
+def test_links_between_the_documents_work(installed):
+    documents = Path(f"{installed('/usr')}/usr/share/doc/plax-tool")
+    broken = [f"{path.relative_to(documents)} {link}" for path in documents.rglob("*.md")
+              for link in re.findall(r"\]\((?!https?:|#)([^)#]+)", path.read_text(encoding="utf-8"))
+              if not path.parent.joinpath(link).is_file()]
+    # Debian's packages have the licence in the copyright file.
+    assert broken == ["README.md LICENSE"]
+
+
 @needs_standin
 def test_examples_name_the_schema_where_it_is(installed):
     examples = Path(f"{installed('/usr', 'plax-tool-standin')}/usr/share/doc/plax-tool-standin/examples")

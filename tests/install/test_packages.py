@@ -135,6 +135,7 @@ def test_files_of_the_tools_rpm(packages):
         "drwxr-xr-x /usr/share/bash-completion",
         "drwxr-xr-x /usr/share/bash-completion/completions",
         "drwxr-xr-x /usr/share/doc/plax-tool",
+        "drwxr-xr-x /usr/share/doc/plax-tool/docs",
         "drwxr-xr-x /usr/share/fish",
         "drwxr-xr-x /usr/share/fish/vendor_completions.d",
         "drwxr-xr-x /usr/share/zsh",
