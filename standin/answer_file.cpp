@@ -1,6 +1,6 @@
-// The file is checked whole: a user who has made three mistakes wants to hear of three. A place in the file is a JSON
-// pointer, such as /answers/stats/0/status. standin-answers.schema.json says the same, except for what depends on
-// the command.
+// The whole file is checked, so that a user who has made three mistakes hears of all three. Places in the file are JSON
+// pointers, such as /answers/stats/0/status. standin-answers.schema.json states the same rules, except for those that
+// depend on the command.
 
 #include "answer_file.h"
 
@@ -25,7 +25,7 @@ using Place = Json::json_pointer;
 namespace {
 
 struct Reader {
-    std::filesystem::path directory; // of the answers file: payload files are relative to it
+    std::filesystem::path directory; // of the answers file; payload files are relative to it
     bool canPass;                    // there is a daemon to pass requests on to
     std::vector<std::string> errors;
 };
@@ -38,15 +38,15 @@ static void Report(Reader *reader, const Place &place, const std::string &what)
     reader->errors.push_back((pointer.empty() ? "/" : pointer) + ": " + what);
 }
 
-// ---- Keys that are given twice: a JSON object keeps the last one only, so they are noticed while it is parsed. ----
+// ---- Duplicate keys. A JSON object keeps only the last one, so they are detected during parsing. ----
 
 namespace {
 
-// An object or an array that the parser is inside of.
+// An object or array that is being parsed.
 struct Level {
     bool isArray;
-    size_t count = 0; // of the array's elements so far
-    std::string key;  // the object's latest
+    size_t count = 0; // elements of the array so far
+    std::string key;  // the latest key of the object
     std::set<std::string> keys;
 };
 
@@ -107,7 +107,7 @@ static Json Parse(Reader *reader, const std::string &text)
             return true;
         });
     } catch (const Json::parse_error &error) {
-        // The library's own name for the error stands in brackets before the text, which has line and column.
+        // The library's text begins with its name for the error in brackets. The rest contains line and column.
         const std::string_view what = error.what();
         reader->errors.emplace_back(what.substr(what.find("] ") + 2));
     } catch (const Json::out_of_range &) {
@@ -149,7 +149,7 @@ static uint64_t ReadNumber(Reader *reader, const Place &place, const Json &objec
 }
 
 static constexpr Range kStatusRange = {0, std::numeric_limits<uint32_t>::max()};
-// A day: longer than the longest time that a client waits.
+// A day, which is longer than any timeout of the tool.
 static constexpr Range kPauseRange = {0, 86400000};
 
 static std::chrono::milliseconds ReadPause(Reader *reader, const Place &place, const Json &object, const char *key)
@@ -169,7 +169,7 @@ static std::optional<uint32_t> HexNumber(std::string_view text)
     return error == std::errc{} && end == text.data() + text.size() ? std::optional(number) : std::nullopt;
 }
 
-// Statuses are usually written by name, or in base 16, which JSON has no numbers for.
+// Statuses are usually written as names or in hexadecimal, which JSON numbers do not support.
 static uint32_t ReadStatus(Reader *reader, const Place &place, const Json &answer)
 {
     const auto found = answer.find("status");
@@ -194,7 +194,7 @@ static std::string ReadPayloadFile(Reader *reader, const Place &place, const std
     return bytes;
 }
 
-// The bytes that an answer or a piece gives as "text" or by "file".
+// The bytes of an answer or a piece: those of "text", or the contents of "file".
 static std::string ReadBytes(Reader *reader, const Place &place, const Json &object)
 {
     std::string bytes;
@@ -278,13 +278,13 @@ static uint32_t ReadFaultBytes(Reader *reader, const Place &place, const Json &j
         Report(reader, place, "needs \"faultBytes\" for the fault " + std::string(NameOf(answer.fault)));
         return 0;
     }
-    // A whole header is no cut one, and announcing no more than is sent is no lie.
+    // A cut header is shorter than a whole one, and announce-more announces more than is sent.
     const Range range =
         answer.fault == Fault::CutHeader ? Range{0, kHeaderSize - 1} : Range{PayloadSize(answer) + 1, kStatusRange.max};
     return static_cast<uint32_t>(ReadNumber(reader, place, json, "faultBytes", range));
 }
 
-// What an answer may hold depends on what its command's reply has, and on what its fault leaves of that.
+// A key without effect is refused: the command's reply has no place for it, or the answer's fault leaves it out.
 static void RefuseUseless(Reader *reader, const Place &place, const Json &json, const char *key, const std::string &why)
 {
     if (json.contains(key)) {
@@ -379,12 +379,12 @@ static Answer ReadAnswer(Reader *reader, const Place &place, const Json &json, R
     if (IsFrameFault(answer.fault)) {
         answer.faultBytes = ReadFaultBytes(reader, place, json, answer);
     }
-    const std::string &lastStep = place.back(); // a number in a list, else a key, which begins with a letter
+    const std::string &lastStep = place.back(); // an index in a list; otherwise a key, which begins with a letter
     answer.listPlace = isdigit(static_cast<unsigned char>(lastStep.front())) != 0 ? place.to_string() : "";
     return answer;
 }
 
-// One answer, or a list of them.
+// Reads a single value, or each value of a list.
 template <typename ReadOne>
 static void ReadOneOrMore(Reader *reader, const Place &place, const Json &json, const ReadOne &readOne)
 {
@@ -400,7 +400,7 @@ static void ReadOneOrMore(Reader *reader, const Place &place, const Json &json, 
     }
 }
 
-// Every payload of a shape has the same fields, even one of zeros.
+// All payloads of a shape have the same fields, so a payload of zeros shows them.
 static bool HasField(const CommandRow &command, std::string_view name)
 {
     DecodedRequest request;
@@ -434,7 +434,7 @@ static std::vector<FieldCondition> ReadConditions(Reader *reader, const Place &p
     return conditions;
 }
 
-// The entry that an answer belongs to. Answers without conditions that follow each other make one entry.
+// The entry for the next answer. Consecutive answers without conditions share one entry.
 static AnswerEntry &EntryFor(CommandAnswers *command, bool isConditional)
 {
     std::vector<AnswerEntry> &entries = command->entries;

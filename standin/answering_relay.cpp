@@ -1,5 +1,5 @@
-// Who answers is known when the request has come whole, so the daemon is not connected to before that. From then on a
-// session of the one kind or the other does the rest.
+// The whole request decides whether the relay or the daemon answers, so the daemon is connected to only when all of it
+// has come. Then a session of the stand-in or of the plain relay takes over.
 
 #include "answering_relay.h"
 
@@ -41,9 +41,9 @@ private:
     Log *log_;
     std::vector<uint8_t> request_;
     LogTicket ticket_;
-    std::unique_ptr<Session> next_; // does the rest
-    bool delayed_ = false;          // the request is passed on when it is due
-    bool stopping_ = false;         // the program ends
+    std::unique_ptr<Session> next_; // takes over
+    bool delayed_ = false;          // the request is passed on at due_
+    bool stopping_ = false;         // the program is ending
     bool failed_ = false;           // the request could not be passed on
 };
 
@@ -63,7 +63,7 @@ Progress AnsweringRelaySession::Advance()
     return Now() < due_ ? Progress::Waiting : PassOn();
 }
 
-// What has come by then is passed on or answered, as without the end.
+// What has come so far is still passed on or answered.
 void AnsweringRelaySession::Stop()
 {
     stopping_ = true;
@@ -76,7 +76,7 @@ void AnsweringRelaySession::Stop()
     }
 }
 
-// What the other session waits for, this one waits for.
+// This session waits for what next_ waits for.
 Progress AnsweringRelaySession::Follow(Progress progress)
 {
     due_ = next_->Due();
@@ -118,7 +118,7 @@ Progress AnsweringRelaySession::Choose()
     return Progress::Waiting;
 }
 
-// A request that is in the log already has to be ended there also when there is no way to reach the daemon.
+// A request that is already in the log must end there even if no connection to the daemon can be made.
 Progress AnsweringRelaySession::PassOn()
 {
     due_ = kNever;

@@ -57,7 +57,7 @@ AnswerBook BuiltInAnswers()
     return book;
 }
 
-// What a daemon says to a request that it does not know: the errno EINVAL as a status, and a word on it.
+// The reply to a request with an unknown code: EINVAL as a status, and a text.
 static const Answer &Refusal()
 {
     static const Answer refusal = [] {
@@ -109,7 +109,7 @@ ChosenAnswer ChooseAnswer(AnswerBook *book, const DecodedRequest &request)
 
 static void AddUnused(const AnswerEntry &entry, std::vector<std::string> *places)
 {
-    size_t turn = 0; // in which the answer is given first
+    size_t turn = 0; // the first request that gets the answer
     for (const Answer &answer : entry.answers) {
         if (!answer.listPlace.empty() && entry.next <= turn) {
             places->push_back(answer.listPlace);

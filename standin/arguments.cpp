@@ -1,5 +1,5 @@
-// The library splits the words and knows which option takes a value. The texts for the user are made here: its own
-// differ from version to version and show how it works inside.
+// The library CLI11 splits the words and knows which options take values. The help text and the messages are made here,
+// because those of the library differ between its versions and expose its internals.
 
 #include "arguments.h"
 
@@ -18,7 +18,7 @@ namespace standin {
 
 namespace {
 
-// The values as they were typed.
+// Values as typed, before they are converted.
 struct TypedValues {
     std::string format = "text";
     std::string strict;
@@ -44,7 +44,7 @@ static constexpr FormatName kFormatNames[] = {
 
 // ---- The help text ----
 
-// What the help text and the messages call an option or an operand.
+// The name of an option or an operand in the help text and in messages.
 static std::string NameOf(const CLI::Option &option)
 {
     return option.nonpositional() ? "--" + option.get_lnames().front() : option.get_option_text();
@@ -174,9 +174,9 @@ static void AddCommands(CLI::App *app, Settings *settings, TypedValues *typed)
     AddOutputOptions(decode, typed);
 }
 
-// ---- What is wrong ----
+// ---- Usage errors ----
 
-// The library would take the word after "--name=" for the value.
+// The library would take the word after "--name=" as the value.
 static void RefuseNothingAfterEquals(int argumentCount, char **arguments)
 {
     for (int i = 1; i < argumentCount && std::string_view(arguments[i]) != "--"; ++i) {
@@ -187,7 +187,7 @@ static void RefuseNothingAfterEquals(int argumentCount, char **arguments)
     }
 }
 
-// `kind` says what a word is that is no option.
+// `kind` begins the message about a word that is not an option.
 static void RefuseUnknownWords(const CLI::App &app, const char *kind)
 {
     for (const std::string &word : app.remaining()) {
@@ -252,7 +252,7 @@ static int ReadDescriptor(const std::string &text)
     return number;
 }
 
-// ---- The whole line ----
+// ---- The command line ----
 
 static int ReportUsageError(const CLI::App &app, const UsageError &error)
 {
@@ -264,7 +264,7 @@ static int ReportUsageError(const CLI::App &app, const UsageError &error)
     return kExitUsage;
 }
 
-// The words of a script are not for the library: some of them may be empty, or look like options.
+// Hides the script's words from the library: some of them may be empty, or look like options.
 static void TakeScript(int *argumentCount, char **arguments, Settings *settings)
 {
     char **end = arguments + *argumentCount;
@@ -272,11 +272,12 @@ static void TakeScript(int *argumentCount, char **arguments, Settings *settings)
     if (*argumentCount < 2 || std::string_view(arguments[1]) != "rehearse" || dashes == end) {
         return;
     }
-    settings->script.assign(dashes + 1, end + 1); // with the null that ends the vector
+    settings->script.assign(dashes + 1, end + 1); // including the terminating null
     *argumentCount = static_cast<int>(dashes - arguments);
 }
 
-// The library knows of a value that is missing at the end of the line; all else is looked for here.
+// The library detects a value that is missing at the end of the line, and a value for an option that takes none. All
+// other errors are detected here.
 static void Parse(CLI::App *app, int argumentCount, char **arguments)
 {
     RefuseNothingAfterEquals(argumentCount, arguments);
@@ -290,7 +291,7 @@ static void Parse(CLI::App *app, int argumentCount, char **arguments)
         const size_t name = what.find("--");
         throw UsageError(what.substr(name, what.find(' ', name) - name) + " takes no value");
     } catch (const CLI::RequiredError &) {
-        // Which one it is will be found below, unless something else is wrong too.
+        // What is missing is detected below, after other errors.
     }
     if (app->get_subcommands().empty()) {
         RefuseUnknownWords(*app, "unknown command: ");

@@ -12,9 +12,9 @@
 
 namespace standin {
 
-// Wireshark reads no longer packets.
+// Wireshark cannot read longer packets.
 static constexpr size_t kPacketMax = 262144;
-// So that a description leaves space for the bytes. No list of UUIDs comes near it.
+// Limits a field's text, so that the packet has space for the bytes. The longest list of UUIDs is shorter.
 static constexpr size_t kFieldMax = 100000;
 
 static pcap_dumper_t *OpenFile(const std::string &path, pcap_t *format)
@@ -79,7 +79,7 @@ static std::string ReplyDescription(const LogEntry &entry)
     return text;
 }
 
-// With what was not known yet when the request came.
+// Adds what was not known when the request came.
 static std::string EndDescription(const LogEntry &entry, size_t knownViolations)
 {
     std::string text = Description("end", entry);
@@ -155,7 +155,7 @@ void Capture::Write(const std::string &description, const Packet &packet)
     Flush();
 }
 
-// After each packet, so that a capture can be looked at while it grows.
+// Called after each packet, so that a capture can be read while it grows.
 void Capture::Flush()
 {
     if (pcap_dump_flush(file_.get()) != 0 || ferror(pcap_dump_file(file_.get())) != 0) {

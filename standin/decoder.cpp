@@ -1,4 +1,4 @@
-// The frame of a request. What its payload holds is decoded by the shape that the command's row names.
+// Decodes a request's header and checks its length. The payload shape in the command's row decodes the rest.
 
 #include "decoder.h"
 
@@ -55,7 +55,7 @@ static void DecodePayload(Bytes payload, DecodedRequest *request)
     shape.decode(payload, request);
 }
 
-// A request with a header whose length is within the limit.
+// `rest` follows a header whose length is within the limit.
 static void DecodeFramed(Bytes rest, DecodedRequest *request)
 {
     if (rest.size() < request->length) {

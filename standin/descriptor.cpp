@@ -1,4 +1,4 @@
-// Files are read with plain system calls, so that a directory in place of a file is an error like any other.
+// Files are read with plain system calls, for which reading a directory is an error like any other.
 
 #include "descriptor.h"
 

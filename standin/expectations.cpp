@@ -1,5 +1,5 @@
-// Requests that stand where anything is expected are no difference. Which ones those are is found by the alignment with
-// the fewest differences; after that, comparing is the business of diff.
+// The alignment of commands and requests with the fewest differences decides which requests each "..." matches. These
+// requests are replaced by "...", so that diff shows only what differs.
 
 #include "expectations.h"
 
@@ -57,7 +57,7 @@ Expectations ReadExpectations(const std::string &path)
 
 // ---- The requests ----
 
-// What is wrong with a request may show only at its end.
+// The command is known only at the request's end, as bytes after the request break the protocol.
 void NoteRequest(const LogEntry &entry, LogEvent event, RequestList *list)
 {
     if (event == LogEvent::Request) {
@@ -76,7 +76,8 @@ namespace {
 
 enum class Step : uint8_t { Both, Command, Request };
 
-// For each number of commands and of requests: the last step of a way through both with the fewest differences.
+// steps[c * width + r] is the last step of an alignment of the first c commands with the first r requests that has the
+// fewest differences.
 struct Ways {
     size_t width;
     std::vector<Step> steps;
@@ -84,11 +85,11 @@ struct Ways {
 
 } // namespace
 
-// Of two ways with as many differences, the one is better that leaves fewer requests to kAnyRequests.
+// Between alignments with equally many differences, the one in which kAnyRequests matches fewer requests is better.
 static constexpr uint64_t kLeftToAny = 1;
 static constexpr uint64_t kDifference = 1ULL << 32U;
 
-// `costs` are those of the best ways with one command less, and become those with this command.
+// On entry, `costs` are those of the best alignments without the command; on return, those with it.
 static void AddRow(const std::string &command, const std::vector<std::string> &requests, std::vector<uint64_t> *costs,
                    std::vector<Step> *steps)
 {
@@ -120,7 +121,7 @@ static Ways FindWays(const std::vector<std::string> &commands, const std::vector
     return ways;
 }
 
-// The requests, with kAnyRequests in the place of those that it stands for.
+// The requests, with kAnyRequests in place of those that it matches.
 static std::vector<std::string> Fold(const std::vector<std::string> &commands, const std::vector<std::string> &requests)
 {
     const Ways ways = FindWays(commands, requests);
@@ -142,7 +143,7 @@ static std::vector<std::string> Fold(const std::vector<std::string> &commands, c
 
 // ---- The difference ----
 
-// A file in memory, which a child can open by this name.
+// Returns the path by which a child process can open the file, which is in memory.
 static std::string MakeFile(const std::vector<std::string> &commands, Descriptor *file)
 {
     std::string text;
@@ -160,10 +161,10 @@ static std::string MakeFile(const std::vector<std::string> &commands, Descriptor
     return "/proc/self/fd/" + std::to_string(file->Get());
 }
 
-// Returns whether the program has shown a difference.
+// Returns whether the program ran and showed a difference.
 static bool RunDiff(std::vector<std::string> words)
 {
-    std::vector<char *> arguments(words.size() + 1); // the last one stays null
+    std::vector<char *> arguments(words.size() + 1); // a null follows the last
     std::transform(words.begin(), words.end(), arguments.begin(), [](std::string &word) { return word.data(); });
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);

@@ -1,6 +1,6 @@
-// Making and removing the socket file. Looking whether a socket is stale, removing it and making a new one is three
-// steps, and two stand-ins that start at once must not remove each other's socket between them. So these steps are
-// taken under a lock on the directory of the socket, so there is no lock file to remove.
+// Creates and removes the socket file. Checking whether a socket is stale, removing it and creating a new one are three
+// steps, and two stand-ins that start at once must not remove each other's socket between them. So these steps hold a
+// lock. It is a lock on the socket's directory, so that no lock file has to be removed.
 
 #include "listener.h"
 
@@ -21,7 +21,7 @@ namespace standin {
     throw std::runtime_error(SystemError(path, error));
 }
 
-// Leaves an errno when the lock's descriptor is none.
+// Sets errno if the returned descriptor is none.
 static Descriptor LockDirectory(const std::string &path)
 {
     const std::filesystem::path directory = std::filesystem::path(path).parent_path();
@@ -29,7 +29,7 @@ static Descriptor LockDirectory(const std::string &path)
     return lock.Get() >= 0 && flock(lock.Get(), LOCK_EX) == 0 ? std::move(lock) : Descriptor();
 }
 
-// Not blocking, since a live daemon with a full queue of clients would let the caller wait.
+// Non-blocking, because connecting to a daemon with a full backlog would block.
 static int ProbeDaemon(const std::string &path)
 {
     return Connect(NewSocket(SOCK_NONBLOCK), path);
@@ -56,7 +56,7 @@ static void RemoveStaleSocket(const std::string &path)
     }
 }
 
-// The mask gives the file its mode from its first moment on.
+// With the mask, the file is created with its mode.
 static int BindWithMode(const Descriptor &socket, const sockaddr_un &address, mode_t mode)
 {
     const mode_t before = umask(~mode & 0777U);
@@ -96,9 +96,9 @@ void Listener::Close()
     if (socket_.Get() < 0) {
         return;
     }
-    const Descriptor lock = LockDirectory(path_); // a directory that is gone has nothing to be removed from
+    const Descriptor lock = LockDirectory(path_); // none if the directory is gone; then lstat fails, too
     struct stat status {};
-    // The number of a file in use is not given out again, so it is compared while the socket is still open.
+    // Compared while the socket is open, because the inode number of a closed one may be reused.
     if (lstat(path_.c_str(), &status) == 0 && status.st_dev == device_ && status.st_ino == inode_) {
         unlink(path_.c_str());
     }

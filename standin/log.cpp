@@ -1,4 +1,4 @@
-// Everything here happens in one thread; the lines are handed over to that of the file.
+// Everything here runs in one thread. It hands the lines to the thread of the file.
 
 #include "log.h"
 
@@ -7,7 +7,7 @@
 
 namespace standin {
 
-// So long a request's line may wait for the end of the request.
+// How long a request's line may wait for the request's end.
 static constexpr std::chrono::seconds kPatience{1};
 
 static SteadyTime Now()
@@ -99,8 +99,8 @@ void Log::Tell(const Line &line)
     line.ticket->told = true;
 }
 
-// A request that waits for its answer takes a place among the lines, to say that it has come. One that has its answer
-// has a place already.
+// A request that still waits for its answer after kPatience gets a line which says that it has come. A released request
+// already has a place among the lines.
 void Log::TellHanging()
 {
     for (; !untold_.empty(); untold_.pop_front()) {
@@ -116,7 +116,8 @@ void Log::TellHanging()
     }
 }
 
-// The place of a request that has not ended in time is given up: it gets another one at its end.
+// The request has not ended in time. Its place gets the line which says that it has come, unless there is one already.
+// At its end the request gets another place.
 void Log::GiveUp(const Line &line)
 {
     line.ticket->released = kNever;

@@ -1,4 +1,4 @@
-// A line that could be written in part only is lost; the next one then begins on a line of its own.
+// A line of which only a part could be written counts as lost. The next one then begins on a new line.
 
 #include "log_file.h"
 
@@ -83,7 +83,7 @@ void LogFile::Run(const std::stop_token &stop)
     eventfd_write(done_.Get(), 1);
 }
 
-// The line stays in its place meanwhile, and counts as one that waits.
+// The line stays in the queue until it is written, so that Waiting() counts it.
 void LogFile::Carry(std::unique_lock<std::mutex> *lock, const std::string &line)
 {
     lock->unlock();
@@ -104,7 +104,7 @@ bool LogFile::WriteLine(const std::string &line)
     return written;
 }
 
-// Each line is written with as few calls as the system allows, so that a reader sees whole lines.
+// Each call writes as much as the system accepts, so that a reader sees whole lines if possible.
 bool LogFile::WriteBytes(std::string_view bytes)
 {
     while (!bytes.empty()) {

@@ -1,4 +1,4 @@
-// Each line is made whole from one record, by one function for each format.
+// Each format has a function that makes a line from a record.
 
 #include "log_formats.h"
 
@@ -64,7 +64,7 @@ bool IsWhole(const SentBytes &sent, ReplyClass replyClass)
 
 // ---- Text ----
 
-// Quotes a text that could be taken for something else when it stands bare in the line.
+// Quotes a text that could be mistaken for something else without quotes.
 static std::string BareOrQuoted(const Json &value)
 {
     if (!value.is_string()) {
@@ -94,7 +94,7 @@ std::string FieldText(const Field &field)
     return std::string(field.name) + "=" + (field.value.is_array() ? ListText(field.value) : BareOrQuoted(field.value));
 }
 
-// With what the number stands for.
+// Adds the number's meaning.
 static std::string ExplainedText(const Field &field)
 {
     std::string text = FieldText(field);
@@ -196,7 +196,7 @@ static std::string SummaryText(const LogSummary &summary)
     return text;
 }
 
-// What tells a line that is no request from a command.
+// In the format commands, lines other than requests are comments.
 static std::string CommentMark(LogFormat format)
 {
     return format == LogFormat::Commands ? "# " : "";
@@ -254,7 +254,7 @@ static Json EntryJson(const LogEntry &entry, LogEvent event)
     return line;
 }
 
-// ---- Any of them ----
+// ---- All formats ----
 
 std::string FormatRequest(const DecodedRequest &request, LogFormat format)
 {

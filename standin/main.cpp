@@ -1,4 +1,4 @@
-// plaxd-standin: stands in for plaxd, for rehearsals and tests. This file runs the command that was asked for.
+// plaxd-standin takes the place of plaxd, for rehearsals and tests. This file runs the chosen command.
 
 #include "answer_file.h"
 #include "answering_relay.h"
@@ -28,7 +28,7 @@ namespace standin {
 
 static constexpr int kExitFailure = 1;
 
-// A relayed connection takes three descriptors, and the usual limit is meant for programs that select() on them.
+// A relayed connection takes two descriptors. The usual limit of 1024 protects programs that use select().
 static void RaiseDescriptorLimit()
 {
     rlimit limit{};
@@ -45,10 +45,10 @@ static int StrictStatus(Strictness strict, bool sawViolation, bool sawWarning)
     return fails ? kExitFailure : 0;
 }
 
-// So long a log may still take after the second signal: it may just be about to be whole.
+// How long the log may take after a second signal, because it may be nearly written.
 static constexpr int kLastPatienceMs = 200;
 
-// Waits until the log is written. A signal ends the waiting: nobody may ever read the pipe that the log goes to.
+// Waits until the log is written. A signal ends the wait, because the log may go to a pipe that nobody reads.
 static bool AwaitLog(Log *log, Signals *signals)
 {
     pollfd inputs[] = {{log->File().Done().Get(), POLLIN, 0}, {signals->Input().Get(), POLLIN, 0}};
@@ -61,7 +61,7 @@ static bool AwaitLog(Log *log, Signals *signals)
     return true;
 }
 
-// Ends without the log's thread, which may wait for ever.
+// Exits without joining the log's thread, which may be blocked for ever.
 [[noreturn]] static void EndAtOnce(Listener *listener, Log *log)
 {
     Report("ended by a second signal; lines of the log not written: " + std::to_string(log->File().Waiting()));
@@ -71,7 +71,7 @@ static bool AwaitLog(Log *log, Signals *signals)
 
 namespace {
 
-// What is written besides the log. Either may be missing.
+// The files written besides the log; null if not asked for.
 struct Outputs {
     std::unique_ptr<Capture> capture;
     std::unique_ptr<Recorder> recorder;
@@ -144,12 +144,12 @@ static void Announce(const Settings &settings)
 
 namespace {
 
-// What tells one daemon from another.
+// The differences between serving and relaying.
 struct Daemon {
     std::function<std::unique_ptr<Session>(Connection connection, const Watch &watch, Log *log)> make;
     std::function<void()> reload = [] {};
     Log::Observer observe = [](const LogEntry &, LogEvent) {};
-    std::function<bool()> judge = [] { return true; }; // at the end: whether all went as it should
+    std::function<bool()> judge = [] { return true; }; // at the end: was everything as expected?
 };
 
 } // namespace
@@ -213,7 +213,7 @@ struct Inputs {
 
 } // namespace
 
-// Returns what is wrong, or nothing.
+// Returns the message of the exception, or nothing.
 static std::string ErrorsOf(const std::function<void()> &read)
 {
     try {
@@ -224,7 +224,7 @@ static std::string ErrorsOf(const std::function<void()> &read)
     return {};
 }
 
-// The errors of both files are told at once.
+// Reports the errors of both files together.
 static Inputs ReadInputs(const Settings &settings)
 {
     Inputs inputs;
@@ -269,7 +269,7 @@ static int Serve(const Settings &settings)
 
 static int Relay(const Settings &settings)
 {
-    SocketAddress(settings.daemonPath); // a path that no daemon can have is refused before the first client comes
+    SocketAddress(settings.daemonPath); // throws for an impossible path, before the first client comes
     if (settings.daemonPath == settings.socketPath) {
         throw std::runtime_error(settings.socketPath + ": a relay to itself");
     }

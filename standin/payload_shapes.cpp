@@ -1,5 +1,5 @@
-// One decoder a payload shape. Each names every field, and says which bytes are not what the protocol lays down, and
-// what the protocol allows but nobody can have meant.
+// One decoder for each payload shape. Each adds every field, a violation for what breaks the protocol, and a warning
+// for what the protocol allows but is probably a mistake.
 
 #include "payload_shapes.h"
 
@@ -20,7 +20,7 @@
 
 namespace standin {
 
-// The names of numbers, in the order of the numbers; empty where a number stands for nothing.
+// The names of numbers, indexed by number; empty if the number has no meaning.
 static constexpr std::string_view kDecomModes[] = {"noAction", "ensureAccess", "evacAllData"};
 static constexpr std::string_view kReasons[] = {"none", "disable dedup", "enable encryption",
                                                 "disable dedup and enforce encryption"};
@@ -86,7 +86,7 @@ static std::string_view AsText(Bytes bytes)
     return {reinterpret_cast<const char *>(bytes.data()), bytes.size()};
 }
 
-// Copies the bytes that arrived into a zeroed record: a record with a variable text at its end arrives in part.
+// The rest of the record is zero: a record that ends in a text is sent only up to the end of that text.
 template <typename Record>
 static std::unique_ptr<Record> CopyRecord(Bytes payload)
 {
@@ -119,8 +119,8 @@ static bool IsUuidText(std::string_view text, std::string_view digits)
     return std::equal(kZeroUuid.begin(), kZeroUuid.end(), text.begin(), text.end(), fits);
 }
 
-// A client that is given the beginning of a UUID sends zeros for the rest. Four zero bytes in a row end no UUID by
-// chance; fewer may.
+// A client that is given the beginning of a UUID sends zeros for the rest. A whole UUID hardly ever ends in four zero
+// bytes, but may end in fewer.
 static void WarnOfUuid(DecodedRequest *request, std::string_view text, bool isNeeded)
 {
     if (text == kZeroUuid) {
@@ -170,7 +170,7 @@ static void CheckFlag(DecodedRequest *request, std::string_view name, uint64_t v
     }
 }
 
-// The text in the payload from `begin` to `end`, where a terminator and zeros up to the end have to follow it.
+// The text in the payload from `begin` to `end`. A terminator must follow it, and zeros up to `end`.
 static std::string_view TerminatedText(DecodedRequest *request, std::string_view name, Bytes payload, size_t begin,
                                        size_t end)
 {
@@ -184,7 +184,7 @@ static std::string_view TerminatedText(DecodedRequest *request, std::string_view
     return field.substr(0, length);
 }
 
-// A text whose length is that of the payload: its terminator is the payload's last byte.
+// A text that takes the rest of the payload: its terminator must be the payload's last byte.
 static std::string_view WholeText(DecodedRequest *request, std::string_view name, Bytes payload, size_t begin)
 {
     const std::string_view text = TerminatedText(request, name, payload, begin, payload.size());
@@ -196,7 +196,7 @@ static std::string_view WholeText(DecodedRequest *request, std::string_view name
     return text;
 }
 
-// Joined with commas, the entries are the text again.
+// Joining the entries with commas gives the text again.
 static nlohmann::ordered_json SplitList(std::string_view text)
 {
     auto entries = nlohmann::ordered_json::array();
@@ -217,7 +217,7 @@ struct ListNames {
     std::string_view list;
 };
 
-// A client copies its user's list, so the digits may be of either case.
+// A client copies its user's list, so its digits may be in upper or lower case.
 static constexpr std::string_view kListDigits = "0123456789abcdefABCDEF";
 
 static void AddTypedViolation(DecodedRequest *request, std::string_view name, const std::string &what)
@@ -226,7 +226,7 @@ static void AddTypedViolation(DecodedRequest *request, std::string_view name, co
     ++request->typedViolations;
 }
 
-// Of the entries of a list of the right length, the first one that is wrong is told.
+// Reports the first wrong entry of a list whose length is right.
 static void CheckEntries(DecodedRequest *request, std::string_view name, std::string_view text)
 {
     for (size_t number = 1; !text.empty(); ++number) {
@@ -248,7 +248,7 @@ static void CheckEntries(DecodedRequest *request, std::string_view name, std::st
     }
 }
 
-// Clients reckon a list's count from its length alone.
+// Clients calculate a list's count from its length alone.
 static void DecodeList(DecodedRequest *request, ListNames names, uint32_t count, std::string_view text)
 {
     AddField(request, names.count, count);
@@ -269,7 +269,7 @@ static void DecodeList(DecodedRequest *request, ListNames names, uint32_t count,
     CheckEntries(request, names.list, text);
 }
 
-// A decimal number that is the whole of `text`.
+// The number, if the whole of `text` is a decimal number.
 static std::optional<uint64_t> WholeNumber(std::string_view text)
 {
     uint64_t number = 0;
@@ -280,7 +280,7 @@ static std::optional<uint64_t> WholeNumber(std::string_view text)
     return number;
 }
 
-// A number as text. Text that is no number is shown as it is, and nothing is returned.
+// Decodes a number that is sent as text. Non-numeric text is shown unchanged, and nothing is returned.
 template <size_t kCount>
 static std::optional<uint64_t> DecodeNumberText(DecodedRequest *request, std::string_view name, std::string_view text,
                                                 const std::string_view (&names)[kCount])
@@ -298,7 +298,7 @@ static std::optional<uint64_t> DecodeNumberText(DecodedRequest *request, std::st
     return number;
 }
 
-// A number whose range no client checks.
+// For a number whose range clients do not check.
 template <size_t kCount>
 static void DecodeUncheckedNumber(DecodedRequest *request, std::string_view name, uint32_t number,
                                   const std::string_view (&names)[kCount])
@@ -357,14 +357,14 @@ static void DecodeLogLevel(Bytes payload, DecodedRequest *request)
     if (level.empty()) {
         AddWarning(request, "level", "is empty");
     }
-    // Without a level after the command word, the client sends the name that it was started by.
+    // If no level follows the command word, the client sends the name by which it was started.
     if (level.substr(level.rfind('/') + 1) == "plax-tool") {
         AddWarning(request, "level", "is the name of the program");
     }
 }
 const PayloadShape kLogLevelPayload = {0, kRequestLengthMax, DecodeLogLevel};
 
-// The one NaN of each sign that a word on the command line gives, or the bits of any other.
+// "nan" or "-nan" for the NaNs that these words produce on the command line; other NaNs show their bits.
 static std::string NanText(double number)
 {
     const auto bits = std::bit_cast<uint64_t>(number);
@@ -376,7 +376,7 @@ static std::string NanText(double number)
     return text;
 }
 
-// JSON has neither infinities nor NaNs: they are given as texts.
+// JSON has no infinities and NaNs, so they become texts.
 static nlohmann::ordered_json Real(double number)
 {
     if (std::isfinite(number)) {
@@ -443,7 +443,8 @@ static void DecodeFilePath(Bytes payload, DecodedRequest *request)
 }
 const PayloadShape kFilePathPayload = {1, kFilePathLengthMax + 1, DecodeFilePath};
 
-// The text of a UUID, and a number right after it. The number 0 does nothing without an object.
+// The text of a UUID, directly followed by a number. With the number 0, the request concerns only the UUID's object, so
+// a UUID of zeros is probably a mistake.
 template <size_t kCount>
 static std::optional<uint64_t> DecodeUuidAndNumber(DecodedRequest *request, std::string_view name,
                                                    std::string_view text, const std::string_view (&names)[kCount])
@@ -489,8 +490,8 @@ static void DecodeCrawlerState(Bytes payload, DecodedRequest *request)
 const PayloadShape kCrawlerStatePayload = {sizeof(CrawlerStateRequest), sizeof(CrawlerStateRequest),
                                            DecodeCrawlerState};
 
-// The number before the next colon. What it names has to be known: there is no entry 1. The client sends 0 when its
-// user gave no word for it; of two such words it sends the last one's number, and nobody sees that there were two.
+// The number before the next colon must have a name: there is no entry 1. The client sends 0 if its user gave no word
+// for it. If there were two words, it sends the last one's number, so the mistake cannot be detected.
 template <size_t kCount>
 static void DecodeCallbackNumber(DecodedRequest *request, std::string_view name, std::string_view *text,
                                  const std::string_view (&names)[kCount])

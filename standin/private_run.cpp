@@ -1,6 +1,6 @@
-// The directory of the default path is replaced by a tmpfs into which everything in that directory is bound. An overlay
-// would do without the list of entries, but it would hide the mounts below the directory, keep the script's changes
-// there from everybody else, and not every kernel lets ordinary users mount it.
+// A tmpfs covers the directory of the default path, and each entry of the directory is bind-mounted into it. An overlay
+// would need no list of the entries. But it would hide the mounts below the directory and the script's changes there
+// would reach nobody else, and not every kernel lets ordinary users mount one.
 
 #include "private_run.h"
 
@@ -36,14 +36,14 @@ static void WriteText(const char *path, const std::string &text)
     Check(static_cast<int>(write(file.Get(), text.data(), text.size())), path);
 }
 
-// A map from a number to itself, which is all that an ordinary user may ask for.
+// Maps an ID to itself, which is all that an ordinary user is allowed.
 static std::string OnlyMap(unsigned number)
 {
     const std::string text = std::to_string(number);
     return text + " " + text + " 1";
 }
 
-// Root needs no user namespace, in which it would lose its rights over everybody else's files.
+// Root needs no user namespace, in which it would lose its rights to other users' files.
 static void EnterNamespaces()
 {
     if (unshare(CLONE_NEWNS) == 0) {
@@ -57,7 +57,8 @@ static void EnterNamespaces()
     WriteText("/proc/self/gid_map", group);
 }
 
-// Of the right type, which is what a list of the directory tells. Nobody but root may make devices.
+// Creates a mount point of the entry's type, as listings of the directory show it. A device gets a regular file, since
+// only root can create devices.
 static void MakePlace(const fs::file_status &status, const fs::path &place)
 {
     const mode_t type = fs::is_socket(status) ? S_IFSOCK : fs::is_fifo(status) ? S_IFIFO : S_IFREG;
@@ -68,7 +69,7 @@ static void MakePlace(const fs::file_status &status, const fs::path &place)
 
 static void Bind(const fs::path &from, const fs::path &to)
 {
-    // What has just been removed needs no place any more.
+    // ENOENT: the entry has just been removed.
     if (mount(from.c_str(), to.c_str(), nullptr, MS_BIND | MS_REC, nullptr) < 0 && errno != ENOENT) {
         throw std::runtime_error(SystemError("bind " + from.string(), errno));
     }
@@ -84,7 +85,7 @@ static void ShowEntry(const fs::directory_entry &entry, const fs::path &place)
     Bind(entry.path(), place);
 }
 
-// Who cannot make files in the real directory cannot make any in this one either.
+// A user who cannot create files in the real directory cannot create any in this one.
 static void MountWorkDirectory(const fs::path &directory, const std::string &workDirectory)
 {
     const char *mode = access(directory.c_str(), W_OK) == 0 ? "mode=0755" : "mode=0555";
@@ -109,7 +110,7 @@ void EnterPrivateRun(const std::string &socket, const std::string &workDirectory
     MakePlace(fs::file_status(fs::file_type::socket), place);
     Bind(socket, place);
     Check(mount(workDirectory.c_str(), directory.c_str(), nullptr, MS_MOVE, nullptr), "mount " + directory.string());
-    fs::current_path(workingDirectory, error); // it may lie below the directory
+    fs::current_path(workingDirectory, error); // it may be below the directory
 }
 
 } // namespace standin

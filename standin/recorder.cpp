@@ -1,5 +1,4 @@
-// Requests are told apart by their fields, all of which have to be equal. What one of them was answered in turn makes a
-// list, in the order in which the requests came.
+// Requests whose fields are all equal share a list of answers, in the order in which the requests came.
 
 #include "recorder.h"
 
@@ -82,7 +81,7 @@ static Json FieldsOf(const DecodedRequest &request)
     return fields;
 }
 
-// Fields of a payload that makes no sense are not known, and nothing could be told apart by them.
+// Without the fields of a malformed payload, an answer could not be restricted to such requests.
 static bool CanBeRecorded(const DecodedRequest &request)
 {
     return request.command != nullptr && (request.violations.empty() || !request.fields.empty());
@@ -99,7 +98,7 @@ void Recorder::RequestCame(const LogEntry &entry, std::string_view bytes)
     const std::string fields = DumpJson(FieldsOf(request));
     Json &answers = commands_[key][fields];
     exchanges_[entry.connection] = {key, fields, answers.size(), std::chrono::steady_clock::now(), {}};
-    answers.push_back(nullptr); // keeps its place until the exchange has ended
+    answers.push_back(nullptr); // a placeholder until the exchange ends
 }
 
 void Recorder::ReplySent(const LogEntry &entry, std::string_view bytes)
@@ -120,7 +119,8 @@ void Recorder::Ended(const LogEntry &entry)
 
 // ---- What the daemon did ----
 
-// A header that is cut announces no payload, as far as its length has come. A client may look at these bytes.
+// A stand-in that cuts a header announces the length 0. Other length bytes, which a client may read, are recorded as
+// garbage.
 static Fault FrameFault(const SentBytes &sent)
 {
     if (sent.count < kHeaderSize) {
@@ -131,7 +131,7 @@ static Fault FrameFault(const SentBytes &sent)
     return came == announced ? Fault::None : came < announced ? Fault::AnnounceMore : Fault::Garbage;
 }
 
-// Of a request that was answered without a daemon, the fault is known.
+// The fault of an answer that the relay itself gave.
 static Fault PlayedFault(std::string_view name)
 {
     const auto *const row = std::find_if(std::begin(kFaultNames), std::end(kFaultNames),
@@ -160,14 +160,14 @@ static Fault FaultOf(const LogEntry &entry)
     return nothing ? Fault::CloseWithoutAnswering : FrameFault(entry.sent);
 }
 
-// The milliseconds that an answers file can hold.
+// Milliseconds within the limits of an answers file.
 static int64_t Milliseconds(SteadyTime from, SteadyTime to)
 {
     const auto time = std::chrono::floor<std::chrono::milliseconds>(to - from).count();
     return std::clamp<int64_t>(time, 0, 86400000);
 }
 
-// Removes the header, and gives the time at which it was whole.
+// Removes the header and returns the time at which its last byte came.
 static SteadyTime TakeHeader(std::vector<TimedBytes> *reply)
 {
     size_t left = kHeaderSize;
@@ -195,7 +195,7 @@ static void AddFault(const LogEntry &entry, Fault fault, Json *answer)
     }
 }
 
-// A cut header has the beginning of a status, or all of it.
+// Bytes of the status that a cut header lacks are zero.
 static void AddStatus(uint32_t status, Json *answer)
 {
     if (status == 0) {
@@ -208,7 +208,7 @@ static void AddStatus(uint32_t status, Json *answer)
     }
 }
 
-// Null for an exchange that the relay's end has cut short.
+// Null for an exchange that was cut short by the relay's end.
 Json Recorder::AnswerOf(const LogEntry &entry, Exchange *exchange)
 {
     if (entry.outcome == "unfinished") {
@@ -236,7 +236,7 @@ Json Recorder::AnswerOf(const LogEntry &entry, Exchange *exchange)
     return answer;
 }
 
-// Parts that come within the same millisecond make one piece.
+// Parts that come less than a millisecond apart make one piece.
 Json Recorder::PiecesOf(const std::vector<TimedBytes> &reply, SteadyTime start)
 {
     std::vector<Piece> pieces;
@@ -265,7 +265,7 @@ Json Recorder::PiecesOf(const std::vector<TimedBytes> &reply, SteadyTime start)
     return {{"pieces", list}};
 }
 
-// A file's name comes from its bytes, so files of an earlier recording stay what they are.
+// A file's name is made from its bytes, so the files of an earlier recording keep their contents.
 Json Recorder::PayloadOf(const std::string &bytes)
 {
     if (Json::parse(DumpJson(bytes)) == bytes) {
@@ -291,7 +291,7 @@ static Json EntryOf(const std::string &fields, Json answers)
     return entry;
 }
 
-// Without the exchanges that have not ended.
+// Leaves out exchanges that have not ended or were cut short.
 static Json Complete(const Json &answers)
 {
     Json complete = Json::array();

@@ -1,5 +1,6 @@
-// Three processes: the stand-in, out of reach of the terminal's signals, so that the script's last commands are
-// answered after a Ctrl-C, too; the script, in namespaces of its own; and this one, which waits and cleans up.
+// A rehearsal has three processes. The stand-in has a session of its own, so that a Ctrl-C does not reach it and the
+// script's last commands are still answered. The script has namespaces of its own, except with --socket-option. This
+// process waits for both and cleans up.
 
 #include "rehearse.h"
 
@@ -85,7 +86,7 @@ static pid_t StartServer(const Rehearsal &rehearsal, const TakenSignals &signals
     if (read(ready.input.Get(), &byte, 1) == 1) {
         return server;
     }
-    AwaitProcess(server); // it has said why it does not serve
+    AwaitProcess(server); // it has printed why it does not serve
     return -1;
 }
 
@@ -114,7 +115,7 @@ static std::string FindTool(const std::string &searchPath)
     return {};
 }
 
-// Puts a plax-tool of our own before the one that is found in PATH.
+// Puts a plax-tool first in PATH that runs the one found there with -s.
 static int UseSocketOption(const std::string &socketPath, const std::string &directory)
 {
     const char *variable = getenv("PATH");
@@ -134,7 +135,7 @@ static int UseSocketOption(const std::string &socketPath, const std::string &dir
     return 0;
 }
 
-// In the script's process.
+// Runs in the script's process.
 static int BecomeScript(const Rehearsal &rehearsal, const TemporaryDirectory &directory)
 {
     if (!rehearsal.socketOption) {
@@ -149,7 +150,7 @@ static int RunScript(const Rehearsal &rehearsal, const TakenSignals &signals, co
                      pid_t server)
 {
     if (const int signal = TakeSignal(signals); signal != 0) {
-        return kExitSignal + signal; // the script is not even started
+        return kExitSignal + signal; // the script has not been started
     }
     const pid_t script = StartProcess(signals, [&] { return BecomeScript(rehearsal, directory); });
     return RunToEnd(script, signals, server);

@@ -1,7 +1,7 @@
-// Bytes and half-closes are easy to pass on. A reset is not: the system resets a local connection when it is closed
-// with bytes in it that nobody has read, and a relay that has read everything cannot bring that about. So each
-// direction looks at the bytes in its queue, sends them on, and removes all but the last one. That one is removed when
-// its sender ends in an orderly way, and left where it is when the connection has to end with a reset.
+// Bytes and half-closes are easy to pass on. A reset is not: the system resets a local connection if it is closed with
+// unread bytes, and a relay that has read everything cannot cause one. So each direction peeks at the bytes in its
+// queue, sends them, and removes all but the last one. That byte is removed when its sender closes in an orderly way,
+// and stays unread if the connection must end with a reset.
 
 #include "relay.h"
 
@@ -18,11 +18,11 @@ namespace standin {
 
 static constexpr const char *kEndOfTheRelay = "ended by the relay's end";
 
-// Once the program has been told to end, a daemon that takes nothing more is not waited for much longer.
+// At the program's end, a connection is given up after this time without progress.
 static constexpr std::chrono::seconds kPatienceAtEnd{1};
-// A daemon with a full queue of clients is asked again after this time.
+// The time between attempts to connect to a daemon with a full backlog.
 static constexpr std::chrono::milliseconds kConnectAgain{2};
-// So often bytes are passed on before the other connections have their turn.
+// How often a connection passes bytes on before the others have their turn.
 static constexpr int kStepsAtOnce = 16;
 
 static SteadyTime Now()
@@ -32,7 +32,7 @@ static SteadyTime Now()
 
 namespace {
 
-// Collects a request's bytes for the decoder, and counts what comes after them.
+// The request's bytes, for the decoder, and the number of bytes after them.
 struct RequestCapture {
     std::vector<uint8_t> bytes;
     uint64_t bytesAfterEnd = 0;
@@ -41,9 +41,9 @@ struct RequestCapture {
 struct Flow {
     int from;
     int to;
-    const char *sender;  // what the log calls the one who sends
-    std::string pending; // looked at, but not yet sent on
-    size_t unread = 0;   // bytes that still lie in the queue of `from`, `pending` included
+    const char *sender;  // the sender's name in the log
+    std::string pending; // peeked at, but not sent yet
+    size_t unread = 0;   // bytes in the queue of `from` that were peeked at, including `pending`
     bool ended = false;
 };
 
@@ -88,15 +88,15 @@ private:
     Flow request_{};
     Flow reply_{};
     RequestCapture capture_;
-    LogTicket ticket_;  // from the moment when the request is whole
-    std::string early_; // of the reply: what came before the request was whole
+    LogTicket ticket_;  // set when the request is whole or has ended
+    std::string early_; // reply bytes that came before the request was whole
     SteadyTime lastReply_{};
     SteadyTime firstEnd_ = kNever;
-    bool stopping_ = false; // the program ends
-    bool stopped_ = false;  // it was this program that shut the client's connection down
-    std::string end_;       // who ended first, and how; empty when it was the relay itself
+    bool stopping_ = false; // the program is ending
+    bool stopped_ = false;  // this program shut the client's connection down
+    std::string end_;       // who ended first, and how; empty if nobody has
     DaemonEnd daemonFirst_ = DaemonEnd::AfterClient;
-    std::string daemonEnd_; // how the daemon ended, when the client has gone too
+    std::string daemonEnd_; // how the daemon ended, if the client had gone too
 };
 
 } // namespace
@@ -114,7 +114,7 @@ static void Capture(RequestCapture *capture, std::string_view bytes)
     }
 }
 
-// Looks at bytes that no one has looked at yet.
+// Peeks at bytes that were not peeked at before: the queue has a peek offset.
 static Step Look(Flow *flow)
 {
     char bytes[16384];
@@ -139,7 +139,7 @@ static void RemoveFromQueue(Flow *flow, size_t left)
     }
 }
 
-// A receiver that takes no more bytes makes its sender's next send fail, as it would without a relay.
+// If the receiver takes no more bytes, the sender's next send fails, as it would without a relay.
 static Step SendOn(Flow *flow)
 {
     const ssize_t count = send(flow->to, flow->pending.data(), flow->pending.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
@@ -159,7 +159,7 @@ static Step SendOn(Flow *flow)
     return Step::Moved;
 }
 
-// An orderly end: the receiver learns of it, and also when the sender takes no more either.
+// Passes on an orderly end. The receiver also learns whether the sender still takes bytes.
 static void PassOnEnd(Flow *flow)
 {
     RemoveFromQueue(flow, 0);
@@ -167,7 +167,7 @@ static void PassOnEnd(Flow *flow)
     flow->ended = true;
 }
 
-// The last byte of a request that is whole, or too long, still lies in the socket's queue.
+// ReadRequest has left the last byte of a whole request, or of the header of a too long one, in the queue.
 RelaySession::RelaySession(Connection connection, const Watch &watch, const std::string &daemonPath, standin::Log *log,
                            const TakenRequest &taken)
     : connection_(std::move(connection)), watch_(watch), daemonPath_(daemonPath), log_(log), ticket_(taken.ticket)
@@ -185,7 +185,7 @@ Progress RelaySession::Advance()
     return (this->*doing_)();
 }
 
-// What a client has sent before the end still goes to the daemon; just the daemon's reply is not waited for.
+// What the client has sent still goes to the daemon, but the reply is not waited for.
 void RelaySession::Stop()
 {
     stopping_ = true;
@@ -202,7 +202,7 @@ void RelaySession::Stop()
 
 // ---- Reaching the daemon ----
 
-// A daemon whose queue of clients is full is waited for, as a client would. Nobody else is accepted meanwhile, so
+// If the daemon's backlog is full, the session waits, as a client would. No other client is accepted meanwhile, so that
 // clients reach the daemon in the order in which they came: a script's next command must not overtake the one before.
 void RelaySession::Connect()
 {
@@ -251,7 +251,7 @@ Progress RelaySession::AwaitDaemon()
     return doing_ == &RelaySession::AwaitDaemon ? Progress::Waiting : Progress::More;
 }
 
-// The client has connected already, so it cannot be told otherwise than by a reset.
+// The client has already connected, so only a reset can tell it that there is no daemon.
 Progress RelaySession::TurnAway()
 {
     if (ReadRequest(connection_.socket.Get(), &capture_.bytes) == RequestState::Coming) {
@@ -329,9 +329,9 @@ void RelaySession::NoteReset(const Flow &flow, Step step)
     }
 }
 
-// Notes the first end only. When both have ended by the time that anyone looks, the client counts, who has yet to be
-// read to its end: a daemon ends because its client has what it wants. At the program's end the daemon's side is shut
-// down from here, which cuts short whatever a client that is still there was waiting for.
+// Notes only the first end. If the client has also gone by the time that the daemon's end is noticed, the client's end
+// counts as the first: a daemon usually closes because its client is done. While the program is ending, the daemon's
+// end is the relay's own shutdown, so a client that is still connected was cut short by the relay.
 void RelaySession::NoteEnd(const Flow &flow, const char *how)
 {
     if (!end_.empty()) {
@@ -346,7 +346,7 @@ void RelaySession::NoteEnd(const Flow &flow, const char *how)
     }
 }
 
-// A client that has only ended its own direction still waits.
+// A client that has only shut down its sending side still waits for the reply.
 void RelaySession::NoteDaemon(DaemonEnd how)
 {
     if (how != DaemonEnd::AfterClient && !PeerHasGone(request_.from)) {

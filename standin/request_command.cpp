@@ -1,5 +1,5 @@
-// Each field of a request has a row here that says how the field gets onto the command line. Fields with their default
-// value are left out, unless the tool refuses the command without them.
+// Each field of a request has a row that says how the field is written on the command line. Fields with their default
+// value are left out unless the tool refuses the command without them.
 
 #include "request_command.h"
 
@@ -148,7 +148,7 @@ static void AddCallbackWord(const FieldRow & /*row*/, const DecodedRequest & /*r
 static void AddNothing(const FieldRow &, const DecodedRequest &, const Field &, CommandWords *) {}
 
 static constexpr uint64_t kNoLimit = std::numeric_limits<uint64_t>::max();
-// Linux passes no longer argument to a program, where a page of memory has 4096 bytes.
+// Linux's limit for one argument, if a page of memory has 4096 bytes.
 static constexpr uint64_t kArgumentLengthMax = 131071;
 static constexpr uint64_t kListLengthMax = 94718;
 
@@ -186,7 +186,7 @@ static void AddWord(std::string_view word, std::string *line)
     line->append(" ").append(ShellWord(word));
 }
 
-// An operand that looks like an option must stand after "--".
+// An operand that looks like an option must follow "--".
 static std::string Line(std::string_view commandWord, const CommandWords &words)
 {
     std::string line = "plax-tool";
@@ -263,7 +263,7 @@ static const FieldRow *FindOption(std::string_view option)
     return row == std::end(kFieldRows) ? nullptr : row;
 }
 
-// Returns how many words the option takes.
+// Returns the number of words that were taken.
 static size_t TakeOption(std::span<const std::string> words, TypedCommand *typed, std::string *error)
 {
     const FieldRow *row = FindOption(words.front());
@@ -279,7 +279,7 @@ static size_t TakeOption(std::span<const std::string> words, TypedCommand *typed
         *error = words.front() + " needs a value";
         return 1;
     }
-    typed->options[row] = words[1]; // the last one counts
+    typed->options[row] = words[1]; // the last occurrence takes effect
     return 2;
 }
 

@@ -1,5 +1,5 @@
-// The header tells how much is to come. Each of the two parts is read but for its last byte, since only then is it
-// known whether that byte may be the last of the whole request.
+// Header and payload are each read except for their last byte, which may be the request's last. The header must be
+// whole before that is known.
 
 #include "request_input.h"
 
@@ -25,7 +25,7 @@ void ReadLastByte(int socket)
     recv(socket, &byte, 1, 0);
 }
 
-// Takes all but the last one of the bytes that are due, or looks at that one. Returns what recv does.
+// Reads the due bytes except for the last one, or peeks at that one. Returns what recv returns.
 static ssize_t ReadSome(int socket, size_t due, std::vector<uint8_t> *bytes)
 {
     uint8_t piece[16384];
@@ -46,7 +46,7 @@ RequestState ReadRequest(int socket, std::vector<uint8_t> *bytes)
             return count < 0 && errno == EAGAIN ? RequestState::Coming : RequestState::Broken;
         }
         if (due == 1 && RequestBytesDue(*bytes) > 0) {
-            ReadLastByte(socket); // of the header
+            ReadLastByte(socket); // of the header: a payload follows
         }
     }
     return ReadHeader(*bytes).length > kRequestLengthMax ? RequestState::Broken : RequestState::Whole;

@@ -1,5 +1,5 @@
-// The script belongs to the terminal like this process: it is in the same process group. A signal from the terminal
-// reaches both, so only those that a process has sent are passed on.
+// The script is in this process's group, so that it can use the terminal. A signal from the terminal reaches both, so
+// only signals that were sent by processes are passed on.
 
 #include "script_process.h"
 
@@ -24,7 +24,7 @@ namespace standin {
 
 using Clock = std::chrono::steady_clock;
 
-// What a script has left behind, for example the end of a pipe, usually ends by itself at once.
+// Processes that a script leaves running, for example the rest of a pipeline, usually end by themselves at once.
 static constexpr std::chrono::seconds kTimeToEnd{2};
 
 TakenSignals TakeSignals()
@@ -39,7 +39,7 @@ TakenSignals TakeSignals()
         throw std::runtime_error(SystemError("signalfd", errno));
     }
     sigprocmask(SIG_BLOCK, &set, &signals.previous);
-    signal(SIGCHLD, SIG_DFL); // where it is ignored, nobody learns how a child ended
+    signal(SIGCHLD, SIG_DFL); // if it is ignored, the exit statuses of children are lost
     prctl(PR_SET_CHILD_SUBREAPER, 1);
     return signals;
 }
@@ -115,12 +115,12 @@ static int AwaitScript(pid_t script, const TakenSignals &signals)
     return ExitStatus(status);
 }
 
-// The parent of a process, or 0 when there is no such process any more.
+// The parent of a process, or 0 if the process no longer exists.
 static pid_t ParentOf(const char *pid)
 {
     std::string text;
     ReadFile(std::string("/proc/") + pid + "/stat", &text);
-    // The name before the last parenthesis may hold anything.
+    // The name before the last parenthesis may contain any character.
     const size_t name = text.rfind(')');
     char state = 0;
     pid_t parent = 0;
@@ -143,7 +143,7 @@ static std::vector<pid_t> ChildrenExcept(pid_t keep)
     return children;
 }
 
-// Those that have ended are released. Those that are left may have left others behind.
+// Reaps the children that have ended and returns the others. When one ends, this process inherits its children.
 static std::vector<pid_t> LeftBehind(pid_t keep)
 {
     std::vector<pid_t> left = ChildrenExcept(keep);
@@ -151,7 +151,7 @@ static std::vector<pid_t> LeftBehind(pid_t keep)
     return left;
 }
 
-// Sends the signal once to each, and waits for the end of all.
+// Sends the signal once to each child and waits until all have ended, or until the time is over.
 static bool AllEnd(pid_t keep, int signal, Clock::duration time)
 {
     static constexpr int kLookAgainMs = 10;

@@ -11,13 +11,13 @@
 
 namespace standin {
 
-// How a connection ends that is closed with a byte unread.
+// The end of a connection that is closed with an unread byte.
 static constexpr const char *kResetHere = "reset by the stand-in";
 
-// A reply that makes no sense: a header with a status that nobody gives, and far fewer bytes than it announces.
+// A header with a meaningless status, and far fewer payload bytes than it announces.
 static constexpr std::string_view kGarbage("\xde\xad\xbe\xef\x00\x0f\xf1\xce\x7f\x00\xff\x1b", 12);
 
-// So much is sent or read before the other connections have their turn.
+// How much is sent or read before the other connections have their turn.
 static constexpr size_t kBytesAtOnce = size_t{1024} * 1024;
 
 static SteadyTime Now()
@@ -27,7 +27,7 @@ static SteadyTime Now()
 
 namespace {
 
-// What is sent after a pause.
+// Bytes that are sent after a pause.
 struct Part {
     std::chrono::milliseconds pause;
     std::string_view bytes;
@@ -45,7 +45,7 @@ public:
     Progress Advance() override;
     void Stop() override;
 
-    // The request has come, and is answered so.
+    // Answers a request that is already in the log.
     void Begin(LogTicket ticket, const ChosenAnswer &chosen);
 
 private:
@@ -71,17 +71,17 @@ private:
     Step step_ = &ServeSession::Read;
     std::vector<uint8_t> request_;
     LogTicket ticket_;
-    std::shared_ptr<AnswerBook> book_; // keeps the answer
+    std::shared_ptr<AnswerBook> book_; // owns the answer, also after a reload
     const Answer *answer_ = nullptr;
-    bool unmatched_ = false; // the answers file says nothing for this request
+    bool unmatched_ = false; // the answers file has entries for the command, but none fits
     std::string header_;
     std::vector<Part> parts_;
-    size_t part_ = 0;       // the one that is being sent
-    size_t partSent_ = 0;   // bytes of it
-    bool paused_ = false;   // the pause before it is over
+    size_t part_ = 0;       // index of the one being sent
+    size_t partSent_ = 0;   // bytes of it already sent
+    bool paused_ = false;   // its pause is over
     bool timed_ = false;    // the time that the request took is known
-    bool stopping_ = false; // the program ends
-    bool stopped_ = false;  // it was this program that shut the connection down
+    bool stopping_ = false; // the program is ending
+    bool stopped_ = false;  // this program shut the connection down
     uint64_t extraBytes_ = 0;
 };
 
@@ -98,7 +98,7 @@ static std::string FrameBytes(uint32_t status, uint32_t length)
     return bytes;
 }
 
-// The header of a framed reply, or as much of it as the fault leaves.
+// The header of a framed reply; the fault cut-header leaves only its beginning.
 static std::string HeaderBytes(const Answer &answer)
 {
     const bool announcesMore = answer.fault == Fault::AnnounceMore;
@@ -117,7 +117,7 @@ static void AddPieces(const Answer &answer, std::vector<Part> *parts)
     }
 }
 
-// All that is sent for the answer. `header` keeps bytes that the answer does not have.
+// Everything that is sent for the answer. `header` owns the bytes that are not the answer's own.
 static std::vector<Part> PartsOf(const Answer &answer, ReplyClass replyClass, std::string *header)
 {
     std::vector<Part> parts;
@@ -146,7 +146,7 @@ Progress ServeSession::Advance()
     return (this->*step_)();
 }
 
-// A client that has gone already needs no shutting down: its last bytes are read, and how it ended is still told.
+// If the client has already gone, its last bytes are still read and the log tells how it ended.
 void ServeSession::Stop()
 {
     stopping_ = true;
@@ -163,7 +163,7 @@ Progress ServeSession::Read()
         return Progress::Waiting;
     }
     if (request_.empty()) {
-        return Progress::Done; // somebody looked whether a daemon is there
+        return Progress::Done; // the client only checked that a daemon is there
     }
     return TakeRequest(state == RequestState::Whole);
 }
@@ -190,7 +190,7 @@ Progress ServeSession::TakeRequest(bool whole)
     if (logged.request.length > kRequestLengthMax) {
         return Finish(kResetHere);
     }
-    step_ = &ServeSession::AwaitEnd; // it was the client who stopped; perhaps just its sending side has ended
+    step_ = &ServeSession::AwaitEnd; // the client may have ended only its sending side
     return AwaitEnd();
 }
 
@@ -224,7 +224,7 @@ Progress ServeSession::Delay()
     return over ? Play() : Answered(false);
 }
 
-// Of an answer that was given whole.
+// For an answer that was given completely.
 std::string_view ServeSession::Outcome() const
 {
     if (answer_->fault != Fault::None) {
@@ -281,7 +281,7 @@ Progress ServeSession::SendPart(const Part &part)
     return Progress::More;
 }
 
-// A client that wants no reply is not missed when it has gone before the end of a delay.
+// A client that expects no reply may leave during a delay; its request still counts as answered.
 Progress ServeSession::Answered(bool whole)
 {
     LogEntry &entry = ticket_->entry;
@@ -312,7 +312,7 @@ Progress ServeSession::AwaitEnd()
     return Progress::More;
 }
 
-// The time to the last byte of the reply; where there was none, the time until the client gave up.
+// The time until the answer was given, or the connection ended without one. Only the first call has an effect.
 void ServeSession::NoteTime()
 {
     if (!std::exchange(timed_, true)) {

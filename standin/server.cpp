@@ -1,5 +1,5 @@
-// The system reports what happens at the watched sockets in the order in which it happened, and so it is handled: the
-// end of one client comes before the connection of the next one that the same script starts.
+// Events are handled in the order in which the system reports them, which is that in which they happened: the end of
+// a client comes before the connection of the next client that the same script starts.
 
 #include "server.h"
 
@@ -16,7 +16,7 @@
 
 namespace standin {
 
-// What events are told apart by; all other keys are the numbers of sessions.
+// The keys of events. All other keys are session numbers.
 static constexpr uint64_t kListenerKey = 0;
 static constexpr uint64_t kSignalKey = UINT64_MAX;
 
@@ -45,8 +45,8 @@ static void AddToEpoll(int epoll, int descriptor, uint32_t events, uint64_t key)
     }
 }
 
-// A request's last byte may stay in a queue for long and would report itself again and again, so changes are watched
-// instead of states.
+// Edge-triggered, because a request's last byte, which may stay in the queue for long, would otherwise be reported
+// again and again.
 void Watch::Add(int socket) const
 {
     AddToEpoll(epoll_, socket, EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET, session_);
@@ -94,7 +94,7 @@ void Server::Handle(uint64_t key)
     }
 }
 
-// Milliseconds until something is due, rounded up; -1: nothing is.
+// Milliseconds until something is due, rounded up; -1 if nothing is.
 int Server::Timeout() const
 {
     if (!busy_.empty()) {
@@ -130,7 +130,7 @@ void Server::StopSession(Sessions::iterator place)
     Settle(place, Progress::More);
 }
 
-// Nobody can connect any more, but those who did are still accepted.
+// No client can connect any more, but those in the backlog are still accepted.
 void Server::Stop()
 {
     stopping_ = true;
@@ -159,14 +159,14 @@ void Server::WatchListener()
     }
 }
 
-// Others have their turn in between, however many go on connecting.
+// Accepts a limited number, so that sessions have their turn however many clients connect.
 void Server::AcceptSome()
 {
     for (int i = 0; i < kAcceptedAtOnce && holder_ == 0 && AcceptOne(); ++i) {
     }
 }
 
-// False when there is nobody to accept, or nobody can be accepted.
+// Returns false if no client waits, or if none can be accepted.
 bool Server::AcceptOne()
 {
     Descriptor socket(accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
@@ -178,8 +178,8 @@ bool Server::AcceptOne()
     if (errno == ECONNABORTED || errno == EINTR) {
         return true;
     }
-    const bool nobodyWaits = errno == EAGAIN || errno == EINVAL; // EINVAL: and the listener is shut down
-    // Without a session, no descriptor will become free for those who wait.
+    const bool nobodyWaits = errno == EAGAIN || errno == EINVAL; // EINVAL: the listener is shut down
+    // Without a session, no descriptor will become free for the clients that wait.
     drained_ = stopping_ && (nobodyWaits || sessions_.empty());
     if (!nobodyWaits) {
         PauseAccepting(SystemError("accept", errno));
@@ -187,7 +187,7 @@ bool Server::AcceptOne()
     return false;
 }
 
-// Out of descriptors, the clients that wait go on waiting until others have ended.
+// If descriptors run out, clients wait in the backlog until others have ended.
 void Server::PauseAccepting(const std::string &reason)
 {
     acceptAgain_ = Now() + kAcceptPause;
@@ -221,7 +221,7 @@ void Server::Advance(uint64_t number)
 {
     const auto place = sessions_.find(number);
     if (place == sessions_.end()) {
-        return; // it has ended since the event was noted
+        return; // it has ended since the event was reported
     }
     Progress progress = Progress::Done;
     try {

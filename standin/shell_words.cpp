@@ -1,4 +1,4 @@
-// Within single quotes, nothing but the quote itself means anything.
+// Within single quotes, only the quote itself is special.
 
 #include "shell_words.h"
 
@@ -42,7 +42,7 @@ static void SetError(std::string *error, const std::string &what)
     }
 }
 
-// The character after a backslash. A newline after one does not count.
+// Takes the character after a backslash. A newline after a backslash is dropped.
 static void TakeEscaped(ShellText *text, std::string *word)
 {
     if (const char character = text->rest.empty() ? '\\' : Take(text); character != '\n') {
@@ -73,7 +73,7 @@ static void TakeQuoted(ShellText *text, char quote, std::string *word, std::stri
     SetError(error, "a quote is not closed");
 }
 
-// Up to the blank or the line's end that follows it, quoted or not.
+// Takes a word, up to the next blank or newline outside quotes.
 static std::string TakeWord(ShellText *text, std::string *error)
 {
     static constexpr std::string_view kSpecial = "$`;&|<>()*?[";

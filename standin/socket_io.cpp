@@ -1,4 +1,4 @@
-// A path that is too long is refused here rather than cut, as clients do it: two programs would miss each other.
+// Clients truncate a path that is too long. The stand-in refuses it, so that its socket always has the path given.
 
 #include "socket_io.h"
 

@@ -1,4 +1,4 @@
-// The C library knows the names of its errno numbers.
+// The names of errno numbers come from the C library.
 
 #include "status_names.h"
 
@@ -8,7 +8,7 @@
 
 namespace standin {
 
-// Linux gives out no higher number.
+// Linux uses no higher errno number.
 static constexpr uint32_t kErrnoMax = 4095;
 
 std::string_view StatusName(uint32_t status)
