@@ -118,13 +118,17 @@ def into_full_pipe():
         os.close(writer)
 
 
-def into_abandoned_pipe(step, word):
+def into_abandoned_pipe(step, word, **options):
     reader, writer = os.pipe()
     os.close(reader)
     try:
-        return with_daemon(step, words=(word,), stdout=writer)
+        return with_daemon(step, words=(word,), stdout=writer, **options)
     finally:
         os.close(writer)
+
+
+def ignore_broken_pipe():
+    signal.signal(signal.SIGPIPE, signal.SIG_IGN)
 
 
 def under_timeout():
@@ -312,12 +316,14 @@ def test_exit_status(status, has_message, cause):
 
 UNNOTICED = {
     "The daemon reads the request and closes": (lambda: with_daemon(words=(PRINTED,)), b"\n"),
-    "The daemon stalls or closes the connection within the header": (
-        lambda: with_daemon(send(b"\0\0\0"), words=(PRINTED,)), b"\n"),
+    "The daemon stalls, or closes or resets the connection, within the header": (
+        lambda: with_request_unread(PRINTED, send(b"\0\0\0")), b"\n"),
     "The daemon stalls, or resets the connection, after the header.": (
         lambda: with_request_unread(PRINTED, send(b"\0\0\0\0\0\0\0\2")), b"\0\0\n"),
     "A stream ends early": (lambda: with_daemon(send(b"abc"), words=(STREAMED,)), b"abc"),
     "A disk fills up": (lambda: into("/dev/full", os.O_WRONLY, STREAMED), b""),
+    "The reader of a streamed reply exits, and SIGPIPE is ignored": (
+        lambda: into_abandoned_pipe(send(b"abc"), STREAMED, preexec_fn=ignore_broken_pipe), b""),
     "The daemon ignores or fails a command that has no reply": (lambda: with_daemon(words=(UNANSWERED,)), b""),
 }
 
