@@ -29,6 +29,7 @@ OTHER_PREFIX = ("/opt/placement", "/opt/placement/share/zsh/site-functions/_plax
                 "/opt/placement/share/fish/vendor_completions.d/plax-tool.fish")
 # The directory that Wireshark searches for dissectors, on Debian and elsewhere.
 DISSECTOR = f"/usr/lib{f'/{MULTIARCH}' if ON_DEBIAN else '64'}/wireshark/plugins/plaxd.lua"
+STANDIN_FILES = ["share/doc/plax-tool-standin/standin-answers.schema.json", "share/doc/plax-tool-standin/examples"]
 needs_standin = pytest.mark.skipif("PLAXD_STANDIN" not in os.environ, reason="the stand-in is not built")
 
 
@@ -69,12 +70,16 @@ def test_examples_name_the_schema_where_it_is(installed):
 
 @needs_standin
 @pytest.mark.parametrize("prefix", ["/usr", "/opt/placement"])
-@pytest.mark.parametrize("page", ["man1/plaxd-standin.1", "man5/plaxd-standin-answers.5"])
-def test_page_names_files_that_are_there(installed, prefix, page):
-    root = f"{installed(prefix, 'plax-tool-standin')}{prefix}"
+@pytest.mark.parametrize("package, page, files", [
+    ("plax-tool", "man8/plax-tool.8", ["share/doc/plax-tool"]),
+    ("plax-tool-standin", "man1/plaxd-standin.1", STANDIN_FILES),
+    ("plax-tool-standin", "man5/plaxd-standin-answers.5", STANDIN_FILES),
+])
+def test_page_names_files_that_are_there(installed, prefix, package, page, files):
+    root = f"{installed(prefix, package)}{prefix}"
     with gzip.open(f"{root}/share/man/{page}.gz", "rt") as text:
         named = re.findall(r"^\.It Pa (share/.*)$", text.read(), re.MULTILINE)
-    assert named == ["share/doc/plax-tool-standin/standin-answers.schema.json", "share/doc/plax-tool-standin/examples"]
+    assert named == files
     assert all(os.path.exists(f"{root}/{path}") for path in named)
 
 
