@@ -5,6 +5,7 @@
 #include "answer_file.h"
 
 #include "descriptor.h"
+#include "field_kinds.h"
 #include "status_names.h"
 
 #include <algorithm>
@@ -409,13 +410,6 @@ static bool HasField(const CommandRow &command, std::string_view name)
                        [=](const Field &field) { return field.name == name; });
 }
 
-static bool IsFieldValue(const Json &value)
-{
-    return value.is_number() || value.is_string() ||
-           (value.is_array() &&
-            std::all_of(value.begin(), value.end(), [](const Json &text) { return text.is_string(); }));
-}
-
 static std::vector<FieldCondition> ReadConditions(Reader *reader, const Place &place, const Json &json,
                                                   const CommandRow &command)
 {
@@ -426,40 +420,49 @@ static std::vector<FieldCondition> ReadConditions(Reader *reader, const Place &p
     for (const auto &[key, value] : json.items()) {
         if (!HasField(command, key)) {
             Report(reader, place / key, "is no field of this command");
-        } else if (!IsFieldValue(value)) {
-            Report(reader, place / key, "must be a number, a text or a list of texts");
+        } else if (const FieldKind &kind = KindOf(key); !kind.holds(value)) {
+            Report(reader, place / key, std::string("must be ").append(kind.due));
         }
-        conditions.push_back({key, value});
+        conditions.push_back({key, key == "uuid" && value.is_string() ? Json(LowerCase(value)) : value});
     }
     return conditions;
 }
 
-// The entry for the next answer. Consecutive answers without conditions share one entry.
-static AnswerEntry &EntryFor(CommandAnswers *command, bool isConditional)
+// Whether the entry answers every request that has these fields.
+static bool AnswersAll(const AnswerEntry &entry, const std::vector<FieldCondition> &conditions)
 {
-    std::vector<AnswerEntry> &entries = command->entries;
-    if (isConditional || entries.empty() || entries.back().isConditional) {
-        entries.emplace_back().isConditional = isConditional;
-    }
-    return entries.back();
+    return std::all_of(entry.conditions.begin(), entry.conditions.end(), [&](const FieldCondition &condition) {
+        return std::find(conditions.begin(), conditions.end(), condition) != conditions.end();
+    });
 }
 
-static void ReadEntry(Reader *reader, const Place &place, Json json, CommandAnswers *command)
+// Consecutive answers without conditions share one entry.
+static void AddEntry(Reader *reader, const Place &place, AnswerEntry entry, std::vector<AnswerEntry> *entries)
 {
-    const bool isConditional = json.is_object() && json.contains("for");
-    const auto fitsAll = [](const AnswerEntry &entry) { return !entry.isConditional; };
-    if (isConditional && std::any_of(command->entries.begin(), command->entries.end(), fitsAll)) {
-        Report(reader, place, "is never used: an answer without \"for\" stands before it");
+    if (std::any_of(entries->begin(), entries->end(), [&](const AnswerEntry &earlier) {
+            return (earlier.isConditional || entry.isConditional) && AnswersAll(earlier, entry.conditions);
+        })) {
+        Report(reader, place, "is never used: an entry before it answers all these requests");
     }
-    AnswerEntry &entry = EntryFor(command, isConditional);
+    if (entry.isConditional || entries->empty() || entries->back().isConditional) {
+        entries->push_back(std::move(entry));
+    } else {
+        entries->back().answers.push_back(std::move(entry.answers.front()));
+    }
+}
+
+static AnswerEntry ReadEntry(Reader *reader, const Place &place, Json json, const CommandAnswers &command)
+{
+    AnswerEntry entry;
     const auto readAnswer = [&](const Place &answerPlace, const Json &answer) {
-        entry.answers.push_back(ReadAnswer(reader, answerPlace, answer, command->replyClass));
+        entry.answers.push_back(ReadAnswer(reader, answerPlace, answer, command.replyClass));
     };
-    if (!isConditional) {
+    if (!json.is_object() || !json.contains("for")) {
         readAnswer(place, json);
-        return;
+        return entry;
     }
-    entry.conditions = ReadConditions(reader, place / "for", json["for"], *command->command);
+    entry.isConditional = true;
+    entry.conditions = ReadConditions(reader, place / "for", json["for"], *command.command);
     json.erase("for");
     if (json.contains("answers")) {
         RefuseOtherKeys(reader, place, json, {"answers"});
@@ -467,6 +470,7 @@ static void ReadEntry(Reader *reader, const Place &place, Json json, CommandAnsw
     } else {
         readAnswer(place, json);
     }
+    return entry;
 }
 
 static void ReadCommands(Reader *reader, const Place &place, const Json &commands, AnswerBook *book)
@@ -480,10 +484,10 @@ static void ReadCommands(Reader *reader, const Place &place, const Json &command
             Report(reader, place / key, "is no command");
             continue;
         }
-        ReadOneOrMore(reader, place / key, value,
-                      [&, answers = &command->second](const Place &entryPlace, const Json &entry) {
-                          ReadEntry(reader, entryPlace, entry, answers);
-                      });
+        ReadOneOrMore(
+            reader, place / key, value, [&, answers = &command->second](const Place &entryPlace, const Json &entry) {
+                AddEntry(reader, entryPlace, ReadEntry(reader, entryPlace, entry, *answers), &answers->entries);
+            });
     }
 }
 

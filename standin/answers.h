@@ -60,6 +60,8 @@ size_t PayloadSize(const Answer &answer);
 struct FieldCondition {
     std::string name;
     nlohmann::json value;
+
+    bool operator==(const FieldCondition &) const = default;
 };
 
 struct AnswerEntry {

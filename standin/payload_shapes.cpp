@@ -4,6 +4,7 @@
 #include "payload_shapes.h"
 
 #include "command_settings.h"
+#include "field_kinds.h"
 #include "records.h"
 
 #include <algorithm>
@@ -95,7 +96,6 @@ static std::unique_ptr<Record> CopyRecord(Bytes payload)
     return record;
 }
 
-static constexpr std::string_view kLowerCaseDigits = "0123456789abcdef";
 static constexpr std::string_view kZeroUuid = "00000000-0000-0000-0000-000000000000";
 
 static std::string UuidText(const Uuid &uuid)
@@ -109,14 +109,6 @@ static std::string UuidText(const Uuid &uuid)
         text += kLowerCaseDigits[uuid.bytes[i] & 15U];
     }
     return text;
-}
-
-static bool IsUuidText(std::string_view text, std::string_view digits)
-{
-    const auto fits = [=](char place, char character) {
-        return place == '-' ? character == '-' : digits.find(character) != std::string_view::npos;
-    };
-    return std::equal(kZeroUuid.begin(), kZeroUuid.end(), text.begin(), text.end(), fits);
 }
 
 // A client that is given the beginning of a UUID sends zeros for the rest. A whole UUID hardly ever ends in four zero
@@ -217,23 +209,21 @@ struct ListNames {
     std::string_view list;
 };
 
-// A client copies its user's list, so its digits may be in upper or lower case.
-static constexpr std::string_view kListDigits = "0123456789abcdefABCDEF";
-
 static void AddTypedViolation(DecodedRequest *request, std::string_view name, const std::string &what)
 {
     AddViolation(request, name, what);
     ++request->typedViolations;
 }
 
-// Reports the first wrong entry of a list whose length is right.
+// Reports the first wrong entry of a list whose length is right. A client copies its user's list, so its digits may be in
+// upper or lower case.
 static void CheckEntries(DecodedRequest *request, std::string_view name, std::string_view text)
 {
     for (size_t number = 1; !text.empty(); ++number) {
         const std::string entryName = "entry " + std::to_string(number);
         const std::string_view entry = text.substr(0, kUuidTextLength);
         text.remove_prefix(kUuidTextLength);
-        if (!IsUuidText(entry, kListDigits)) {
+        if (!IsUuidText(entry, kEitherCaseDigits)) {
             AddTypedViolation(request, name, entryName + " is not the text of a UUID");
             return;
         }

@@ -81,10 +81,10 @@ static Json FieldsOf(const DecodedRequest &request)
     return fields;
 }
 
-// Without the fields of a malformed payload, an answer could not be restricted to such requests.
+// The fields of a malformed payload may be missing or have values that no answers file can name.
 static bool CanBeRecorded(const DecodedRequest &request)
 {
-    return request.command != nullptr && (request.violations.empty() || !request.fields.empty());
+    return request.command != nullptr && request.violations.size() == request.typedViolations;
 }
 
 void Recorder::RequestCame(const LogEntry &entry, std::string_view bytes)

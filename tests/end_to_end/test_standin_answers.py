@@ -169,6 +169,32 @@ def test_request_without_its_fields_fits_no_conditions():
     assert plaxd.entries[0]["outcome"] == "unmatched"
 
 
+def test_values_are_those_of_the_log_however_they_are_written():
+    """UUIDs may have digits of either case, and a whole number may have a point."""
+    answers = {"what-if-entity-decom": {"for": {"uuid": A.upper(), "decomMode": 2.0}, "text": "A2"}}
+    assert fits_schema({"answers": answers})
+    with Standin().answers(answers) as plaxd:
+        assert tool("-s", plaxd.path, "what-if-entity-decom", "-u", A, "-d", "2").stdout == b"A2\n"
+
+
+def test_narrower_entry_before_a_wider_one():
+    answers = {"what-if-entity-decom": [{"for": {"uuid": A, "decomMode": 2}, "text": "A2"},
+                                        {"for": {"uuid": A, "decomMode": 1}, "text": "A1"},
+                                        {"for": {"uuid": A}, "text": "A"}, {"for": {}, "text": "any"}]}
+    with Standin().answers(answers) as plaxd:
+        shown = [tool("-s", plaxd.path, "what-if-entity-decom", "-u", uuid, "-d", mode).stdout
+                 for uuid, mode in ((A, "2"), (A, "1"), (A, "0"), (B, "2"))]
+    assert shown == [b"A2\n", b"A1\n", b"A\n", b"any\n"]
+
+
+@pytest.mark.parametrize("value", ["inf", "-inf", "nan", "-nan", "nan(0x7ff0000000000001)", 1, 0.25, -0.5])
+def test_every_real_can_be_a_condition(value, tmp_path):
+    assert fits_schema({"answers": {"start-proactive-rebalance": {"for": {"varianceThreshold": value}}}})
+    answers = write_answers(tmp_path, {"start-proactive-rebalance": {"for": {"varianceThreshold": value}}})
+    assert end(start_standin("serve", "--socket", str(tmp_path / "s"), "--log", "/dev/null", "--answers",
+                             str(answers))) == (0, b"")
+
+
 def test_commands_left_out_are_answered():
     with Standin().answers({}) as plaxd:
         assert tool("-s", plaxd.path, "info-rebalance", "-a") == Outcome(b"bytes to move: 0\n", b"", 0)
@@ -371,23 +397,47 @@ WRONG = [
        ["/answers/crawler/times: must be a whole number from 1 to 4294967295"], True)
       for times in (0, "2", 4294967296)],
     ({"answers": {"crawler": {"for": 5}}}, ["/answers/crawler/for: must be an object"], True),
-    ({"answers": {"crawler": {"for": {"UUID": "", "decomMode": 2}}}},
+    ({"answers": {"crawler": {"for": {"UUID": 1, "decomMode": 2}}}},
      ["/answers/crawler/for/UUID: is no field of this command",
       "/answers/crawler/for/decomMode: is no field of this command"], False),
-    ({"answers": {"fix-concats": {"for": {"uuid": ""}}}},
+    ({"answers": {"fix-concats": {"for": {"uuid": A}}}},
      ["/answers/fix-concats/for/uuid: is no field of this command"], False),
-    *[({"answers": {"crawler": [{"for": {"uuid": value}}]}},
-       ["/answers/crawler/0/for/uuid: must be a number, a text or a list of texts"], True)
-      for value in (None, True, {}, [5])],
-    ({"answers": {"crawler": [{"for": {}, "answers": []}, {"for": {}, "answers": 5}]}},
-     ["/answers/crawler/0/answers: must not be empty", "/answers/crawler/1/answers: must be an object"], True),
+    *[({"answers": {"crawler": [{"for": {"uuid": value}}]}}, ["/answers/crawler/0/for/uuid: must be a UUID"], True)
+      for value in (None, True, {}, [5], 5, "", "0a0a0a0a", A + " ", A.replace("-", "_"), A[:-1] + "g")],
+    *[({"answers": {"what-if-entity-decom": {"for": {"decomMode": value}}}},
+       ["/answers/what-if-entity-decom/for/decomMode: must be a whole number"], True)
+      for value in ("2", "evacAllData", -1, 2.5, True, [2], None)],
+    *[({"answers": {command: {"for": {name: text}}}}, [f"/answers/{command}/for/{name}: must be a whole number"], True)
+      for command, name, text in [("enable-plax-recovery-mode", "recoveryMode", "REPAIR"),
+                                  ("enable-workitem", "workItemType", "MOVE"), ("block-cdb-cb", "event", "update"),
+                                  ("get-obj-crawler-state", "all", "0")]],
+    *[({"answers": {"start-proactive-rebalance": {"for": {"varianceThreshold": value}}}},
+       ['/answers/start-proactive-rebalance/for/varianceThreshold: must be a number, "inf" or "nan"'], True)
+      for value in ("0.3", "Infinity", "NaN", True, [0.3], "nan(0x7ff8)")],
+    ({"answers": {"log-level": {"for": {"level": 2}}, "fitness-config-set": {"for": {"json": {}}},
+                  "update-plaxdb": {"for": {"filePath": None}}}},
+     ["/answers/fitness-config-set/for/json: must be a text", "/answers/log-level/for/level: must be a text",
+      "/answers/update-plaxdb/for/filePath: must be a text"], True),
+    *[({"answers": {"set-global-exclusion-list": {"for": {"exclusionList": value}}}},
+       ["/answers/set-global-exclusion-list/for/exclusionList: must be a list of texts"], True)
+      for value in (A, [5], {}, None)],
+    ({"answers": {"crawler": {"for": {}, "answers": []}, "stats": {"for": {}, "answers": 5}}},
+     ["/answers/crawler/answers: must not be empty", "/answers/stats/answers: must be an object"], True),
     ({"answers": {"crawler": {"for": {}, "answers": [{"for": {}}, {"status": -1}], "text": ""}}},
      ["/answers/crawler/text: is not known here", "/answers/crawler/answers/0/for: is not known here",
       "/answers/crawler/answers/1/status: " + STATUS], True),
     ({"answers": {"crawler": {"answers": [{}]}}}, ["/answers/crawler/answers: is not known here"], True),
-    ({"answers": {"crawler": [{"text": ""}, {"for": {}}, {"text": ""}, {"for": {"uuid": ""}}]}},
-     ['/answers/crawler/1: is never used: an answer without "for" stands before it',
-      '/answers/crawler/3: is never used: an answer without "for" stands before it'], False),
+    *[({"answers": {"what-if-entity-decom": entries}},
+       [f"/answers/what-if-entity-decom/{number}: is never used: an entry before it answers all these requests"
+        for number in unused], False)
+      for entries, unused in [
+          ([{"text": ""}, {"for": {"uuid": A}}, {"for": {"uuid": B}}], [1, 2]),
+          ([{"for": {}}, {"for": {"uuid": A}}, {"text": ""}, {"text": ""}], [1, 2, 3]),
+          ([{"for": {}}, {"for": {}}], [1]),
+          ([{"for": {"uuid": A}}, {"for": {"uuid": B}}, {"for": {"uuid": A}}], [2]),
+          ([{"for": {"uuid": A}}, {"for": {"uuid": A.upper()}}], [1]),
+          ([{"for": {"uuid": A, "decomMode": 2}}, {"for": {"decomMode": 2, "uuid": A}}], [1]),
+          ([{"for": {"decomMode": 2}}, {"for": {"decomMode": 2.0, "uuid": A}}], [1])]],
     ({"answers": {"crawler": {"text": 5}}}, ["/answers/crawler/text: must be a text"], True),
     ({"answers": {"crawler": {"file": 5}}}, ["/answers/crawler/file: must be a text"], True),
     ({"answers": {"crawler": {"text": "", "pieces": [{"text": ""}]}}},
