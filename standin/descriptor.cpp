@@ -11,6 +11,8 @@
 
 namespace standin {
 
+static constexpr const char *kPrefix = "plaxd-standin: ";
+
 Descriptor::~Descriptor()
 {
     Close();
@@ -54,7 +56,12 @@ std::string SystemError(const std::string &text, int error)
 
 void Report(const std::string &message)
 {
-    fprintf(stderr, "plaxd-standin: %s\n", message.c_str());
+    std::string text = kPrefix;
+    for (const char character : message) {
+        text += character;
+        text += character == '\n' ? kPrefix : "";
+    }
+    fprintf(stderr, "%s\n", text.c_str());
 }
 
 } // namespace standin

@@ -39,7 +39,7 @@ int ReadFile(const std::string &path, std::string *bytes);
 // "TEXT: text of the errno".
 std::string SystemError(const std::string &text, int error);
 
-// Prints a message to standard error.
+// Prints a message to standard error, each of its lines with the program's name.
 void Report(const std::string &message);
 
 } // namespace standin

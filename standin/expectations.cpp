@@ -14,7 +14,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <stdexcept>
 #include <utility>
 
@@ -187,8 +186,7 @@ bool MeetExpectations(const Expectations &expectations, const std::vector<std::s
     const std::string camePath = MakeFile(folded, &came);
     if (!RunDiff({"diff", "--unified", "--text", "--label", expectations.path, "--label", "requests", expectedPath,
                   camePath})) {
-        fprintf(stderr, "plaxd-standin: the requests are not those of %s, and diff does not show how\n",
-                expectations.path.c_str());
+        Report("the requests are not those of " + expectations.path + ", and diff does not show how");
     }
     return false;
 }

@@ -1,4 +1,4 @@
-// Most fields are numbers, so only the others have a row in the table.
+// Most fields are numbers; the table lists the others.
 
 #include "field_kinds.h"
 

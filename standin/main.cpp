@@ -200,7 +200,7 @@ static void ReloadAnswers(const Settings &settings, Answers *answers)
     try {
         answers->book = ReadAnswers(settings);
     } catch (const std::exception &error) {
-        Report(std::string(error.what()) + "\nplaxd-standin: the answers stay as they were");
+        Report(std::string(error.what()) + "\nthe answers stay as they were");
     }
 }
 
@@ -338,7 +338,7 @@ int main(int argumentCount, char **arguments)
         const std::optional<int> status = standin::ParseArguments(argumentCount, arguments, &settings);
         return status ? *status : standin::Run(settings);
     } catch (const std::exception &error) {
-        fprintf(stderr, "plaxd-standin: %s\n", error.what());
+        standin::Report(error.what());
         return standin::kExitFailure;
     }
 }

@@ -215,8 +215,8 @@ static void AddTypedViolation(DecodedRequest *request, std::string_view name, co
     ++request->typedViolations;
 }
 
-// Reports the first wrong entry of a list whose length is right. A client copies its user's list, so its digits may be in
-// upper or lower case.
+// Reports the first wrong entry of a list whose length is right. A client copies its user's list, so its digits may be
+// in upper or lower case.
 static void CheckEntries(DecodedRequest *request, std::string_view name, std::string_view text)
 {
     for (size_t number = 1; !text.empty(); ++number) {

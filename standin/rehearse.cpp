@@ -15,7 +15,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -99,7 +98,7 @@ static void UsePrivateRun(const std::string &socketPath, const std::string &work
         EnterPrivateRun(socketPath, workDirectory);
     } catch (const std::exception &error) {
         throw std::runtime_error(std::string("the stand-in cannot be put at ") + kDefaultSocketPath + ": " +
-                                 error.what() + "\nplaxd-standin: try --socket-option");
+                                 error.what() + "\ntry --socket-option");
     }
 }
 
@@ -122,7 +121,7 @@ static int UseSocketOption(const std::string &socketPath, const std::string &dir
     const std::string searchPath = variable != nullptr ? variable : "";
     const std::string tool = FindTool(searchPath);
     if (tool.empty()) {
-        fprintf(stderr, "plaxd-standin: plax-tool: not found in PATH\n");
+        Report("plax-tool: not found in PATH");
         return kExitNotFound;
     }
     fs::create_directory(directory);
@@ -130,8 +129,9 @@ static int UseSocketOption(const std::string &socketPath, const std::string &dir
     std::ofstream(wrapper) << "#!/bin/sh\nexec " << ShellWord(tool) << " -s " << ShellWord(socketPath) << " \"$@\"\n";
     fs::permissions(wrapper, fs::perms::owner_all);
     setenv("PATH", (directory + ":" + searchPath).c_str(), 1);
-    fprintf(stderr, "plaxd-standin: warning: plax-tool is run with -s, so log-level and block-cdb-cb accept words that "
-                    "they refuse without it, and a plax-tool that is not found in PATH reaches the real daemon\n");
+    Report("warning: plax-tool is run with -s, so log-level and block-cdb-cb accept words that they refuse without it, "
+           "and "
+           "a plax-tool that is not found in PATH reaches the real daemon");
     return 0;
 }
 

@@ -66,7 +66,7 @@ pid_t StartProcess(const TakenSignals &signals, const std::function<int()> &run)
         sigprocmask(SIG_SETMASK, &signals.previous, nullptr);
         status = run();
     } catch (const std::exception &error) {
-        fprintf(stderr, "plaxd-standin: %s\n", error.what());
+        Report(error.what());
     }
     _exit(status);
 }
@@ -75,7 +75,7 @@ int Become(const std::vector<char *> &words)
 {
     execvp(words.front(), words.data());
     const int error = errno;
-    fprintf(stderr, "plaxd-standin: %s\n", SystemError(words.front(), error).c_str());
+    Report(SystemError(words.front(), error));
     return error == ENOENT ? kExitNotFound : kExitNotExecutable;
 }
 
@@ -175,7 +175,7 @@ static void EndLeftBehind(pid_t keep)
     if (AllEnd(keep, 0, kTimeToEnd)) {
         return;
     }
-    fprintf(stderr, "plaxd-standin: ending what the script left running\n");
+    Report("ending what the script left running");
     if (!AllEnd(keep, SIGTERM, kTimeToEnd)) {
         AllEnd(keep, SIGKILL, kTimeToEnd);
     }

@@ -489,9 +489,8 @@ def refused(directory, content, errors):
     """The stand-in reports every error with its place, and creates no socket."""
     file, path = directory / "answers.json", directory / "plaxd.uds"
     file.write_bytes(content)
-    messages = "\n".join(f"{file}: {error}" for error in errors)
-    assert run_standin("serve", "--socket", str(path), "--answers", str(file)) == (
-        1, b"", f"plaxd-standin: {messages}\n".encode())
+    messages = "".join(f"plaxd-standin: {file}: {error}\n" for error in errors)
+    assert run_standin("serve", "--socket", str(path), "--answers", str(file)) == (1, b"", messages.encode())
     assert not path.exists()
 
 

@@ -138,7 +138,7 @@ def test_errors_in_the_file(rehearsal, text, errors):
         script = ["--", "touch", rehearsal.file("started")] if words[0] == "rehearse" else []
         code, output, messages = run_standin(*words, "--expect", file, *script)
         assert (code, output) == (1, b"")
-        assert messages.decode() == "plaxd-standin: " + "".join(f"{file}:{error}\n" for error in errors)
+        assert messages.decode() == "".join(f"plaxd-standin: {file}:{error}\n" for error in errors)
 
 
 def test_file_that_cannot_be_read(rehearsal):
@@ -151,7 +151,7 @@ def test_errors_in_both_files(rehearsal):
     words = ["--socket", rehearsal.file("plaxd.uds"), "--expect", expected, "--answers", answers]
     assert run_standin("serve", *words) == (
         1, b"", f"plaxd-standin: {answers}: /: needs \"answers\"\n"
-        f"{expected}:1: the command is not plax-tool: x\n".encode())
+        f"plaxd-standin: {expected}:1: the command is not plax-tool: x\n".encode())
 
 
 # ---- Answers that were never given ----
