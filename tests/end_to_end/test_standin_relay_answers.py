@@ -183,7 +183,7 @@ def refused(folder, command, answer):
     file.write_text(json.dumps({"answers": {"fix-concats": answer}}))
     code, output, messages = run_standin(command, "--socket", str(folder / "s"), "--answers", str(file))
     assert (code, output) == (1, b"")
-    return messages.decode().replace(f"{file}: /answers/fix-concats", "").removeprefix("plaxd-standin: ").splitlines()
+    return messages.decode().replace(f"plaxd-standin: {file}: /answers/fix-concats", "").splitlines()
 
 
 def test_wrong_answers(tmp_path):
