@@ -67,7 +67,7 @@ def start_tool(*words, stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=None,
 
 
 def finish_tool(process):
-    """Waits until the tool ends. Returns its output and its exit code, negative if a signal killed it."""
+    """Waits until the tool ends. Returns its output and its exit status, negative if a signal killed it."""
     try:
         stdout, stderr = process.communicate(timeout=PATIENCE)
     except subprocess.TimeoutExpired:

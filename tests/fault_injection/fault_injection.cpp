@@ -2,7 +2,7 @@
 //
 //   PLAX_FAULT_PLAN   the failures, as "function:call:error:errno" or "function:call:short:length", joined by commas:
 //                     "recv:2:error:104" makes the second recv fail with errno 104, "send:1:short:3" lets the first
-//                     send take 3 bytes. An invalid entry ends the program with exit code 99.
+//                     send take 3 bytes. An invalid entry ends the program with exit status 99.
 //   PLAX_FAULT_LOG    the descriptor for the record: a line for each call with the arguments that matter, and after a
 //                     planned failure " = -1 errno" or " = length".
 //   PLAX_FAULT_AWAIT  if set, each recv first waits until the peer has closed its sending side, so that the calls of a

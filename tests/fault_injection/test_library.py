@@ -10,7 +10,7 @@ PROBE = os.environ["PLAX_FAULT_PROBE"]
 
 
 def probe(*calls, plan="", **environment):
-    """Runs the probe. Returns its exit code, its standard output, its report of the calls, and the library's record."""
+    """Runs the probe. Returns its exit status, its standard output, its report of the calls, and the library's record."""
     with open(os.memfd_create("record"), "r+b") as record:
         run = subprocess.run([PROBE, *calls], capture_output=True, pass_fds=[record.fileno()], timeout=30, check=False,
                              env={"LD_PRELOAD": LIBRARY, "PLAX_FAULT_LOG": str(record.fileno()),

@@ -1,4 +1,4 @@
-// The full 32-bit status of each reply class: an exit code shows only the low 8 bits.
+// The full 32-bit status of each reply class: an exit status shows only the low 8 bits.
 
 #include "broken_pipe.h"
 #include "ended.h"
