@@ -48,8 +48,7 @@ static void DecodePayload(Bytes payload, DecodedRequest *request)
 {
     const PayloadShape &shape = request->command->payload;
     if (payload.size() < shape.lengthMin || payload.size() > shape.lengthMax) {
-        request->violations.push_back("length " + std::to_string(payload.size()) + " where " + LengthDue(shape) +
-                                      " is due");
+        request->violations.push_back("length " + std::to_string(payload.size()) + " instead of " + LengthDue(shape));
         return;
     }
     shape.decode(payload, request);

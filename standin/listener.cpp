@@ -45,11 +45,11 @@ static void RemoveStaleSocket(const std::string &path)
         return;
     }
     if (!S_ISSOCK(status.st_mode)) {
-        throw std::runtime_error(path + ": exists and is no socket");
+        throw std::runtime_error(path + ": exists and is not a socket");
     }
     const int error = ProbeDaemon(path);
     if (error == 0 || error == EAGAIN) {
-        throw std::runtime_error(path + ": a daemon answers there already");
+        throw std::runtime_error(path + ": a daemon already listens there");
     }
     if (error != ECONNREFUSED || unlink(path.c_str()) < 0) {
         Fail(path, error != ECONNREFUSED ? error : errno);

@@ -77,9 +77,9 @@ static void AddWarning(DecodedRequest *request, std::string_view name, const std
     request->warnings.push_back(std::string(name) + " " + what);
 }
 
-static std::string StandsForNothing(uint64_t number)
+static std::string WithoutMeaning(uint64_t number)
 {
-    return "is " + std::to_string(number) + ", which stands for nothing";
+    return "is " + std::to_string(number) + ", which has no meaning";
 }
 
 static std::string_view AsText(Bytes bytes)
@@ -246,14 +246,14 @@ static void DecodeList(DecodedRequest *request, ListNames names, uint32_t count,
     const size_t due = (text.size() + 1) / kUuidListEntrySize;
     if (count != due) {
         AddViolation(request, names.count,
-                     "is " + std::to_string(count) + ", but " + std::string(names.list) + " has room for " +
+                     "is " + std::to_string(count) + ", but " + std::string(names.list) + " has space for " +
                          std::to_string(due));
     }
     if (text.empty()) {
         return;
     }
     if ((text.size() + 1) % kUuidListEntrySize != 0) {
-        AddViolation(request, names.list, "has the length " + std::to_string(text.size()) + " of no list of UUIDs");
+        AddViolation(request, names.list, "has length " + std::to_string(text.size()) + ", which no list of UUIDs has");
         return;
     }
     CheckEntries(request, names.list, text);
@@ -295,7 +295,7 @@ static void DecodeUncheckedNumber(DecodedRequest *request, std::string_view name
 {
     AddField(request, name, number, Meaning(names, number));
     if (number >= kCount) {
-        AddWarning(request, name, StandsForNothing(number));
+        AddWarning(request, name, WithoutMeaning(number));
     }
 }
 
@@ -451,7 +451,7 @@ static void DecodeRecoveryMode(Bytes payload, DecodedRequest *request)
     const std::string_view text = TerminatedText(request, "recoveryMode", payload, 0, payload.size());
     const std::optional<uint64_t> mode = DecodeUuidAndNumber(request, "recoveryMode", text, kRecoveryModes);
     if (mode >= std::size(kRecoveryModes)) {
-        AddViolation(request, "recoveryMode", StandsForNothing(*mode));
+        AddViolation(request, "recoveryMode", WithoutMeaning(*mode));
     }
 }
 const PayloadShape kRecoveryModePayload = {sizeof(RecoveryModeRequest), sizeof(RecoveryModeRequest),
@@ -462,7 +462,7 @@ static void DecodeWorkItem(Bytes payload, DecodedRequest *request)
     const std::string_view text = TerminatedText(request, "workItemType", payload, 0, payload.size());
     const std::optional<uint64_t> type = DecodeNumberText(request, "workItemType", text, kWorkItems);
     if (type && Meaning(kWorkItems, *type).empty()) {
-        AddViolation(request, "workItemType", StandsForNothing(*type));
+        AddViolation(request, "workItemType", WithoutMeaning(*type));
     }
 }
 const PayloadShape kWorkItemPayload = {sizeof(WorkItemRequest), sizeof(WorkItemRequest), DecodeWorkItem};
@@ -489,7 +489,7 @@ static void DecodeCallbackNumber(DecodedRequest *request, std::string_view name,
     const size_t colon = std::min(text->find(':'), text->size());
     const std::optional<uint64_t> number = DecodeNumberText(request, name, text->substr(0, colon), names);
     if (number && Meaning(names, *number).empty()) {
-        AddViolation(request, name, StandsForNothing(*number));
+        AddViolation(request, name, WithoutMeaning(*number));
     } else if (number == 0U) {
         AddWarning(request, name, "is 0: no word for it was given");
     }
@@ -525,7 +525,7 @@ static void DecodeGlobalExclusion(Bytes payload, DecodedRequest *request)
     const auto record = CopyRecord<GlobalExclusionListRequest>(payload);
     AddField(request, "exclusionMode", record->exclusionMode, Meaning(kExclusionModes, record->exclusionMode));
     if (record->exclusionMode >= std::size(kExclusionModes)) {
-        AddViolation(request, "exclusionMode", StandsForNothing(record->exclusionMode));
+        AddViolation(request, "exclusionMode", WithoutMeaning(record->exclusionMode));
     }
     DecodeList(request, {"exclusionCount", "exclusionList"}, record->exclusionCount,
                TerminatedText(request, "exclusionList", payload, offsetof(GlobalExclusionListRequest, exclusionList),

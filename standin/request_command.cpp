@@ -132,7 +132,7 @@ static void AddNumberOperand(const FieldRow &row, const DecodedRequest & /*reque
 {
     words->operands.push_back(field.value.is_string() ? field.value.get<std::string>() : field.value.dump());
     if (words->operands.back().find('(') != std::string::npos) {
-        AddReason(row, "is a NaN that no word stands for", words);
+        AddReason(row, "is a NaN that no operand gives", words);
     }
 }
 

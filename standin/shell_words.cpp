@@ -62,7 +62,7 @@ static void TakeQuoted(ShellText *text, char quote, std::string *word, std::stri
         const bool escapes = quote == '"' && character == '\\' && !text->rest.empty() &&
                              kEscapable.find(text->rest.front()) != std::string_view::npos;
         if (means) {
-            SetError(error, std::string(1, character) + " must stand in single quotes");
+            SetError(error, std::string(1, character) + " must be in single quotes");
         }
         if (escapes) {
             TakeEscaped(text, word);

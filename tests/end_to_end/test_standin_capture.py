@@ -110,8 +110,8 @@ def test_broken_request(capture):
         assert plaxd.exchange(frame(24, b"7\0x") + b"more") == frame(0, b"enabled")
         plaxd.exchange(b"\0\0")
     assert [shown(packet) for packet in packets(capture)] == [
-        {"kind": "request", "code": "24", "length": "3", "payload": "37:00:78", "violation": "length 3 where 4 is due",
-         "_ws.expert.message": "length 3 where 4 is due"},
+        {"kind": "request", "code": "24", "length": "3", "payload": "37:00:78", "violation": "length 3 instead of 4",
+         "_ws.expert.message": "length 3 instead of 4"},
         {"kind": "reply", "status_name": "Success", "status": "0x00000000", "length": "7",
          "payload": "65:6e:61:62:6c:65:64", "text": "enabled"},
         {"kind": "end", "outcome": "answered", "end": "client closed", "violation": "4 bytes after the end",

@@ -119,7 +119,7 @@ def test_text(tmp_path):
         f"uuidCount=2 uuidList=[{ONE},{TWO}] | status 0x00000000, 13 bytes | answered, client closed, T s",
         f"NOW #2 what-if-entity-decom 16 uuid={ZERO} decomMode=9 ensureDurability=0 "
         "| status 0x00000000, 30 bytes | answered, client closed, T s "
-        "| WARNING: uuid is all zeros; decomMode is 9, which stands for nothing",
+        "| WARNING: uuid is all zeros; decomMode is 9, which has no meaning",
         r'NOW #3 fitness-config-set 4 json="{\"a\": \"line\n\"}" '
         "| status 0x00000000, 6 bytes | answered, client closed, T s | WARNING: json is not JSON",
         f"NOW #4 enable-plax-recovery-mode 22 uuid={ZERO} recoveryMode=3(COMPLIANCE) "

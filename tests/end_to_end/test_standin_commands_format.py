@@ -73,17 +73,17 @@ def move(destinations, exclusions):
     (frame(4, b"x" * 131072 + b"\0"), "fitness-config-set: json is longer than 131071 bytes"),
     (frame(7, b"x" * 131072), "log-level: level is longer than 131071 bytes"),
     (frame(10, record("QQQQ", 1, 0x7ff0000000000001, 2, 3)),
-     "start-proactive-rebalance: varianceThreshold is a NaN that no word stands for"),
+     "start-proactive-rebalance: varianceThreshold is a NaN that no operand gives"),
     (frame(17, bytes(33)), "what-if-upgrade: uuidList is empty"),
-    (frame(22, U.encode() + b"8\0\0\0\0"), "enable-plax-recovery-mode: recoveryMode is 8, which stands for nothing"),
+    (frame(22, U.encode() + b"8\0\0\0\0"), "enable-plax-recovery-mode: recoveryMode is 8, which has no meaning"),
     (frame(22, U.encode() + b"05\0\0\0"), "enable-plax-recovery-mode: recoveryMode has leading zeros"),
-    (frame(24, b"4\0\0\0"), "enable-workitem: workItemType is 4, which stands for nothing"),
-    (frame(25, b"23\0\0"), "disable-workitem: workItemType is 23, which stands for nothing"),
+    (frame(24, b"4\0\0\0"), "enable-workitem: workItemType is 4, which has no meaning"),
+    (frame(25, b"23\0\0"), "disable-workitem: workItemType is 23, which has no meaning"),
     (move(b"", b""), "component-manual-move: it needs either a destination or an exclusion list"),
     (move(ONE, TWO), "component-manual-move: it needs either a destination or an exclusion list"),
     (move(b"x" * 94719, b""), "component-manual-move: destinationList is longer than 94718 bytes"),
     (frame(34, record("II94720s", 4, 0, b"")),
-     "set-global-exclusion-list: exclusionMode is 4, which stands for nothing"),
+     "set-global-exclusion-list: exclusionMode is 4, which has no meaning"),
 ], ids=range(15))
 def test_unsendable(request_bytes, reason):
     assert decoded(request_bytes) == "# plax-tool cannot send this " + reason

@@ -31,7 +31,7 @@ def test_json():
 @pytest.mark.parametrize("options, code", [((), 0), (("--strict",), 1)])
 def test_broken(options, code):
     assert run_standin("decode", *options, "-", stdin=BROKEN) == (
-        code, b"enable-workitem 24 | BROKEN: length 3 where 4 is due\n", b"")
+        code, b"enable-workitem 24 | BROKEN: length 3 instead of 4\n", b"")
 
 
 def test_several_violations():

@@ -124,8 +124,8 @@ def test_random_expectations(rehearsal):
     ("plax-tool -s /tmp/s stats\n", ["1: unknown option: -s"]),
     ("plax-tool crawler -u\n", ["1: -u needs a value"]),
     ("plax-tool log-level 'two\nlines\n", ["1: a quote is not closed"]),
-    ('plax-tool log-level "$LEVEL"\n', ["1: $ must stand in single quotes"]),
-    ("plax-tool log-level \"`id`\"\n", ["1: ` must stand in single quotes"]),
+    ('plax-tool log-level "$LEVEL"\n', ["1: $ must be in single quotes"]),
+    ("plax-tool log-level \"`id`\"\n", ["1: ` must be in single quotes"]),
     *((f"plax-tool log-level {character}\n", [f"1: {character} must be quoted"]) for character in "$`;&|<>()*?[~"),
     ("plax-tool stats; plax-tool stats\n...\nplax-tool list\nplax-tool log-level 'a\nb' $x\nplax-tool stats\n"
      "x\n", ["1: ; must be quoted", "3: unknown command word: list", "4: $ must be quoted",

@@ -83,7 +83,7 @@ def test_stale_socket_is_replaced(path):
 
 def test_live_daemon_is_left_alone(path):
     process = start_standin("serve", "--socket", path)
-    refusal = (1, b"", f"plaxd-standin: {path}: a daemon answers there already\n".encode())
+    refusal = (1, b"", f"plaxd-standin: {path}: a daemon already listens there\n".encode())
     assert run_standin("serve", "--socket", path) == refusal
     assert run_standin("relay", "--socket", path) == refusal
     assert tool("-s", path, "fix-concats") == Outcome(b"", b"", 0)
@@ -97,7 +97,7 @@ def test_live_daemon_with_a_full_queue_is_left_alone(path):
         with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as client:
             client.connect(path)
             assert run_standin("serve", "--socket", path) == (
-                1, b"", f"plaxd-standin: {path}: a daemon answers there already\n".encode())
+                1, b"", f"plaxd-standin: {path}: a daemon already listens there\n".encode())
 
 
 def test_relay_to_itself_is_refused(path):
@@ -130,7 +130,7 @@ def test_other_files_are_left_alone(make, path):
     make(path)
     before = os.lstat(path)
     assert run_standin("serve", "--socket", path) == (
-        1, b"", f"plaxd-standin: {path}: exists and is no socket\n".encode())
+        1, b"", f"plaxd-standin: {path}: exists and is not a socket\n".encode())
     assert os.lstat(path) == before
 
 
@@ -180,7 +180,7 @@ def test_two_start_at_once(attempt, path):
                                   stderr=subprocess.PIPE) for _ in range(8)]
     messages = [process.stderr.readline() for process in processes]
     listening = f"plaxd-standin: listening on {path}\n".encode()
-    refused = f"plaxd-standin: {path}: a daemon answers there already\n".encode()
+    refused = f"plaxd-standin: {path}: a daemon already listens there\n".encode()
     assert sorted(messages) == sorted([listening] + [refused] * 7)
     assert tool("-s", path, "fix-concats") == Outcome(b"", b"", 0)
     winner = processes[messages.index(listening)]

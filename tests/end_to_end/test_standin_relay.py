@@ -67,7 +67,7 @@ def test_broken_request_is_passed_and_logged():
             assert relay.exchange(request) == frame(5, b"no")
     assert daemon.received == request
     assert relay.entries == [
-        entry("enable-workitem", 24, 3, violations=["length 3 where 4 is due", "4 bytes after the end"],
+        entry("enable-workitem", 24, 3, violations=["length 3 instead of 4", "4 bytes after the end"],
               reply=framed(2, 5), outcome="relayed", ending="client closed")]
     assert relay.code == 1
 

@@ -114,7 +114,7 @@ def test_wrong_lengths():
         for code, payload, _ in WRONG_LENGTHS:
             plaxd.exchange(frame(code, payload))
     assert [(line["code"], line["fields"], line["violations"]) for line in plaxd.entries] == [
-        (code, {}, [f"length {len(payload)} where {due} is due"]) for code, payload, due in WRONG_LENGTHS]
+        (code, {}, [f"length {len(payload)} instead of {due}"]) for code, payload, due in WRONG_LENGTHS]
     assert {line["outcome"] for line in plaxd.entries} == {"answered"}
     assert (plaxd.code, plaxd.summary["broken"]) == (0, len(WRONG_LENGTHS))
 
@@ -153,11 +153,11 @@ CONTENTS = [
      ["the padding after ensureDurability is not zero at payload byte 22"]),
     (frame(16, RAW_UUID + record("I", 2) + b"\1\0\0\5"), {"uuid": UUID_TEXT, "decomMode": 2, "ensureDurability": 1},
      ["the padding after ensureDurability is not zero at payload byte 23"]),
-    (upgrade(3, LIST + b"\0"), upgrade_fields(3, [UUID_TEXT] * 2), ["uuidCount is 3, but uuidList has room for 2"]),
-    (upgrade(1, b"\0"), upgrade_fields(1, []), ["uuidCount is 1, but uuidList has room for 0"]),
+    (upgrade(3, LIST + b"\0"), upgrade_fields(3, [UUID_TEXT] * 2), ["uuidCount is 3, but uuidList has space for 2"]),
+    (upgrade(1, b"\0"), upgrade_fields(1, []), ["uuidCount is 1, but uuidList has space for 0"]),
     (upgrade(2, LIST), upgrade_fields(2, [UUID_TEXT] * 2), ["uuidList has no terminator"]),
     (upgrade(1, UUID + b",x\0"), upgrade_fields(1, [UUID_TEXT, "x"]),
-     ["uuidList has the length 38 of no list of UUIDs"]),
+     ["uuidList has length 38, which no list of UUIDs has"]),
     (upgrade(1, UUID + b"\0" + UUID + b"\0"), upgrade_fields(1, [UUID_TEXT]),
      ["what follows uuidList is not zero at payload byte 69", "uuidList ends after 36 of 73 characters"]),
     (upgrade(1, UUID + b"\0", wipe_disk=b"\x80"), upgrade_fields(1, [UUID_TEXT], wipe_disk=128),
@@ -173,18 +173,18 @@ CONTENTS = [
     (frame(19, RAW_UUID + b"/f"), {"uuid": UUID_TEXT, "filePath": "/f"}, ["filePath has no terminator"]),
     (frame(20, b"/f"), {"filePath": "/f"}, ["filePath has no terminator"]),
     (frame(22, UUID + b"12345"), {"uuid": UUID_TEXT, "recoveryMode": 12345},
-     ["recoveryMode has no terminator", "recoveryMode is 12345, which stands for nothing"]),
+     ["recoveryMode has no terminator", "recoveryMode is 12345, which has no meaning"]),
     (frame(22, UUID + b"8\0\0\0\0"), {"uuid": UUID_TEXT, "recoveryMode": 8},
-     ["recoveryMode is 8, which stands for nothing"]),
+     ["recoveryMode is 8, which has no meaning"]),
     (frame(22, UUID + b"7\0\0\0x"), {"uuid": UUID_TEXT, "recoveryMode": 7},
      ["what follows recoveryMode is not zero at payload byte 40"]),
     (frame(22, UUID + b"+7\0\0\0"), {"uuid": UUID_TEXT, "recoveryMode": "+7"}, ["recoveryMode is not a number"]),
     (frame(22, UUID[:35] + b"\0" * 6), {"uuid": UUID_TEXT[:35], "recoveryMode": ""},
      ["uuid is not the text of a UUID", "recoveryMode is not a number"]),
     (frame(24, b"1234"), {"workItemType": 1234},
-     ["workItemType has no terminator", "workItemType is 1234, which stands for nothing"]),
+     ["workItemType has no terminator", "workItemType is 1234, which has no meaning"]),
     *[(frame(24, number.ljust(4, b"\0")), {"workItemType": int(number)},
-       [f"workItemType is {int(number)}, which stands for nothing"]) for number in (b"0", b"4", b"23")],
+       [f"workItemType is {int(number)}, which has no meaning"]) for number in (b"0", b"4", b"23")],
     (frame(25, b"7\0\0\1"), {"workItemType": 7}, ["what follows workItemType is not zero at payload byte 3"]),
     (frame(25, b"\0\0\0\0"), {"workItemType": ""}, ["workItemType is not a number"]),
     (frame(26, UUID + b"2\0\0\0\0"), {"uuid": UUID_TEXT, "all": 2}, ["all is 2, neither 0 nor 1"]),
@@ -192,32 +192,32 @@ CONTENTS = [
     (frame(26, UUID + b"0\0\0\1\0"), {"uuid": UUID_TEXT, "all": 0},
      ["what travels beyond the field is not zero at payload byte 39"]),
     (frame(31, (b"1:1:" + UUID).ljust(1024, b"\0")), {"event": 1, "entry": 1, "uuid": UUID_TEXT},
-     ["entry is 1, which stands for nothing"]),
+     ["entry is 1, which has no meaning"]),
     (frame(31, (b"4:5:" + UUID).ljust(1024, b"\0")), {"event": 4, "entry": 5, "uuid": UUID_TEXT},
-     ["event is 4, which stands for nothing", "entry is 5, which stands for nothing"]),
+     ["event is 4, which has no meaning", "entry is 5, which has no meaning"]),
     (frame(31, b"2".ljust(1024, b"\0")), {"event": 2, "entry": "", "uuid": ""},
      ["entry is not a number", "uuid is not the text of a UUID"]),
     (frame(31, (b"2:2:" + UUID).ljust(1023, b"\0") + b"x"), {"event": 2, "entry": 2, "uuid": UUID_TEXT},
      ["what follows uuid is not zero at payload byte 1023"]),
     (move(2, UUID, 0, b""), move_fields(2, [UUID_TEXT], 0, []),
-     ["destinationCount is 2, but destinationList has room for 1"]),
+     ["destinationCount is 2, but destinationList has space for 1"]),
     (move(0, b"", 0, LIST), move_fields(0, [], 0, [UUID_TEXT] * 2),
-     ["exclusionCount is 0, but exclusionList has room for 2"]),
+     ["exclusionCount is 0, but exclusionList has space for 2"]),
     (move(1, UUID + b"\0\0x", 0, b""), move_fields(1, [UUID_TEXT], 0, []),
      ["what follows destinationList is not zero at payload byte 62"]),
     (move(0, b"", 1, UUID + b"\0" + b"x" * 94683), move_fields(0, [], 1, [UUID_TEXT]),
      ["what follows exclusionList is not zero at payload byte 94781"]),
     (move(0, b"", 2560, b",".join([UUID] * 2560) + b","), move_fields(0, [], 2560, [UUID_TEXT] * 2560 + [""]),
-     ["exclusionList has no terminator", "exclusionList has the length 94720 of no list of UUIDs"]),
+     ["exclusionList has no terminator", "exclusionList has length 94720, which no list of UUIDs has"]),
     (move(0, b"", 2, UUID + b" " + UUID), move_fields(0, [], 2, [UUID_TEXT + " " + UUID_TEXT]),
      ["exclusionList entry 1 is not followed by a comma"]),
     (move(2, b"x" * 36 + b"," + b"y" * 36, 0, b""), move_fields(2, ["x" * 36, "y" * 36], 0, []),
      ["destinationList entry 1 is not the text of a UUID"]),
     (frame(34, record("II", 4, 1) + UUID.upper().ljust(94720, b"\0")),
      {"exclusionMode": 4, "exclusionCount": 1, "exclusionList": [UUID_TEXT.upper()]},
-     ["exclusionMode is 4, which stands for nothing"]),
+     ["exclusionMode is 4, which has no meaning"]),
     (frame(34, record("II", 0, 9) + b"\0" * 94720), {"exclusionMode": 0, "exclusionCount": 9, "exclusionList": []},
-     ["exclusionCount is 9, but exclusionList has room for 0"]),
+     ["exclusionCount is 9, but exclusionList has space for 0"]),
     (frame(34, record("II", 0, 0) + b"\0" * 94719 + b"x"),
      {"exclusionMode": 0, "exclusionCount": 0, "exclusionList": []},
      ["what follows exclusionList is not zero at payload byte 94727"]),
@@ -258,11 +258,11 @@ WARNINGS = [
       for variance in variances],
     (frame(16, RAW_UUID + record("I", 2) + b"\1\0\0\0"), []),
     (frame(16, bytes(16) + record("I", 3) + b"\1\0\0\0"),
-     ["uuid is all zeros", "decomMode is 3, which stands for nothing"]),
+     ["uuid is all zeros", "decomMode is 3, which has no meaning"]),
     (frame(17, bytes(16) + record("IIII", 2, 3, 0, 1) + UUID + b"\0"), []),
     (frame(17, RAW_UUID[:12] + bytes(4) + record("IIII", 3, 4, 0, 2) + UUID + b"," + ZERO.encode() + b"\0"),
-     ["uuid ends in zeros, as if it were cut off", "decomMode is 3, which stands for nothing",
-      "reason is 4, which stands for nothing", "uuidList entry 2 is all zeros"]),
+     ["uuid ends in zeros, as if it were cut off", "decomMode is 3, which has no meaning",
+      "reason is 4, which has no meaning", "uuidList entry 2 is all zeros"]),
     (frame(19, RAW_UUID + b"/f\0"), []),
     (frame(19, bytes(16) + b"\0"), ["uuid is all zeros", "filePath is empty"]),
     (frame(20, b"/f\0"), []),
@@ -311,8 +311,8 @@ def test_strictness(strict, failed_by):
 def test_both_as_text():
     assert run_standin("decode", "-", stdin=frame(17, bytes(16) + record("IIII", 9, 8, 0, 3) + b"\0")) == (
         0, f"what-if-upgrade 17 uuid={ZERO} decomMode=9 reason=8 wipeDisk=0 uuidCount=3 uuidList=[] "
-           "| BROKEN: uuidCount is 3, but uuidList has room for 0 "
-           "| WARNING: decomMode is 9, which stands for nothing; reason is 8, which stands for nothing\n".encode(), b"")
+           "| BROKEN: uuidCount is 3, but uuidList has space for 0 "
+           "| WARNING: decomMode is 9, which has no meaning; reason is 8, which has no meaning\n".encode(), b"")
 
 
 def test_nobody_asks():

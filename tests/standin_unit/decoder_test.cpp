@@ -63,7 +63,7 @@ TEST(Decoder, LengthAboveTheLimitIsNotWaitedFor)
 TEST(Decoder, FieldsAreLeftOutWhenTheLengthIsWrong)
 {
     const DecodedRequest decoded = DecodeRequest(Frame(2, kUuid + "x"));
-    EXPECT_EQ(decoded.violations, Violations{"length 37 where 36 is due"});
+    EXPECT_EQ(decoded.violations, Violations{"length 37 instead of 36"});
     EXPECT_TRUE(decoded.fields.empty());
 }
 
