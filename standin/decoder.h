@@ -25,7 +25,7 @@ inline constexpr uint32_t kRequestLengthMax = 1024 * 1024;
 struct Field {
     std::string_view name;
     nlohmann::ordered_json value; // a number, a text or a list of texts
-    std::string_view meaning;     // of a number that stands for something; may be empty
+    std::string_view meaning;     // of a number; may be empty
 };
 
 struct DecodedRequest {

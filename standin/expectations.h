@@ -10,7 +10,7 @@
 
 namespace standin {
 
-// Stands for any number of requests.
+// Matches any number of requests.
 inline constexpr const char *kAnyRequests = "...";
 
 struct Expectations {

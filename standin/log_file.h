@@ -50,7 +50,7 @@ private:
     bool failing_ = false; // the last line was lost
     std::mutex mutex_;     // guards what follows
     std::condition_variable_any changed_;
-    std::deque<std::string> lines_; // an empty one stands for opening the file again
+    std::deque<std::string> lines_; // an empty one makes the thread open the file again
     uint64_t lost_ = 0;
     bool finished_ = false;
     std::jthread thread_; // last: it uses all the others

@@ -15,7 +15,7 @@ struct PayloadShape {
 
 extern const PayloadShape kNoPayload;
 extern const PayloadShape kUuidTextPayload;
-extern const PayloadShape kOptionalUuidTextPayload; // the zero UUID stands for all objects
+extern const PayloadShape kOptionalUuidTextPayload; // the zero UUID means all objects
 extern const PayloadShape kJsonPayload;
 extern const PayloadShape kLogLevelPayload;
 extern const PayloadShape kProactiveRebalancePayload;

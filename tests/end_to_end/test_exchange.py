@@ -111,7 +111,7 @@ def size_and_start(value):
 @pytest.mark.parametrize("payload, shown", [
     (b"busy", b"busy"),
     (b"busy\0", b"busy"),
-    (b"busy\0 with more behind", b"busy"),
+    (b"busy\0 and more", b"busy"),
     (b"\0busy", b""),
     (b"\0", b""),
     (b"two\nlines\n", b"two\nlines\n"),

@@ -194,15 +194,15 @@ TEXTS = ["", "done", "line\nline\n", "\N{SNOWMAN}", "\0", "x" * 70000]
 STATUSES = ["Success", "Failure", "EBUSY", "ETIMEDOUT", 5, 0x2badffff, 0xffffffff]
 
 
-def random_payload(dice, folder, kind):
+def random_payload(dice, directory, kind):
     """A stream has no zero bytes: what the tool shows of them depends on how many bytes it happens to read at once."""
     data = dice.choice(TEXTS).encode() if dice.random() < 0.7 else dice.randbytes(dice.choice([1, 7, 8, 300, 100000]))
     name = f"payload-{dice.randrange(10**9)}"
-    (folder / name).write_bytes(data.replace(b"\0", b"0") if kind == STREAMED else data)
+    (directory / name).write_bytes(data.replace(b"\0", b"0") if kind == STREAMED else data)
     return {"file": name}
 
 
-def random_answer(dice, folder, kind):
+def random_answer(dice, directory, kind):
     """Any answer but silence, which takes the tool 20 seconds to believe."""
     answer = {"delayMs": dice.choice([0, 0, 1, 20])}
     fault = dice.choice([None, None, *FAULTS[kind]])
@@ -213,24 +213,26 @@ def random_answer(dice, folder, kind):
     if fault in ("cut-header", "announce-more"):
         answer["faultBytes"] = dice.randrange(8) if fault == "cut-header" else 400000 + dice.randrange(10)
     if kind != UNANSWERED and fault in (None, "announce-more", "garbage"):
-        answer.update(random_payload(dice, folder, kind) if dice.random() < 0.6 else {"pieces": [
-            {**random_payload(dice, folder, kind), "pauseMs": dice.choice([0, 1, 10])} for _ in range(dice.randrange(1, 4))]})
+        answer.update(random_payload(dice, directory, kind) if dice.random() < 0.6 else {"pieces": [
+            {**random_payload(dice, directory, kind), "pauseMs": dice.choice([0, 1, 10])}
+            for _ in range(dice.randrange(1, 4))]})
     return answer
 
 
-def random_session(seed, folder):
+def random_session(seed, directory):
     """Command lines, and an answers file for them."""
     dice = random.Random(seed)
     lines, answers = [], {}
     for row in dice.choices(ROWS, k=3):
         key = row.word + (" --all" if (row.word, row.reply) == ("get-obj-crawler-state", STREAMED) else "")
-        answers.setdefault(key, []).extend(random_answer(dice, folder, row.reply) for _ in range(dice.randrange(1, 4)))
+        answers.setdefault(key, []).extend(
+            random_answer(dice, directory, row.reply) for _ in range(dice.randrange(1, 4)))
         words = [row.least, row.full]
         if row.rule and "-u" in row.least:
             words += [(row.word, "-u", A), (row.word, "-u", B)]
         lines += dice.choices(words, k=dice.randrange(1, 5))
     dice.shuffle(lines)
-    (folder / "answers.json").write_text(json.dumps({"answers": answers}))
+    (directory / "answers.json").write_text(json.dumps({"answers": answers}))
     return lines
 
 

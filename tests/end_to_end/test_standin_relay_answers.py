@@ -178,10 +178,10 @@ def test_answers_are_read_again():
             assert eventually(lambda: tool("-s", relay.path, "fix-concats").code == 0)
 
 
-def refused(folder, command, answer):
-    file = folder / "answers.json"
+def refused(directory, command, answer):
+    file = directory / "answers.json"
     file.write_text(json.dumps({"answers": {"fix-concats": answer}}))
-    code, output, messages = run_standin(command, "--socket", str(folder / "s"), "--answers", str(file))
+    code, output, messages = run_standin(command, "--socket", str(directory / "s"), "--answers", str(file))
     assert (code, output) == (1, b"")
     return messages.decode().replace(f"plaxd-standin: {file}: /answers/fix-concats", "").splitlines()
 
