@@ -119,8 +119,8 @@ void Recorder::Ended(const LogEntry &entry)
 
 // ---- What the daemon did ----
 
-// A stand-in that cuts a header announces the length 0. Other length bytes, which a client may read, are recorded as
-// garbage.
+// A cut header is recorded without a payload, so it announces the length 0. Other length bytes, which a client may
+// read, are recorded as garbage.
 static Fault FrameFault(const SentBytes &sent)
 {
     if (sent.count < kHeaderSize) {
