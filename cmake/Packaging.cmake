@@ -82,11 +82,13 @@ set(CPACK_STRIP_FILES ON)
 # Each package has its own description, without the project's summary line.
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
 
-set(tool_description "plaxd decides where the components of stored objects live across disks, disk
-groups, hosts and fault domains. One run of plax-tool asks it for one thing:
-statistics, a repair, a rebalance, or what a decommissioning would take.
+set(tool_description "plaxd places the components of stored objects on the disks, disk groups,
+hosts and fault domains of a storage cluster. Each run of plax-tool sends it
+one command, for example to show statistics, to repair an object, to rebalance
+disks, or to plan a decommissioning.
 
-Manual page and completions for bash, zsh and fish are included.")
+The manual page, other documents, and completions for bash, zsh and fish are
+included.")
 set(standin_description "plaxd-standin takes the place of plaxd, the placement daemon of clustered
 storage: it answers plax-tool as told, logs each request decoded field by
 field, and misbehaves on demand.")

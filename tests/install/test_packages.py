@@ -96,11 +96,13 @@ Maintainer: plax-tool maintainers <maintainers@plax-tool.invalid>
 Depends: libc6 (>= VERSION)
 Suggests: plax-tool-standin
 Description: administer plaxd, the placement daemon of clustered storage
- plaxd decides where the components of stored objects live across disks, disk
- groups, hosts and fault domains. One run of plax-tool asks it for one thing:
- statistics, a repair, a rebalance, or what a decommissioning would take.
+ plaxd places the components of stored objects on the disks, disk groups,
+ hosts and fault domains of a storage cluster. Each run of plax-tool sends it
+ one command, for example to show statistics, to repair an object, to rebalance
+ disks, or to plan a decommissioning.
  .
- Manual page and completions for bash, zsh and fish are included.
+ The manual page, other documents, and completions for bash, zsh and fish are
+ included.
 """
 
 
@@ -179,11 +181,13 @@ plax-tool maintainers
 plax-tool maintainers <maintainers@plax-tool.invalid>
 Suggests: plax-tool-standin
 Administer plaxd, the placement daemon of clustered storage
-plaxd decides where the components of stored objects live across disks, disk
-groups, hosts and fault domains. One run of plax-tool asks it for one thing:
-statistics, a repair, a rebalance, or what a decommissioning would take.
+plaxd places the components of stored objects on the disks, disk groups,
+hosts and fault domains of a storage cluster. Each run of plax-tool sends it
+one command, for example to show statistics, to repair an object, to rebalance
+disks, or to plan a decommissioning.
 
-Manual page and completions for bash, zsh and fish are included.
+The manual page, other documents, and completions for bash, zsh and fish are
+included.
 """
 
 
