@@ -27,6 +27,13 @@ def make_nameless_address():
     os.close(directory)
 
 
+def test_path_that_is_not_a_socket(tmp_path):
+    assert tool("-s", str(tmp_path), *PRINTED) == REFUSED
+    file = tmp_path / "file"
+    file.touch()
+    assert tool("-s", str(file), *PRINTED) == REFUSED
+
+
 def test_empty_path_is_an_address_of_zero_bytes(nameless):
     assert tool("-s", "", *PRINTED) == REFUSED
     with ScriptedDaemon(reply(0, b"abc"), path=nameless) as plaxd:
@@ -84,7 +91,7 @@ def test_unanswered_command_ends_in_the_backlog():
         assert tool("-s", path, "refresh-config-opts") == Outcome(b"", b"", 0)
 
 
-def test_listener_that_closes_before_there_is_room_in_its_backlog():
+def test_listener_that_closes_before_there_is_space_in_its_backlog():
     with listening(backlog=0) as (listener, path), fill_backlog(path):
         process = start_tool("-s", path, *PRINTED)
         await_state(process.pid, "S")
