@@ -14,6 +14,7 @@ the daemon accepts no further connections.
 """
 
 import array
+import atexit
 import fcntl
 import os
 import resource
@@ -227,15 +228,39 @@ def close():
     return lambda daemon: daemon.connection.close()
 
 
+spare_directories = []  # empty; making and removing a directory takes the disk longer than a run of the tool
+
+
+def take_directory():
+    return spare_directories.pop() if spare_directories else tempfile.mkdtemp(prefix="plaxd-")
+
+
+def give_back(directory):
+    """Empties the directory for the next daemon."""
+    for name in os.listdir(directory):
+        path = os.path.join(directory, name)
+        if os.path.isdir(path):
+            shutil.rmtree(path)
+        else:
+            os.unlink(path)
+    spare_directories.append(directory)
+
+
+@atexit.register
+def remove_spare_directories():
+    while spare_directories:
+        os.rmdir(spare_directories.pop())
+
+
 class ScriptedDaemon:
-    """Listens on a socket in a new directory and serves one connection by the script, as described above."""
+    """Listens on a socket in an empty directory and serves one connection by the script, as described above."""
 
     def __init__(self, *steps, connections=1, read_request=True, path=None, may_break=False):
         self.steps = steps
         self.expected_connections = connections
         self.read_request = read_request  # False: the steps start as soon as the tool has connected
         self.may_break = may_break  # True: a step may fail because the tool has ended
-        self.directory = tempfile.mkdtemp(prefix="plaxd-")
+        self.directory = take_directory()
         self.path = path or os.path.join(self.directory, "plaxd.uds")
         self.received = b""
         self.connections = 0
@@ -259,7 +284,7 @@ class ScriptedDaemon:
         self.listener.close()
         if os.path.exists(self.path):
             os.unlink(self.path)
-        shutil.rmtree(self.directory, ignore_errors=True)
+        give_back(self.directory)
         if kind is None:
             assert not stuck, "the tool never closed its connection, or never connected"
             assert self.connections == self.expected_connections

@@ -15,7 +15,8 @@ import re
 import signal
 import socket
 import subprocess
-import tempfile
+
+from harness import give_back, take_directory
 
 STANDIN = os.environ["PLAXD_STANDIN"]
 PROJECT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
@@ -96,7 +97,7 @@ def named(status):
 
 class Standin:
     def __init__(self, *words, command="serve"):
-        self.directory = tempfile.TemporaryDirectory(prefix="standin-")
+        self.directory = take_directory()
         self.path = self.file("plaxd.uds")
         self.log = self.file("log")
         self.words = (command, "--socket", self.path, "--log", self.log, "--format", "json", *words)
@@ -104,7 +105,7 @@ class Standin:
 
     def file(self, name, content=None):
         """Writes a file into the stand-in's directory. Returns its path."""
-        path = os.path.join(self.directory.name, name)
+        path = os.path.join(self.directory, name)
         if content is not None:
             with open(path, "wb") as file:
                 file.write(content)
@@ -125,7 +126,7 @@ class Standin:
         with open(self.log, encoding="utf-8") as file:
             self.lines = [json.loads(line) for line in file]
         socket_is_gone = not os.path.exists(self.path)
-        self.directory.cleanup()
+        give_back(self.directory)
         self.summary = self.lines.pop()["summary"]
         assert self.lines.pop(0)["event"] == "start"
         self.entries = sorted((line for line in self.lines if line["event"] == "end"),

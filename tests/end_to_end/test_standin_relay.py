@@ -316,16 +316,14 @@ def test_end_of_the_relay_loses_no_request():
     assert [line["command"] for line in daemon.entries] == ["refresh-config-opts"] * 20
 
 
-def test_end_of_the_relay_waits_for_no_stuck_daemon():
+def test_end_of_the_relay_waits_for_no_stuck_daemon(tmp_path):
     """A daemon that stops reading does not keep the bytes of an ended client forever."""
     with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as stuck:
-        directory = Standin().directory
-        stuck.bind(os.path.join(directory.name, "stuck.uds"))
+        stuck.bind(str(tmp_path / "stuck.uds"))
         stuck.listen(1)
-        with Standin("--to", os.path.join(directory.name, "stuck.uds"), command="relay") as relay:
+        with Standin("--to", str(tmp_path / "stuck.uds"), command="relay") as relay:
             with relay.connect() as client:
                 client.sendall(frame(7, b"x" * 300000))
-        directory.cleanup()
     assert [(line["command"], line["outcome"], line["end"]) for line in relay.entries] == [
         ("log-level", "unfinished", "ended by the relay's end")]
 
