@@ -69,25 +69,60 @@ def path_of_capture(tmp_path):
     return str(tmp_path / "capture")
 
 
-@pytest.fixture(name="every", scope="module")
-def every_command(tmp_path_factory):
-    """The log's entries of the least and the full request of every command, and the packets of each."""
-    path = str(tmp_path_factory.mktemp("every") / "capture")
-    with Standin("--capture", path) as plaxd:
+# The stand-in's answers to fix-concats: these in turn, then the built-in one for ever.
+BROKEN_REPLIES = {
+    "cut-header": ({"fault": "cut-header", "faultBytes": 3}, {"_ws.expert.message": "3 of 8 header bytes"}),
+    "announce-more": (
+        {"fault": "announce-more", "faultBytes": 99, "text": "abc"},
+        {"status_name": "Success", "status": "0x00000000", "length": "99", "_ws.expert.message": "3 of 99 bytes",
+         "payload": "61:62:63", "text": "abc"}),
+    "garbage": ({"fault": "garbage", "text": "\x01\x02\x03\x04\x00\x00\x00\x00ab"},
+                {"status_name": "", "status": "0x01020304", "length": "0", "_ws.expert.message": "2 of 0 bytes",
+                 "payload": "61:62", "text": "ab"}),
+}
+PIECES = {"status": "EBUSY", "pieces": [{"text": "a"}, {"text": "b", "pauseMs": 300}]}
+LONG_TEXT = "7" * 400000
+
+one_capture = pytest.mark.xdist_group("capture")  # tshark takes long to start, so many tests share one capture
+
+
+@pytest.fixture(name="exchanges", scope="module")
+def capture_exchanges(tmp_path_factory):
+    """The packets of each exchange by their numbers in the capture, and the log's entries of all commands.
+
+    The key of a row's exchange is the row's name with "least" or "full"; the others have the names used below.
+    """
+    path = str(tmp_path_factory.mktemp("exchanges") / "capture")
+    plaxd = Standin("--capture", path).answers({
+        "fix-concats": [*(answer for answer, _ in BROKEN_REPLIES.values()), PIECES, {"text": "0 concats to fix"}],
+        "fitness-config-set": [{"text": LONG_TEXT}, {"text": "stored"}]})
+    requests = {**dict.fromkeys([*BROKEN_REPLIES, "pieces"], frame(13)),
+                "broken": frame(24, b"7\0x") + b"more", "cut": b"\0\0", "senseless": frame(7),
+                "long": frame(4, LONG_TEXT.encode() + b"\0")}
+    with plaxd:
+        replies = {key: plaxd.exchange(request) for key, request in requests.items()}
         for row in ROWS:
             tool("-s", plaxd.path, *row.least)
             tool("-s", plaxd.path, *row.full)
-    exchanges = {}
+    assert (replies["broken"], replies["long"]) == (frame(0, b"enabled"), frame(0, LONG_TEXT.encode()))
+    keys = [*requests, *((name(row), request) for row in ROWS for request in ("least", "full"))]
+    captured = {key: {} for key in keys}
     for number, packet in enumerate(packets(path), 1):
-        exchanges.setdefault(int(packet["plaxd.connection"][0]), {})[number] = packet
-    assert len(plaxd.entries) == len(exchanges) == 2 * len(ROWS)
-    return [(entry, exchanges[entry["connection"]]) for entry in plaxd.entries]
+        captured[keys[int(packet["plaxd.connection"][0]) - 1]][number] = packet
+    assert [entry["connection"] for entry in plaxd.entries] == list(range(1, len(keys) + 1))
+    return captured, dict(zip(keys, plaxd.entries))
 
 
-@pytest.mark.parametrize("index", range(len(ROWS)), ids=map(name, ROWS))
-def test_command(every, index):
-    row = ROWS[index]
-    for payload, (entry, exchange) in zip((row.least_payload, row.full_payload), every[2 * index:2 * index + 2]):
+def shown_of(exchanges, *keys):
+    """What tshark shows of the packets of these exchanges, one after the other."""
+    return [shown(packet) for key in keys for packet in exchanges[0][key].values()]
+
+
+@one_capture
+@pytest.mark.parametrize("row", ROWS, ids=name)
+def test_command(exchanges, row):
+    for payload, request in (row.least_payload, "least"), (row.full_payload, "full"):
+        exchange, entry = (part[name(row), request] for part in exchanges)
         numbers, found = list(exchange), list(exchange.values())
         assert {packet["plaxd.command"][0] for packet in found} == {row.word}
         assert found[0].get("plaxd.field", []) == [f"{key}={value_text(value)}" for key, value
@@ -116,11 +151,9 @@ def assert_reply(row, numbers, found):
     assert shown(found[1]) == {**expected, **answer}
 
 
-def test_broken_request(capture):
-    with Standin("--capture", capture) as plaxd:
-        assert plaxd.exchange(frame(24, b"7\0x") + b"more") == frame(0, b"enabled")
-        plaxd.exchange(b"\0\0")
-    assert [shown(packet) for packet in packets(capture)] == [
+@one_capture
+def test_broken_request(exchanges):
+    assert shown_of(exchanges, "broken", "cut") == [
         {"kind": "request", "code": "24", "length": "3", "payload": "37:00:78", "violation": "length 3 instead of 4",
          "_ws.expert.message": "length 3 instead of 4"},
         {"kind": "reply", "status_name": "Success", "status": "0x00000000", "length": "7",
@@ -132,39 +165,27 @@ def test_broken_request(capture):
         {"kind": "end", "outcome": "unanswered", "end": "client closed"}]
 
 
-def test_senseless_request(capture):
-    with Standin("--capture", capture) as plaxd:
-        plaxd.exchange(frame(7))
-    request = packets(capture)[0]
+@one_capture
+def test_senseless_request(exchanges):
+    request, *_ = exchanges[0]["senseless"].values()
     assert (request["plaxd.warning"], request["_ws.expert.message"]) == (["level is empty"], ["level is empty"])
 
 
-@pytest.mark.parametrize("answer, expected", [
-    ({"fault": "cut-header", "faultBytes": 3}, {"_ws.expert.message": "3 of 8 header bytes"}),
-    ({"fault": "announce-more", "faultBytes": 99, "text": "abc"},
-     {"status_name": "Success", "status": "0x00000000", "length": "99", "_ws.expert.message": "3 of 99 bytes",
-      "payload": "61:62:63", "text": "abc"}),
-    ({"fault": "garbage", "text": "\x01\x02\x03\x04\x00\x00\x00\x00ab"},
-     {"status_name": "", "status": "0x01020304", "length": "0", "_ws.expert.message": "2 of 0 bytes",
-      "payload": "61:62", "text": "ab"}),
-])
-def test_broken_reply(capture, answer, expected):
-    with Standin("--capture", capture).answers({"fix-concats": answer}) as plaxd:
-        plaxd.exchange(frame(13))
-    assert [shown(packet) for packet in packets(capture)[1:]] == [
-        {"kind": "reply", **expected},
-        {"kind": "end", "outcome": "fault", "end": "client closed", "fault": answer["fault"]}]
+@one_capture
+@pytest.mark.parametrize("fault", BROKEN_REPLIES)
+def test_broken_reply(exchanges, fault):
+    assert shown_of(exchanges, fault)[1:] == [
+        {"kind": "reply", **BROKEN_REPLIES[fault][1]},
+        {"kind": "end", "outcome": "fault", "end": "client closed", "fault": fault}]
 
 
-def test_framed_reply_in_pieces_is_one_packet(capture):
-    answer = {"status": "EBUSY", "pieces": [{"text": "a"}, {"text": "b", "pauseMs": 300}]}
-    with Standin("--capture", capture).answers({"fix-concats": answer}) as plaxd:
-        plaxd.exchange(frame(13))
-    request, answered, _ = packets(capture)
+@one_capture
+def test_framed_reply_in_pieces_is_one_packet(exchanges):
+    (_, second, _), (request, answered, _) = zip(*exchanges[0]["pieces"].items())
     assert shown(answered) == {"kind": "reply", "status_name": "EBUSY", "status": "0x2bad0010", "length": "2",
                                "payload": "61:62", "text": "ab"}
     assert 0.3 <= float(answered["plaxd.time"][0]) < 10
-    assert request["plaxd.reply_in"] == ["2"]
+    assert request["plaxd.reply_in"] == [str(second)]
 
 
 def test_relay_shows_each_piece_of_a_stream(capture):
@@ -190,12 +211,10 @@ def test_reply_before_the_request_is_shown_after_it(capture):
     assert relay.entries[0]["reply"] == {"status": 5, "statusHex": "0x00000005", "length": 2, "bytes": 2}
 
 
-def test_long_packets_are_cut_without_a_complaint(capture):
+@one_capture
+def test_long_packets_are_cut_without_a_complaint(exchanges):
     """tshark reads packets of at most 256 KiB."""
-    text = "7" * 400000
-    with Standin("--capture", capture).answers({"fitness-config-set": {"text": text}}) as plaxd:
-        assert plaxd.exchange(frame(4, text.encode() + b"\0")) == frame(0, text.encode())
-    request, answered, _ = packets(capture)
+    request, answered, _ = exchanges[0]["long"].values()
     assert (request["plaxd.field"], request["plaxd.length"]) == (["json=" + "7" * 99995], ["400001"])
     assert answered["plaxd.length"] == ["400000"]
     assert (request["_ws.expert.message"], "_ws.expert.message" in answered) == (["json is not JSON"], False)
