@@ -22,8 +22,9 @@ if not collect_ignore_glob:
         assert not kill_leftovers(), "a stand-in was left running"
 
 
-LONG = ("test_timeouts.py", "temporarily unavailable", "20 seconds", "in time", "test_stay_silent", "test_document[docs/fleet.md", "test_many_runs",
-        "test_two_builds_are_the_same_bytes")
+LONG = ("test_timeouts.py", "temporarily unavailable", "20 seconds", "in time", "test_stay_silent",
+        "test_document[docs/fleet.md", "test_many_runs", "test_two_builds_are_the_same_bytes", "bad-day.json",
+        "test_every_call_fails[long-stream]", "test_children_that_stay")
 
 
 def pytest_collection_modifyitems(items):

@@ -184,7 +184,7 @@ def test_calls_without_landings_are_noticed(tmp_path):
 def build_release(directory):
     """Copies the sources into the directory and builds the tool. Returns the bytes of the files to install."""
     source, build = directory / "source", directory / "build"
-    shutil.copytree(SOURCE, source, ignore=shutil.ignore_patterns(".git", "build"))
+    shutil.copytree(SOURCE, source, ignore=shutil.ignore_patterns(".git", "build", "__pycache__"))
     for words in (["-S", source, "-B", build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Release", "-DBUILD_TESTING=OFF",
                    "-DPLAX_BUILD_STANDIN=OFF"],
                   ["--build", build, "--target", "plax-tool", "-j", "2"]):
