@@ -401,13 +401,10 @@ static void ReadOneOrMore(Reader *reader, const Place &place, const Json &json, 
     }
 }
 
-// All payloads of a shape have the same fields, so a payload of zeros shows them.
 static bool HasField(const CommandRow &command, std::string_view name)
 {
-    DecodedRequest request;
-    command.payload.decode(std::vector<uint8_t>(command.payload.lengthMin), &request);
-    return std::any_of(request.fields.begin(), request.fields.end(),
-                       [=](const Field &field) { return field.name == name; });
+    const std::vector<Field> fields = FieldsOf(command.payload);
+    return std::any_of(fields.begin(), fields.end(), [=](const Field &field) { return field.name == name; });
 }
 
 static std::vector<FieldCondition> ReadConditions(Reader *reader, const Place &place, const Json &json,

@@ -3,9 +3,14 @@
 #include "field_kinds.h"
 
 #include <algorithm>
+#include <bit>
 #include <cctype>
+#include <charconv>
+#include <cinttypes>
 #include <cmath>
+#include <cstdio>
 #include <iterator>
+#include <limits>
 
 namespace standin {
 
@@ -25,6 +30,36 @@ std::string LowerCase(std::string text)
     std::transform(text.begin(), text.end(), text.begin(),
                    [](unsigned char character) { return static_cast<char>(tolower(character)); });
     return text;
+}
+
+std::optional<uint64_t> WholeNumber(std::string_view text)
+{
+    uint64_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error != std::errc{} || end != text.data() + text.size()) {
+        return std::nullopt;
+    }
+    return number;
+}
+
+// "nan" or "-nan" for the NaNs that these words produce on the command line; other NaNs show their bits.
+static std::string NanText(double number)
+{
+    const auto bits = std::bit_cast<uint64_t>(number);
+    if ((bits & INT64_MAX) == std::bit_cast<uint64_t>(std::numeric_limits<double>::quiet_NaN())) {
+        return std::signbit(number) ? "-nan" : "nan";
+    }
+    char text[32];
+    snprintf(text, sizeof text, "nan(0x%016" PRIx64 ")", bits);
+    return text;
+}
+
+nlohmann::ordered_json Real(double number)
+{
+    if (std::isfinite(number)) {
+        return number;
+    }
+    return std::isnan(number) ? NanText(number) : number > 0 ? "inf" : "-inf";
 }
 
 // 2.0 equals 2.

@@ -4,6 +4,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -23,6 +25,12 @@ inline constexpr std::string_view kEitherCaseDigits = "0123456789abcdefABCDEF";
 bool IsUuidText(std::string_view text, std::string_view digits);
 
 std::string LowerCase(std::string text);
+
+// The number, if the whole of `text` is a decimal number.
+std::optional<uint64_t> WholeNumber(std::string_view text);
+
+// JSON has no infinities and NaNs, so they become texts.
+nlohmann::ordered_json Real(double number);
 
 } // namespace standin
 

@@ -9,13 +9,8 @@
 
 #include <algorithm>
 #include <array>
-#include <bit>
-#include <charconv>
-#include <cinttypes>
-#include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <limits>
 #include <memory>
 #include <optional>
 
@@ -54,6 +49,14 @@ static constexpr std::string_view kWorkItems[] = {"",
                                                   "MANUAL_MOVE"};
 static constexpr std::string_view kEvents[] = {"none", "update", "add", "delete"};
 static constexpr std::string_view kEntries[] = {"none", "", "object", "disk", "node"};
+
+std::span<const std::string_view> NamesOf(std::string_view field)
+{
+    if (field == "workItemType") {
+        return kWorkItems;
+    }
+    return field == "event" ? std::span<const std::string_view>(kEvents) : kEntries;
+}
 
 template <size_t kCount>
 static std::string_view Meaning(const std::string_view (&names)[kCount], uint64_t number)
@@ -259,17 +262,6 @@ static void DecodeList(DecodedRequest *request, ListNames names, uint32_t count,
     CheckEntries(request, names.list, text);
 }
 
-// The number, if the whole of `text` is a decimal number.
-static std::optional<uint64_t> WholeNumber(std::string_view text)
-{
-    uint64_t number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (error != std::errc{} || end != text.data() + text.size()) {
-        return std::nullopt;
-    }
-    return number;
-}
-
 // Decodes a number that is sent as text. Non-numeric text is shown unchanged, and nothing is returned.
 template <size_t kCount>
 static std::optional<uint64_t> DecodeNumberText(DecodedRequest *request, std::string_view name, std::string_view text,
@@ -353,27 +345,6 @@ static void DecodeLogLevel(Bytes payload, DecodedRequest *request)
     }
 }
 const PayloadShape kLogLevelPayload = {0, kRequestLengthMax, DecodeLogLevel};
-
-// "nan" or "-nan" for the NaNs that these words produce on the command line; other NaNs show their bits.
-static std::string NanText(double number)
-{
-    const auto bits = std::bit_cast<uint64_t>(number);
-    if ((bits & INT64_MAX) == std::bit_cast<uint64_t>(std::numeric_limits<double>::quiet_NaN())) {
-        return std::signbit(number) ? "-nan" : "nan";
-    }
-    char text[32];
-    snprintf(text, sizeof text, "nan(0x%016" PRIx64 ")", bits);
-    return text;
-}
-
-// JSON has no infinities and NaNs, so they become texts.
-static nlohmann::ordered_json Real(double number)
-{
-    if (std::isfinite(number)) {
-        return number;
-    }
-    return std::isnan(number) ? NanText(number) : number > 0 ? "inf" : "-inf";
-}
 
 static void DecodeProactiveRebalance(Bytes payload, DecodedRequest *request)
 {
@@ -533,5 +504,13 @@ static void DecodeGlobalExclusion(Bytes payload, DecodedRequest *request)
 }
 const PayloadShape kGlobalExclusionPayload = {sizeof(GlobalExclusionListRequest), sizeof(GlobalExclusionListRequest),
                                               DecodeGlobalExclusion};
+
+// A payload of zeros has them all.
+std::vector<Field> FieldsOf(const PayloadShape &shape)
+{
+    DecodedRequest request;
+    shape.decode(std::vector<uint8_t>(shape.lengthMin), &request);
+    return request.fields;
+}
 
 } // namespace standin

@@ -13,6 +13,13 @@ struct PayloadShape {
     void (*decode)(Bytes payload, DecodedRequest *request);
 };
 
+// The fields that all payloads of the shape have. Their values mean nothing.
+std::vector<Field> FieldsOf(const PayloadShape &shape);
+
+// The names of the numbers of workItemType, event or entry, in the order of the numbers; empty for numbers without a
+// meaning.
+std::span<const std::string_view> NamesOf(std::string_view field);
+
 extern const PayloadShape kNoPayload;
 extern const PayloadShape kUuidTextPayload;
 extern const PayloadShape kOptionalUuidTextPayload; // the zero UUID means all objects

@@ -13,8 +13,8 @@ namespace standin {
 // spans lines. A comment that gives the reasons when the tool cannot send them.
 std::string RequestCommand(const DecodedRequest &request);
 
-// Rewrites a typed command line with the order and quotes of the one above. Options must be single letters; values stay
-// as they are. If it is no command line of plax-tool, *error says why.
+// Rewrites a typed command line as the one above for the request that it sends. Options must be single letters. If no
+// such line can be logged, *error says why.
 std::string TidyCommand(std::span<const std::string> words, std::string *error);
 
 } // namespace standin

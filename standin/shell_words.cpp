@@ -35,6 +35,12 @@ static char Take(ShellText *text)
     return character;
 }
 
+// The carriage return of a line end is like a blank before it.
+static bool StartsWithBlank(std::string_view rest)
+{
+    return rest.front() == ' ' || rest.front() == '\t' || rest.starts_with("\r\n");
+}
+
 static void SetError(std::string *error, const std::string &what)
 {
     if (error->empty()) {
@@ -78,7 +84,7 @@ static std::string TakeWord(ShellText *text, std::string *error)
 {
     static constexpr std::string_view kSpecial = "$`;&|<>()*?[";
     std::string word;
-    while (!text->rest.empty() && std::string_view(" \t\n").find(text->rest.front()) == std::string_view::npos) {
+    while (!text->rest.empty() && !StartsWithBlank(text->rest) && text->rest.front() != '\n') {
         const char character = Take(text);
         if (character == '\'' || character == '"') {
             TakeQuoted(text, character, &word, error);
@@ -108,7 +114,7 @@ std::vector<std::string> TakeCommand(ShellText *text, std::string *error)
             Take(text);
             return words;
         }
-        if (next == ' ' || next == '\t') {
+        if (StartsWithBlank(text->rest)) {
             Take(text);
         } else if (text->rest.starts_with("\\\n")) {
             Take(text);

@@ -105,10 +105,10 @@ def test_log_of_serve(tmp_path):
 # ---- Round trip: the commands in the log send the logged requests ----
 
 
-def commands_for(requests, directory):
+def commands_for(requests, directory, *options):
     """The log of a stand-in that received the requests."""
     path, log = os.path.join(directory, "plaxd.uds"), os.path.join(directory, "log")
-    process = start_standin("serve", "--socket", path, "--log", log, "--format", "commands")
+    process = start_standin("serve", "--socket", path, "--log", log, "--format", "commands", *options)
     for request in requests:
         with socket.socket(socket.AF_UNIX) as connection:
             connection.connect(path)
@@ -170,3 +170,13 @@ def test_lines_send_the_same_bytes(tmp_path):
             assert not request.sendable
     assert expected is None
     assert len(sent) >= count * 0.7
+
+
+def test_lines_are_expectations(tmp_path):
+    """What the log has is an expectation that the same requests meet."""
+    seed, count = int(os.environ.get("PLAX_RANDOM_SEED", "1")), int(os.environ.get("PLAX_RANDOM_REQUESTS", "340"))
+    requests = [request for request in random_requests(seed, count) if request.sendable]
+    expected = tmp_path / "expected"
+    os.rename(commands_for(requests, str(tmp_path)), expected)
+    commands_for(requests, str(tmp_path), "--expect", str(expected))
+    assert len(requests) >= count * 0.6
