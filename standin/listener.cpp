@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <filesystem>
 #include <stdexcept>
@@ -21,11 +22,19 @@ namespace standin {
     throw std::runtime_error(SystemError(path, error));
 }
 
-// Sets errno if the returned descriptor is none.
-static Descriptor LockDirectory(const std::string &path)
+// The one whose socket must not stay when memory runs out.
+static std::atomic<Listener *> current = nullptr;
+
+static std::string DirectoryOf(const std::string &path)
 {
     const std::filesystem::path directory = std::filesystem::path(path).parent_path();
-    Descriptor lock(open(directory.empty() ? "." : directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return directory.empty() ? "." : directory.string();
+}
+
+// Sets errno if the returned descriptor is none.
+static Descriptor LockDirectory(const std::string &directory)
+{
+    Descriptor lock(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return lock.Get() >= 0 && flock(lock.Get(), LOCK_EX) == 0 ? std::move(lock) : Descriptor();
 }
 
@@ -66,10 +75,10 @@ static int BindWithMode(const Descriptor &socket, const sockaddr_un &address, mo
     return result == 0 ? 0 : error;
 }
 
-Listener::Listener(const std::string &path, mode_t mode) : path_(path)
+Listener::Listener(const std::string &path, mode_t mode) : path_(path), directory_(DirectoryOf(path))
 {
     const sockaddr_un address = SocketAddress(path);
-    const Descriptor lock = LockDirectory(path);
+    const Descriptor lock = LockDirectory(directory_);
     if (lock.Get() < 0) {
         Fail(path, errno);
     }
@@ -84,11 +93,13 @@ Listener::Listener(const std::string &path, mode_t mode) : path_(path)
     }
     device_ = status.st_dev;
     inode_ = status.st_ino;
+    current = this;
 }
 
 Listener::~Listener()
 {
     Close();
+    current = nullptr;
 }
 
 void Listener::Close()
@@ -96,13 +107,20 @@ void Listener::Close()
     if (socket_.Get() < 0) {
         return;
     }
-    const Descriptor lock = LockDirectory(path_); // none if the directory is gone; then lstat fails, too
+    const Descriptor lock = LockDirectory(directory_); // none if the directory is gone; then lstat fails, too
     struct stat status {};
     // Compared while the socket is open, because the inode number of a closed one may be reused.
     if (lstat(path_.c_str(), &status) == 0 && status.st_dev == device_ && status.st_ino == inode_) {
         unlink(path_.c_str());
     }
     socket_.Close();
+}
+
+void CloseCurrentListener()
+{
+    if (Listener *listener = current; listener != nullptr) {
+        listener->Close();
+    }
 }
 
 } // namespace standin

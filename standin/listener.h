@@ -23,15 +23,19 @@ public:
     {
         return socket_.Get();
     }
-    // Also removes the socket's file.
+    // Also removes the socket's file. Allocates nothing.
     void Close();
 
 private:
     std::string path_;
+    std::string directory_;
     Descriptor socket_;
     dev_t device_ = 0;
     ino_t inode_ = 0;
 };
+
+// Closes the listener created last, if it still exists.
+void CloseCurrentListener();
 
 } // namespace standin
 

@@ -21,6 +21,7 @@
 #include <exception>
 #include <functional>
 #include <memory>
+#include <new>
 #include <stdexcept>
 #include <string>
 
@@ -59,6 +60,14 @@ static bool AwaitLog(Log *log, Signals *signals)
         }
     }
     return true;
+}
+
+// Called when an allocation fails. Unwinding would not help: the destructors of some values allocate, too.
+[[noreturn]] static void EndWithoutMemory()
+{
+    fputs("plaxd-standin: out of memory; what was not written yet is lost\n", stderr);
+    CloseCurrentListener();
+    _exit(kExitFailure);
 }
 
 // Exits without joining the log's thread, which may be blocked for ever.
@@ -156,6 +165,7 @@ struct Daemon {
 
 static int RunDaemon(const Settings &settings, const Daemon &daemon)
 {
+    std::set_new_handler(EndWithoutMemory);
     RaiseDescriptorLimit();
     Descriptor logFile = OpenLogFile(settings.logPath);
     const Outputs outputs = OpenOutputs(settings);

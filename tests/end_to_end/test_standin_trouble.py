@@ -20,10 +20,17 @@ import pytest
 
 LISTENING = b"plaxd-standin: listening on "
 
+not_sanitized = pytest.mark.skipif(is_sanitized(STANDIN), reason="has an allocator of its own")
 
-def exchange(path, request):
+
+def with_rare_events(**settings):
+    """The environment of a stand-in in which these rare events happen."""
+    return {**os.environ, "LD_PRELOAD": os.environ["PLAX_RARE_EVENTS_LIBRARY"], **settings}
+
+
+def exchange(path, request, patience=PATIENCE):
     with socket.socket(socket.AF_UNIX) as client:
-        client.settimeout(PATIENCE)
+        client.settimeout(patience)
         client.connect(path)
         client.sendall(request)
         return read_all(client)
@@ -64,6 +71,46 @@ def test_end_with_no_free_descriptor(tmp_path):
         client.connect(path)
         assert process.stderr.readline() == b"plaxd-standin: accept: Too many open files\n"
         assert end(process) == (0, b"")
+
+
+OUT_OF_MEMORY = b"no memory\nplaxd-standin: out of memory; what was not written yet is lost\n"
+
+
+def provoke(path):
+    """Sends a request. The stand-in may end meanwhile."""
+    try:
+        exchange(path, frame(13))
+    except OSError:
+        pass
+
+
+@not_sanitized
+@pytest.mark.parametrize("command, log_format, step", [("serve", "text", 1), ("relay", "json", 7)])
+def test_failing_allocation(tmp_path, command, log_format, step):
+    """Whichever allocation fails, in either thread: the stand-in says so, removes its socket and ends with 1."""
+    path, failed = str(tmp_path / "plaxd.uds"), 0
+    with Standin() as daemon:
+        words = (command, "--socket", path, "--log", str(tmp_path / "log"), "--format", log_format,
+                 *(["--to", daemon.path] if command == "relay" else []))
+        for number in itertools.count(1, step):
+            process = start_standin(*words, env=with_rare_events(PLAX_FAILING_ALLOCATION=str(number)))
+            provoke(path)
+            provoke(path)
+            outcome = end(process)
+            if outcome == (0, b""):  # there is no allocation of that number
+                break
+            assert (outcome, os.path.exists(path)) == ((1, OUT_OF_MEMORY), False), number
+            failed += 1
+    assert failed > 10
+
+
+@not_sanitized
+def test_client_among_clients_without_end(tmp_path):
+    """It gets its answer although there is always another client to accept."""
+    path = str(tmp_path / "plaxd.uds")
+    process = start_standin("serve", "--socket", path, env=with_rare_events(PLAX_ENDLESS_CLIENTS="1"))
+    assert exchange(path, frame(13), 10) == frame(0, b"0 concats to fix")
+    assert end(process) == (0, b"")
 
 
 CONNECTOR = """
