@@ -22,9 +22,9 @@ import sys
 LAYERS = ("include", "cli", "link", "requests", "platform")
 BUILD_LIMIT = 300  # seconds
 TEST_LIMIT = 120
-QUICK_TESTS = ("run", "help", "callback_block", "requests", "rules", "poisoned_memory", "descriptors", "streams",
-               "exchange", "options")
-WAITING_TESTS = ("fault_injection", "timeouts")
+QUICK_TESTS = ("tables_agree", "run", "help", "callback_block", "requests", "rules", "poisoned_memory", "descriptors",
+               "streams", "exchange", "options")
+WAITING_TESTS = ("completions", "fault_injection", "timeouts")
 
 # Pattern and replacements: every match in a line of code makes a mutant for each replacement.
 REPLACEMENTS = [
@@ -134,7 +134,7 @@ class Tree:
         shutil.rmtree(directory, ignore_errors=True)
         shutil.copytree(source, self.source, ignore=shutil.ignore_patterns("build", ".git"))
         configure = ["cmake", "-S", self.source, "-B", self.build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Debug",
-                     "-DBUILD_TESTING=ON", "-DPLAX_BUILD_STANDIN=OFF"]
+                     "-DBUILD_TESTING=ON", "-DPLAX_BUILD_STANDIN=OFF", "-DCMAKE_COMPILE_WARNING_AS_ERROR=ON"]
         if not succeeds(configure, BUILD_LIMIT) or not self._passes():
             sys.exit("the tree as it is does not build, or does not pass its own tests")
 
@@ -149,7 +149,7 @@ class Tree:
             path.write_text(original)
 
     def _passes(self):
-        return (self._builds("plax-tool", "hangup", "fault-injection") and self._pytest(QUICK_TESTS)
+        return (self._builds("plax-tool", "completions", "hangup", "fault-injection") and self._pytest(QUICK_TESTS)
                 and self._builds("unit-tests") and succeeds([self.build / "bin" / "unit-tests"], TEST_LIMIT)
                 and self._pytest(WAITING_TESTS))
 
@@ -159,6 +159,7 @@ class Tree:
     def _pytest(self, names):
         tests = [self.source / f"tests/end_to_end/test_{name}.py" for name in names]
         environment = {**os.environ, "PLAX_TOOL": str(self.build / "sbin/plax-tool"), "PYTHONDONTWRITEBYTECODE": "1",
+                       "PLAX_COMPLETIONS": str(self.build / "completions"),
                        "PLAX_HANGUP_LIBRARY": str(self.build / "tests/libhangup.so"),
                        "PLAX_FAULT_INJECTION": str(self.build / "tests/fault_injection/libfault-injection.so")}
         return succeeds(["pytest-3", "-x", "-q", "-p", "no:cacheprovider", *tests], TEST_LIMIT, env=environment)
