@@ -20,11 +20,11 @@ cmake --build "$build" >&2
 flags=(-O2 -Wall -Wextra)
 hardening=(-fPIE -pie -fstack-protector-strong -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2
     "-Wl,-z,relro,-z,now,-z,noexecstack,--as-needed")
-library=$build/lib/plax-tool
 yardstick=(cc "${flags[@]}" "${hardening[@]}" bench/yardstick_client.c)
 "${yardstick[@]}" -o "$build/bin/yardstick"
 "${yardstick[@]}" -o "$build/bin/yardstick-with-library" \
-    -Wl,--no-as-needed "$library/libplax-platform.so" "-Wl,-rpath,$library"
+    -Wl,--no-as-needed "$build/lib/plax-tool/libplax-platform.so" \
+    "-Wl,-rpath,\$ORIGIN/../lib/plax-tool:/usr/local/lib/plax-tool"
 c++ "${hardening[@]}" "$build/CMakeFiles/plax-tool.dir/cli/main.cpp.o" "$build"/libplax-{cli,requests,link}.a \
     "$build/platform/CMakeFiles/plax-platform.dir/platform_support.cpp.o" -o "$build/bin/tool-with-library-inside"
 cc "${flags[@]}" bench/peer_daemon.c -o "$build/peer-daemon"

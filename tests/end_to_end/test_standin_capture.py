@@ -22,7 +22,7 @@ LINKS = ("plaxd.request_in", "plaxd.reply_in", "plaxd.time")
 def packets(capture):
     """tshark's output for each packet: lists of values by field name.
 
-    From version 4.6 on, tshark loads no dissector as root, so root runs it as another user, who can read the copies.
+    tshark of version 4.4 and later loads no dissector as root, so root runs it as another user, who can read the copies.
     """
     with tempfile.TemporaryDirectory() as directory:
         os.chmod(directory, 0o755)
