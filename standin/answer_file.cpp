@@ -178,7 +178,8 @@ static uint32_t ReadStatus(Reader *reader, const Place &place, const Json &answe
         return static_cast<uint32_t>(ReadNumber(reader, place, answer, "status", kStatusRange));
     }
     const auto &text = found->get_ref<const std::string &>();
-    const std::optional<uint32_t> status = text.starts_with("0x") ? HexNumber(text) : StatusNamed(text);
+    const std::optional<uint32_t> status =
+        text.starts_with("0x") || text.starts_with("0X") ? HexNumber(text) : StatusNamed(text);
     if (!status) {
         Report(reader, place / "status", "must be a number, or a text such as \"EAGAIN\" or \"0x2bad000b\"");
     }

@@ -45,7 +45,8 @@ def test_status_and_text():
 @pytest.mark.parametrize("status, number, code", [
     ("0x2bad000b", 0x2bad000b, 11), ("0xFFFFFFFF", 0xffffffff, 255), (4294967295, 0xffffffff, 255), ("Success", 0, 0),
     ("Failure", 0x0bad0001, 1), ("EAGAIN", 0x2bad000b, 11), ("EBUSY", 0x2bad0010, 16), ("EPERM", 0x2bad0001, 1),
-    ("EHWPOISON", 0x2bad0085, 133)])
+    ("EHWPOISON", 0x2bad0085, 133), ("0X2BAD000B", 0x2bad000b, 11), ("ENOTSUP", 0x2bad005f, 95),
+    ("EWOULDBLOCK", 0x2bad000b, 11), ("EDEADLOCK", 0x2bad0023, 35)])
 def test_status_without_text(status, number, code):
     outcome, entries = run("fix-concats", {"status": status}, "fix-concats")
     assert outcome.code == code
@@ -390,7 +391,7 @@ WRONG = [
     ({"answers": {"crawler": {"status": 0.5}}}, ["/answers/crawler/status: " + STATUS], True),
     *[({"answers": {"crawler": {"status": text}}},
        ['/answers/crawler/status: must be a number, or a text such as "EAGAIN" or "0x2bad000b"'], schema_tells)
-      for text, schema_tells in [("", True), ("0x", True), ("5", True), ("0X5", True), ("0x5g", True),
+      for text, schema_tells in [("", True), ("0x", True), ("5", True), ("X5", True), ("0X", True), ("0x5g", True),
                                  ("0x123456789", True), ("0x-1", True), ("success", True), ("eagain", True),
                                  ("EAGAI", False), ("EAGAIN ", True)]],
     *[({"answers": {"crawler": {"times": times}}},
