@@ -31,9 +31,11 @@ class TemporaryDirectory {
 public:
     TemporaryDirectory()
     {
-        std::string name = fs::temp_directory_path() / "plaxd-standin-XXXXXX";
+        const char *variable = getenv("TMPDIR");
+        const fs::path parent = variable != nullptr && *variable != '\0' ? variable : "/tmp";
+        std::string name = parent / "plaxd-standin-XXXXXX";
         if (mkdtemp(name.data()) == nullptr) {
-            throw std::runtime_error(SystemError(name, errno));
+            throw std::runtime_error(SystemError("cannot make a temporary directory in " + parent.string(), errno));
         }
         path_ = name;
     }
@@ -143,6 +145,7 @@ static int BecomeScript(const Rehearsal &rehearsal, const TemporaryDirectory &di
     } else if (const int status = UseSocketOption(directory / kSocketName, directory / "bin"); status != 0) {
         return status;
     }
+    prctl(PR_SET_PDEATHSIG, SIGTERM); // not earlier: entering a user namespace clears it
     return Become(rehearsal.script);
 }
 

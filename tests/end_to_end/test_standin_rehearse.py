@@ -10,7 +10,7 @@ import termios
 import time
 
 import pytest
-from harness import ScriptedDaemon, eventually
+from harness import PATIENCE, ScriptedDaemon, eventually
 from namespaces import namespaces_work
 from rehearsals import USERS, every_user, in_namespaces, new_rehearsal, refusing
 from standin_process import EXAMPLES, STANDIN, timeless
@@ -195,6 +195,16 @@ def test_signal_that_kills_the_script(rehearsal, user):
 
 
 @in_namespaces
+def test_end_of_the_script_when_the_rehearsal_is_killed(rehearsal, user):
+    script = "trap 'echo >end; exit' TERM; echo >mark; for _ in $(seq 400); do sleep 0.05; done"
+    process = rehearsal.start(*sh(script), user=USERS[user])
+    assert eventually(lambda: os.path.exists(rehearsal.file("mark")))
+    process.kill()
+    process.communicate(timeout=PATIENCE)
+    assert os.path.exists(rehearsal.file("end"))
+
+
+@in_namespaces
 def test_signal_before_the_start(rehearsal, user):
     def send_blocked():
         signal.pthread_sigmask(signal.SIG_BLOCK, [signal.SIGTERM])
@@ -241,6 +251,13 @@ def test_interrupt_from_the_terminal(rehearsal, user):
 ])
 def test_nothing_starts(rehearsal, user, words, message):
     assert rehearsal.run(*words, *sh("echo started"), user=USERS[user]) == (1, "", f"plaxd-standin: {message}\n")
+
+
+@pytest.mark.parametrize("directory, reason", [("/nonexistent", "No such file or directory"),
+                                               ("/dev/null", "Not a directory")])
+def test_no_place_for_temporary_files(rehearsal, directory, reason):
+    assert rehearsal.run(*sh("echo started"), env={"TMPDIR": directory}) == (
+        1, "", f"plaxd-standin: cannot make a temporary directory in {directory}: {reason}\n")
 
 
 SEND_BYTE = 'import socket; s = socket.socket(socket.AF_UNIX); s.connect("/run/plaxd.uds"); s.send(b"x")'
