@@ -291,12 +291,21 @@ static Json EntryOf(const std::string &fields, Json answers)
     return entry;
 }
 
-// Leaves out exchanges that have not ended or were cut short.
+// Leaves out exchanges that have not ended or were cut short, and folds equal answers.
 static Json Complete(const Json &answers)
 {
     Json complete = Json::array();
-    std::copy_if(answers.begin(), answers.end(), std::back_inserter(complete),
-                 [](const Json &answer) { return !answer.is_null(); });
+    Json last;
+    for (const Json &answer : answers) {
+        if (answer.is_null()) {
+            continue;
+        }
+        if (answer == last) {
+            complete.back()["times"] = complete.back().value("times", 1) + 1;
+        } else {
+            complete.push_back(last = answer);
+        }
+    }
     return complete;
 }
 

@@ -127,6 +127,21 @@ def test_requests_are_told_apart_by_all_fields(recording):
                                            {"for": {"uuid": B}, "text": "B"}]}
 
 
+def test_equal_answers_are_folded(recording):
+    """Commands without a reply have no delays, which would make their answers differ."""
+    closed, unread = {"fault": "close-without-answering"}, {"fault": "close-without-reading"}
+    with Standin("--to", "/nowhere/plaxd.uds", "--record", str(recording), command="relay").answers({
+            "refresh-config-opts": [{**closed, "times": 2}, unread, {**closed, "times": 3}],
+            "block-cdb-cb": closed}) as relay:
+        for _ in range(6):
+            tool("-s", relay.path, "refresh-config-opts")
+        for uuid in (A, B, A):
+            tool("-s", relay.path, "block-cdb-cb", "-u", uuid, "add", "disk")
+    answers = answers_of(recording)
+    assert answers["refresh-config-opts"] == [{**closed, "times": 2}, unread, {**closed, "times": 3}]
+    assert [entry.get("times") for entry in answers["block-cdb-cb"]] == [2, None]
+
+
 def test_answers_of_the_relay_are_recorded_too(recording):
     with Standin("--to", "/nowhere/plaxd.uds", "--record", str(recording), command="relay").answers({
             "fix-concats": {"status": "EBUSY"}, "stats": {"text": ""},
