@@ -23,7 +23,7 @@ local field = {
     ["end"] = ProtoField.string("plaxd.end", "End"),
     requestIn = ProtoField.framenum("plaxd.request_in", "Request in", base.NONE, frametype.REQUEST),
     replyIn = ProtoField.framenum("plaxd.reply_in", "Reply in", base.NONE, frametype.RESPONSE),
-    time = ProtoField.double("plaxd.time", "Seconds since the request"),
+    time = ProtoField.relative_time("plaxd.time", "Time since the request"),
 }
 local expertInfo = {
     violation = ProtoExpert.new("plaxd.expert.violation", "The request violates the protocol",
@@ -93,6 +93,12 @@ local function showDescription(lines, tree)
     end
 end
 
+-- Wireshark gives times as binary fractions, which hold no decimal ones exactly.
+local function timeBetween(from, to)
+    local nanoseconds = math.floor((to - from) * 1e9 + 0.5)
+    return NSTime.new(math.floor(nanoseconds / 1e9), nanoseconds % 1e9)
+end
+
 -- Links the packets of a connection. Those that come later are known when the packets are looked at again.
 local function link(lines, pinfo, tree)
     local number = valueOf(lines, "connection")
@@ -111,7 +117,7 @@ local function link(lines, pinfo, tree)
     end
     if exchange.request ~= nil then
         tree:add(field.requestIn, exchange.request):set_generated()
-        tree:add(field.time, pinfo.rel_ts - exchange.time):set_generated()
+        tree:add(field.time, timeBetween(exchange.time, pinfo.rel_ts)):set_generated()
     end
 end
 
@@ -150,7 +156,8 @@ function show.reply(bytes, size, lines, tree)
         item:add_proto_expert_info(expertInfo.cut, summary)
     end
     showPayload(bytes, tree, true)
-    return string.format("0x%08x %s, ", bytes(0, 4):uint(), valueOf(lines, "statusName")) .. summary
+    local name = valueOf(lines, "statusName")
+    return string.format("0x%08x", bytes(0, 4):uint()) .. (name ~= "" and " " .. name or "") .. ", " .. summary
 end
 
 function show.stream(bytes, size, lines, tree)

@@ -4,10 +4,11 @@ import json
 import os
 import re
 import shutil
+import struct
 import subprocess
 import tempfile
 
-from harness import TOOL, ScriptedDaemon, frame, pause, send, stay_silent, tool
+from harness import HOST_ORDER, TOOL, ScriptedDaemon, frame, pause, send, stay_silent, tool
 from request_table import PRINTED, CHECKED, ROWS, STREAMED, UNANSWERED, name
 from standin_process import PROJECT, Standin, end, run_standin, start_standin
 import pytest
@@ -19,8 +20,8 @@ UUID = "01234567-89ab-cdef-0123-456789abcdef"
 LINKS = ("plaxd.request_in", "plaxd.reply_in", "plaxd.time")
 
 
-def packets(capture):
-    """tshark's output for each packet: lists of values by field name.
+def tshark(capture, *options):
+    """tshark's output.
 
     tshark of version 4.4 and later loads no dissector as root, so root runs it as another user, who can read the copies.
     """
@@ -30,11 +31,16 @@ def packets(capture):
             shutil.copyfile(original, f"{directory}/{copy}")
             os.chmod(f"{directory}/{copy}", 0o644)
         other = {} if os.geteuid() else {"user": 65534, "group": 65534, "extra_groups": []}
-        run = subprocess.run(["tshark", "-2", "-X", "lua_script:plaxd.lua", "-r", "capture", "-T", "json",
-                              "--no-duplicate-keys"], cwd=directory, env={**os.environ, "HOME": directory}, **other,
+        run = subprocess.run(["tshark", "-2", "-X", "lua_script:plaxd.lua", "-r", "capture", *options], cwd=directory, env={**os.environ, "HOME": directory}, **other,
                              stdin=subprocess.DEVNULL, capture_output=True, check=True, timeout=60)
     assert run.stderr == b""
-    return [flat(packet["_source"]["layers"]["plaxd"]) for packet in json.loads(run.stdout)]
+    return run.stdout
+
+
+def packets(capture):
+    """The values of each packet: lists by field name."""
+    found = json.loads(tshark(capture, "-T", "json", "--no-duplicate-keys"))
+    return [flat(packet["_source"]["layers"]["plaxd"]) for packet in found]
 
 
 def flat(tree):
@@ -209,6 +215,30 @@ def test_reply_before_the_request_is_shown_after_it(capture):
                 client.shutdown(1)
     assert [packet["plaxd.kind"] for packet in packets(capture)] == [["request"], ["reply"], ["end"]]
     assert relay.entries[0]["reply"] == {"status": 5, "statusHex": "0x00000005", "length": 2, "bytes": 2}
+
+
+def set_times(capture, times):
+    """Replaces the times of all packets, given in microseconds."""
+    with open(capture, "r+b") as file:
+        file.seek(24)
+        for time in times:
+            seconds, microseconds = divmod(time, 1000000)
+            file.write(struct.pack(HOST_ORDER + "II", 1700000000 + seconds, microseconds))
+            length = struct.unpack(HOST_ORDER + "II", file.read(8))[0]
+            file.seek(length, os.SEEK_CUR)
+        assert file.read() == b""
+
+
+def test_columns_and_times(capture):
+    """A status without a name leaves no gap, and differences of times have no rounding errors."""
+    with Standin("--capture", capture).answers({"fix-concats": [{"status": 7}, {"status": "EBUSY"}]}) as plaxd:
+        plaxd.exchange(frame(13))
+        plaxd.exchange(frame(13))
+    set_times(capture, [0, 1, 2, 12345678, 12345701, 98765432])
+    lines = tshark(capture, "-T", "fields", "-e", "_ws.col.Info", "-e", "plaxd.time").decode().splitlines()
+    assert lines == [
+        "fix-concats\t", "0x00000007, 0 bytes\t0.000001000", "answered, client closed\t0.000002000",
+        "fix-concats\t", "0x2bad0010 EBUSY, 0 bytes\t0.000023000", "answered, client closed\t86.419754000"]
 
 
 @one_capture
