@@ -9,6 +9,7 @@ their connections, without the two values that change between runs, `summary` th
 Any message from the stand-in fails the test.
 """
 
+import contextlib
 import json
 import os
 import re
@@ -16,7 +17,7 @@ import signal
 import socket
 import subprocess
 
-from harness import give_back, take_directory
+from harness import await_state, give_back, take_directory
 
 STANDIN = os.environ["PLAXD_STANDIN"]
 PROJECT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
@@ -66,6 +67,15 @@ def end(process, by=signal.SIGTERM):
     process.send_signal(by)
     _, messages = process.communicate(timeout=PATIENCE)
     return process.returncode, messages
+
+
+@contextlib.contextmanager
+def stopped(process):
+    """Stops the process for a while, so that it finds all that has happened meanwhile at once."""
+    os.kill(process.pid, signal.SIGSTOP)
+    await_state(process.pid, "T")
+    yield
+    os.kill(process.pid, signal.SIGCONT)
 
 
 def timeless(log):

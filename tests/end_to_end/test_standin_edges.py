@@ -6,7 +6,6 @@ import json
 import os
 import resource
 import select
-import signal
 import socket
 import stat
 import time
@@ -15,7 +14,7 @@ import pytest
 
 from connecting import fill_backlog, listening
 from harness import Outcome, frame, tool
-from standin_process import PATIENCE, Standin, end, read_all, start_standin
+from standin_process import PATIENCE, Standin, end, read_all, start_standin, stopped
 
 
 def mode_of(path):
@@ -123,11 +122,10 @@ def test_clients_of_a_relay_reach_the_daemon_in_their_order():
     requests = [numbered_request(number) for number in range(50)]
     with listening(backlog=0) as (listener, path):
         with Standin("--to", path, command="relay") as relay:
-            os.kill(relay.process.pid, signal.SIGSTOP)
-            for request in requests:
-                with relay.connect() as client:
-                    client.sendall(request)
-            os.kill(relay.process.pid, signal.SIGCONT)
+            with stopped(relay.process):
+                for request in requests:
+                    with relay.connect() as client:
+                        client.sendall(request)
             assert accept_all(listener, len(requests)) == requests
 
 

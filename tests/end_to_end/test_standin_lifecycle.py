@@ -11,7 +11,7 @@ import subprocess
 
 from binaries import is_sanitized
 from harness import Outcome, frame, tool
-from standin_process import PATIENCE, STANDIN, Standin, end, run_standin, start_standin, timeless
+from standin_process import PATIENCE, STANDIN, Standin, end, run_standin, start_standin, stopped, timeless
 import pytest
 
 
@@ -193,12 +193,12 @@ def test_two_start_at_once(attempt, path):
 def test_requests_that_wait_at_the_end_are_logged():
     """A client that needs no answer may end before its connection is accepted. Its request counts."""
     with Standin() as plaxd:
-        os.kill(plaxd.process.pid, signal.SIGSTOP)
-        for _ in range(20):
-            with plaxd.connect() as connection:
-                connection.sendall(frame(32))
-        plaxd.process.terminate()
-        os.kill(plaxd.process.pid, signal.SIGCONT)
+        with stopped(plaxd.process):
+            for _ in range(20):
+                with plaxd.connect() as connection:
+                    connection.sendall(frame(32))
+            plaxd.process.terminate()
+        plaxd.process.wait(PATIENCE)  # a second signal could cut its log short
     assert [(line["command"], line["outcome"], line["end"]) for line in plaxd.entries] == [
         ("refresh-config-opts", "answered", "client closed")] * 20
 

@@ -2,7 +2,6 @@
 
 import os
 import random
-import signal
 import socket
 import termios
 import threading
@@ -11,7 +10,7 @@ import time
 from harness import Outcome, ScriptedDaemon, close, eventually, finish_tool, frame, pause, queued, reply, send
 from harness import start_tool, stay_silent, tool
 from request_table import ROWS
-from standin_process import EXAMPLES, Standin, end, entry, framed, read_all, start_standin
+from standin_process import EXAMPLES, PATIENCE, Standin, end, entry, framed, read_all, start_standin, stopped
 import pytest
 
 UUID = "01234567-89ab-cdef-0123-456789abcdef"
@@ -305,12 +304,12 @@ def test_end_of_the_relay_loses_no_request():
     """A client that needs no answer ends at once. Its bytes still reach the daemon."""
     with Standin() as daemon:
         with Standin("--to", daemon.path, command="relay") as relay:
-            os.kill(relay.process.pid, signal.SIGSTOP)
-            for _ in range(20):
-                with relay.connect() as client:
-                    client.sendall(frame(32))
-            relay.process.terminate()
-            os.kill(relay.process.pid, signal.SIGCONT)
+            with stopped(relay.process):
+                for _ in range(20):
+                    with relay.connect() as client:
+                        client.sendall(frame(32))
+                relay.process.terminate()
+            relay.process.wait(PATIENCE)  # a second signal could cut its log short
     assert [(line["command"], line["outcome"], line["end"]) for line in relay.entries] == [
         ("refresh-config-opts", "relayed", "client closed")] * 20
     assert [line["command"] for line in daemon.entries] == ["refresh-config-opts"] * 20

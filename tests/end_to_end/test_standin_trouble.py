@@ -15,7 +15,7 @@ import time
 
 from binaries import is_sanitized
 from harness import PATIENCE, TOOL, Outcome, ScriptedDaemon, eventually, frame, stay_silent, tool
-from standin_process import STANDIN, Standin, end, read_all, start_standin, timeless
+from standin_process import STANDIN, Standin, end, read_all, start_standin, stopped, timeless
 import pytest
 
 LISTENING = b"plaxd-standin: listening on "
@@ -306,13 +306,13 @@ def test_second_signal_ends_it_with_its_log_unread(by, tmp_path):
 def test_two_signals_lose_nothing():
     """If nothing blocks the log, the requests received are still served and logged."""
     with Standin() as plaxd:
-        os.kill(plaxd.process.pid, signal.SIGSTOP)
-        for _ in range(500):
-            with plaxd.connect() as client:
-                client.sendall(frame(32))
-        plaxd.process.send_signal(signal.SIGINT)
-        plaxd.process.terminate()
-        os.kill(plaxd.process.pid, signal.SIGCONT)
+        with stopped(plaxd.process):
+            for _ in range(500):
+                with plaxd.connect() as client:
+                    client.sendall(frame(32))
+            plaxd.process.send_signal(signal.SIGINT)
+            plaxd.process.terminate()
+        plaxd.process.wait(PATIENCE)  # a second signal could cut its log short
     assert (plaxd.code, plaxd.summary["commands"]) == (0, {"refresh-config-opts": {"answered": 500}})
 
 
