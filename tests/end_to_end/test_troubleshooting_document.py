@@ -271,7 +271,7 @@ CAUSES = {
     "the shell finds no `plax-tool`": (
         lambda: in_shell("PATH=/nonexistent; plax-tool stats"),
         Outcome(b"", b"bash: line 1: plax-tool: command not found\n", 127)),
-    "the support library is not in `../lib/plax-tool` beside the program": (
+    "the support library is not in `../lib/plax-tool`, seen from the program's directory": (
         without_library,
         Outcome(b"", b"./plax-tool: error while loading shared libraries: libplax-platform.so: cannot open shared "
                 b"object file: No such file or directory\n", 127)),
@@ -322,6 +322,8 @@ UNNOTICED = {
         lambda: with_request_unread(PRINTED, send(b"\0\0\0\0\0\0\0\2")), b"\0\0\n"),
     "A stream ends early": (lambda: with_daemon(send(b"abc"), words=(STREAMED,)), b"abc"),
     "A disk fills up": (lambda: into("/dev/full", os.O_WRONLY, STREAMED), b""),
+    "Standard output is closed, and the reply is streamed.": (
+        lambda: with_daemon(send(b"abc"), words=(STREAMED,), preexec_fn=lambda: os.close(1)), b""),
     "The reader of a streamed reply exits, and SIGPIPE is ignored": (
         lambda: into_abandoned_pipe(send(b"abc"), STREAMED, preexec_fn=ignore_broken_pipe), b""),
     "The daemon ignores or fails a command that has no reply": (lambda: with_daemon(words=(UNANSWERED,)), b""),
