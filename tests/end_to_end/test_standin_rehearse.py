@@ -312,14 +312,6 @@ def test_socket_option_may_refuse_what_passes_without_it(rehearsal, user):
         1, "", WARNING + "Log level must be specified. E.g.: plax-tool log-level 2\n")
 
 
-@pytest.mark.parametrize("variable", ["TMP", "TEMP", "TEMPDIR"])
-def test_directory_of_the_socket(rehearsal, variable):
-    directory = rehearsal.temporary
-    run = rehearsal.run("--socket-option", *sh('echo "${PATH%%/plaxd-standin-*}"'),
-                        user=("env", "-u", "TMPDIR", f"{variable}={directory}"))
-    assert run == (0, directory + "\n", WARNING)
-
-
 def test_socket_option_without_tool(rehearsal):
     assert rehearsal.run("--socket-option", *sh("echo started"), env={"PATH": "/usr/bin:/bin"}) == (
         127, "", "plaxd-standin: plax-tool: not found in PATH\n")
