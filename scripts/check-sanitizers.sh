@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Runs the tests with checkers that make memory errors and undefined behaviour failures. First checks that each checker
-# rejects a faulty program.
+# except AddressSanitizer rejects a faulty program.
 #
 # MemorySanitizer cannot check the unit tests, the fuzz targets and the stand-in daemon: to it, every byte written by
 # code without its instrumentation is unset, and they use the C++ library and GoogleTest, which Debian has no

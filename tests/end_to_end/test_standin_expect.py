@@ -139,7 +139,8 @@ def test_random_expectations(rehearsal):
     ("\nplax-tool\n", ["2: no command word"]),
     ("plax-tool list\n", ["1: unknown command word: list"]),
     ("plax-tool --uuid=x crawler\n", ["1: unknown option: --uuid=x"]),
-    ("plax-tool -s /tmp/s stats\n", ["1: unknown option: -s"]),
+    *((f"plax-tool {option} stats\n", [f"1: unknown option: {option[:2]}"])
+      for option in ("-h", "-o file", "-s /tmp/s", "-t 5")),
     ("plax-tool crawler -u\n", ["1: -u needs a value"]),
     ("plax-tool crawler\n", ["1: -u or -a is missing"]),
     ("plax-tool -d 2 get-obj-crawler-state\n", ["1: -u or -a is missing"]),
