@@ -234,11 +234,11 @@ def test_columns_and_times(capture):
     with Standin("--capture", capture).answers({"fix-concats": [{"status": 7}, {"status": "EBUSY"}]}) as plaxd:
         plaxd.exchange(frame(13))
         plaxd.exchange(frame(13))
-    set_times(capture, [0, 1, 2, 12345678, 12345701, 98765432])
+    set_times(capture, [0, 1, 2, 12345603, 12345626, 98765432])
     lines = tshark(capture, "-T", "fields", "-e", "_ws.col.Info", "-e", "plaxd.time").decode().splitlines()
     assert lines == [
         "fix-concats\t", "0x00000007, 0 bytes\t0.000001000", "answered, client closed\t0.000002000",
-        "fix-concats\t", "0x2bad0010 EBUSY, 0 bytes\t0.000023000", "answered, client closed\t86.419754000"]
+        "fix-concats\t", "0x2bad0010 EBUSY, 0 bytes\t0.000023000", "answered, client closed\t86.419829000"]
 
 
 @one_capture
