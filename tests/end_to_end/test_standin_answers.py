@@ -171,11 +171,14 @@ def test_request_without_its_fields_fits_no_conditions():
 
 
 def test_values_are_those_of_the_log_however_they_are_written():
-    """UUIDs may have digits of either case, and a whole number may have a point."""
-    answers = {"what-if-entity-decom": {"for": {"uuid": A.upper(), "decomMode": 2.0}, "text": "A2"}}
+    """A UUID may have digits of either case, which count in a list, and a whole number may have a point."""
+    answers = {"what-if-entity-decom": {"for": {"uuid": A.upper(), "decomMode": 2.0}, "text": "A2"},
+               "what-if-upgrade": [{"for": {"uuidList": [A.upper()]}, "text": "upper"}, {"text": "other"}]}
     assert fits_schema({"answers": answers})
     with Standin().answers(answers) as plaxd:
         assert tool("-s", plaxd.path, "what-if-entity-decom", "-u", A, "-d", "2").stdout == b"A2\n"
+        assert [tool("-s", plaxd.path, "what-if-upgrade", "-l", words).stdout for words in (A, A.upper())] == [
+            b"other\n", b"upper\n"]
 
 
 def test_narrower_entry_before_a_wider_one():
