@@ -4,8 +4,12 @@ A build without the stand-in daemon, such as one for another machine, skips the 
 """
 
 import os
+import signal
 
 import pytest
+
+# A shell lets the commands that it runs in the background ignore SIGINT, and their children would ignore it, too.
+signal.signal(signal.SIGINT, signal.default_int_handler)
 
 collect_ignore_glob = []
 if "PLAXD_STANDIN" not in os.environ:
