@@ -18,8 +18,8 @@ import pytest
 from binaries import is_sanitized
 from command_line import INCOMPLETE, UUID, USAGE, cut_listing, uuid_list
 from connecting import listening
-from harness import RUNNER, TOOL, Outcome, ScriptedDaemon, await_unread, close, environment, interrupt, limit_memory, \
-    pause, reply, send, stay_silent, tool, tool_of
+from harness import RUNNER, TOOL, Outcome, ScriptedDaemon, await_taken, await_unread, close, environment, interrupt, \
+    limit_memory, pause, reply, send, stay_silent, tool, tool_of
 from preloading import preloaded
 
 pytestmark = pytest.mark.skipif(bool(RUNNER), reason="statuses and messages would be partly the runner's")
@@ -326,6 +326,9 @@ UNNOTICED = {
         lambda: with_daemon(send(b"abc"), words=(STREAMED,), preexec_fn=lambda: os.close(1)), b""),
     "The reader of a streamed reply exits, and SIGPIPE is ignored": (
         lambda: into_abandoned_pipe(send(b"abc"), STREAMED, preexec_fn=ignore_broken_pipe), b""),
+    "The tool is stopped and continued": (
+        lambda: with_daemon(send(b"\0\0\0\0\0\0\0\2"), await_taken(), interrupt(), send(b"ab"), words=(PRINTED,)),
+        b"\0\0\n"),
     "The daemon ignores or fails a command that has no reply": (lambda: with_daemon(words=(UNANSWERED,)), b""),
 }
 
