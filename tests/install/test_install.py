@@ -12,6 +12,7 @@ import sysconfig
 import pytest
 from conftest import BUILD, run_cmake
 from files import STANDIN, TOOL, below, directory_modes, listing
+from binaries import is_sanitized
 import harness
 from harness import Outcome, ScriptedDaemon, reply, tool
 
@@ -101,6 +102,7 @@ mount --bind "$ROOT/usr/local" /usr/local && mount -t tmpfs none /proc && ! test
 """
 
 
+@pytest.mark.skipif(is_sanitized(os.environ["PLAX_TOOL"]), reason="the sanitizer reads /proc")
 @pytest.mark.skipif(subprocess.run([*NAMESPACE, "true"], stderr=subprocess.DEVNULL, check=False).returncode != 0,
                     reason="the system allows no mount namespaces")
 def test_tool_starts_without_proc(installed):
