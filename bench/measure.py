@@ -32,8 +32,8 @@ WORKLOADS = [
 # Goals that must stay met: workload, figure, and the upper limit of its ratio to the yardstick.
 GOALS = [
     ("fitness-stats-get, 100 B", "instructions", 1.40),
-    ("fitness-stats-get, 100 B", "wall", 1.30),
-    ("fitness-stats-get, 100 B", "page faults", 1.20),
+    ("fitness-stats-get, 100 B", "wall", 1.35),
+    ("fitness-stats-get, 100 B", "page faults", 1.25),
     ("fitness-stats-get, 1 MiB", "wall", 1.20),
     ("stats, 64 MiB", "wall", 0.85),
     ("component-manual-move", "instructions", 1.50),
