@@ -104,6 +104,12 @@ Listener::~Listener()
 
 void Listener::Close()
 {
+    RemoveFile();
+    socket_.Close();
+}
+
+void Listener::RemoveFile() const
+{
     if (socket_.Get() < 0) {
         return;
     }
@@ -113,13 +119,12 @@ void Listener::Close()
     if (lstat(path_.c_str(), &status) == 0 && status.st_dev == device_ && status.st_ino == inode_) {
         unlink(path_.c_str());
     }
-    socket_.Close();
 }
 
-void CloseCurrentListener()
+void RemoveCurrentSocketFile()
 {
-    if (Listener *listener = current; listener != nullptr) {
-        listener->Close();
+    if (const Listener *listener = current; listener != nullptr) {
+        listener->RemoveFile();
     }
 }
 

@@ -25,6 +25,8 @@ public:
     }
     // Also removes the socket's file. Allocates nothing.
     void Close();
+    // Does nothing when the listener is closed. Allocates nothing.
+    void RemoveFile() const;
 
 private:
     std::string path_;
@@ -34,8 +36,9 @@ private:
     ino_t inode_ = 0;
 };
 
-// Closes the listener created last, if it still exists.
-void CloseCurrentListener();
+// Removes the file of the listener created last, if it still exists. Any thread may call this: the socket stays open,
+// because another thread may be accepting.
+void RemoveCurrentSocketFile();
 
 } // namespace standin
 

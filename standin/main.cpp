@@ -66,7 +66,7 @@ static bool AwaitLog(Log *log, Signals *signals)
 [[noreturn]] static void EndWithoutMemory()
 {
     fputs("plaxd-standin: out of memory; what was not written yet is lost\n", stderr);
-    CloseCurrentListener();
+    RemoveCurrentSocketFile();
     _exit(kExitFailure);
 }
 
