@@ -137,6 +137,7 @@ struct Received {
 
 Received Receive(const SocketPair &sockets)
 {
+    const size_t blocks = BlocksInUse();
     char before[] = "before";
     char *payload = before;
     Received received{.status = 0, .length = 99, .payload = "untouched", .message = ""};
@@ -149,6 +150,7 @@ Received Receive(const SocketPair &sockets)
         received.payload.assign(payload, size_t{received.length} + 1);
         free(payload);
     }
+    EXPECT_EQ(BlocksInUse(), blocks);
     return received;
 }
 

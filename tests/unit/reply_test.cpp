@@ -4,6 +4,7 @@
 #include "ended.h"
 #include "reply.h"
 #include "socket_pair.h"
+#include "system_calls.h"
 
 #include <gtest/gtest.h>
 
@@ -18,7 +19,10 @@ namespace {
 Ended Handle(ReplyClass replyClass, const SocketPair &sockets, const CommandSettings &settings = {},
              QRT_ReturnStatus sendStatus = 0)
 {
-    return Capture([&] { return HandleReply(replyClass, sockets.tool, sendStatus, settings); });
+    const size_t blocks = BlocksInUse();
+    const Ended ended = Capture([&] { return HandleReply(replyClass, sockets.tool, sendStatus, settings); });
+    EXPECT_EQ(BlocksInUse(), blocks);
+    return ended;
 }
 
 TEST(Reply, StatusOfTheDaemonIsReturnedWhole)

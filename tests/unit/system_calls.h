@@ -20,4 +20,8 @@ struct SystemCalls {
 
 inline SystemCalls systemCalls;
 
+// How many blocks malloc has given that were not freed. Freeing a block fails the test if the byte after it has
+// changed.
+size_t BlocksInUse();
+
 #endif
