@@ -172,16 +172,20 @@ def bash(line):
 
 
 def bash_list(line):
-    """The rows of the shell's list of possible completions. Below the list, the shell shows the line again."""
+    """The rows of the shell's list of possible completions. Below the list, the shell shows the line again.
+
+    The terminal echoes keys that come before the shell reads them. That is not the line that the shell shows.
+    """
     terminal = bash_terminal()
-    shown = len(terminal.screen)
+    before = len(terminal.screen)
     terminal.press(line + "\x18l\x18r")
     deadline = time.monotonic() + PATIENCE
-    while terminal.screen[shown:].count(line.encode()) < 2:
-        assert time.monotonic() < deadline, f"no list: {terminal.screen[shown:]!r}"
+    shown = b""
+    while shown.count(line.encode()) < 2:
+        assert time.monotonic() < deadline, f"no list: {shown!r}"
         time.sleep(0.01)
-    rows = terminal.screen[shown:].decode().split("\r\n")
-    return rows[1:-1]
+        shown = terminal.screen[before:].replace(line.encode() + b"^Xl^Xr", b"")
+    return shown.decode().split("\r\n")[1:-1]
 
 
 @functools.cache
