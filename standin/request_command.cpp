@@ -191,7 +191,7 @@ static std::optional<Json> ReadUuid(const FieldRow & /*row*/, const std::string 
 static std::optional<Json> ReadList(const FieldRow & /*row*/, const std::string &word)
 {
     if (word.empty()) {
-        return Json::array();
+        return std::optional<Json>(Json::array());
     }
     return (word.size() + 1) % kUuidListEntrySize == 0 ? std::optional<Json>(Json::array({word})) : std::nullopt;
 }

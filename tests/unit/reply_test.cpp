@@ -20,7 +20,7 @@ Ended Handle(ReplyClass replyClass, const SocketPair &sockets, const CommandSett
              QRT_ReturnStatus sendStatus = 0)
 {
     const size_t blocks = BlocksInUse();
-    const Ended ended = Capture([&] { return HandleReply(replyClass, sockets.tool, sendStatus, settings); });
+    Ended ended = Capture([&] { return HandleReply(replyClass, sockets.tool, sendStatus, settings); });
     EXPECT_EQ(BlocksInUse(), blocks);
     return ended;
 }
