@@ -10,7 +10,7 @@ echo "== clang-format"
 git ls-files -z '*.h' '*.cpp' '*.c' | xargs -0 clang-format-14 --dry-run -Werror
 
 echo "== shellcheck"
-git grep -lzP '^#!/.*\bbash$' -- ':!*.md' | xargs -0 shellcheck --external-sources
+git grep -lzP '^#!/.*\bbash$' -- ':!*.md' | xargs -0 shellcheck
 
 echo "== codespell"
 # nd is a macro of the manual pages. The others are words that the tests misspell or cut on purpose.
