@@ -26,10 +26,13 @@ if not collect_ignore_glob:
         assert not kill_leftovers(), "a stand-in was left running"
 
 
-LONG = ("test_timeouts.py", "temporarily unavailable", "20 seconds", "in time", "test_stay_silent",
-        "test_document[docs/fleet.md", "test_many_runs", "test_two_builds_are_the_same_bytes", "bad-day.json",
+LONG = ("test_document[docs/fleet.md", "test_many_runs", "test_build_in_another_directory", "bad-day.json",
         "test_every_call_fails[long-stream]", "test_children_that_stay")
 
 
+def takes_long(item):
+    return item.get_closest_marker("xdist_group") is not None or any(name in item.nodeid for name in LONG)
+
+
 def pytest_collection_modifyitems(items):
-    items.sort(key=lambda item: not any(name in item.nodeid for name in LONG))
+    items.sort(key=takes_long, reverse=True)

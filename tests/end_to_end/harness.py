@@ -54,11 +54,13 @@ def frame(code, payload=b""):
     return struct.pack(">II", code, len(payload)) + payload
 
 
+# The environment of the test run, without variables that change the tool's messages.
+ENVIRONMENT = {name: value for name, value in os.environ.items()
+               if name != "POSIXLY_CORRECT" and not name.startswith("LC_")} | {"LANG": "C"}
+
+
 def environment(**changes):
-    """The environment of the test run with these changes, and without variables that change the tool's messages."""
-    kept = {name: value for name, value in os.environ.items()
-            if name != "POSIXLY_CORRECT" and not name.startswith("LC_")}
-    return {**kept, "LANG": "C", **changes}
+    return {**ENVIRONMENT, **changes}
 
 
 def start_tool(*words, stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=None, **options):

@@ -1,4 +1,4 @@
-"""The protections of the release build, read from its files, and builds that are the same in every directory.
+"""The protections of the release build, read from its files, and a build in another directory, which is the same.
 
 A program built without protections must fail every check.
 """
@@ -25,15 +25,16 @@ RUN_PATHS = ["Library runpath: [$ORIGIN/../lib/plax-tool:/usr/local/lib/plax-too
 RELATIVE = {"x86_64": "R_X86_64_RELATIVE", "aarch64": "R_AARCH64_RELATIVE"}
 
 
-def is_release():
-    """Whether the tool under test is a release build. One outside a build directory is an installed release."""
+def settings():
+    """The settings of the build, by name. A tool outside a build directory is an installed release."""
     if not os.path.exists(CACHE):
-        return True
+        return {"CMAKE_BUILD_TYPE": "Release"}
     with open(CACHE, encoding="utf-8") as cache:
-        return "CMAKE_BUILD_TYPE:STRING=Release\n" in cache.read()
+        return dict(re.findall(r"^(\w+):\w+=(.*)$", cache.read(), re.MULTILINE))
 
 
-release_only = pytest.mark.skipif(not is_release(), reason="looks at release builds")
+SETTINGS = settings()
+release_only = pytest.mark.skipif(SETTINGS["CMAKE_BUILD_TYPE"] != "Release", reason="looks at release builds")
 
 
 def dynamic(tag, path):
@@ -181,20 +182,26 @@ def test_calls_without_landings_are_noticed(tmp_path):
     assert has_landings(build_soft_program(tmp_path / "with", "-fPIE", "-pie", "-fcf-protection=full"))
 
 
-def build_release(directory):
-    """Copies the sources into the directory and builds the tool. Returns the bytes of the files to install."""
+def build_again(directory):
+    """Copies the sources into the directory, and builds the tool with the settings of the build under test."""
     source, build = directory / "source", directory / "build"
     shutil.copytree(SOURCE, source, ignore=shutil.ignore_patterns(".git", "build", "__pycache__"))
-    for words in (["-S", source, "-B", build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Release", "-DBUILD_TESTING=OFF",
-                   "-DPLAX_BUILD_STANDIN=OFF"],
+    same = [f"-D{name}={SETTINGS[name]}" for name in (
+        "CMAKE_BUILD_TYPE", "CMAKE_CXX_COMPILER", "CMAKE_CXX_FLAGS", "CMAKE_INSTALL_PREFIX")]
+    for words in (["-S", source, "-B", build, "-G", "Ninja", "-DBUILD_TESTING=OFF", "-DPLAX_BUILD_STANDIN=OFF", *same],
                   ["--build", build, "--target", "plax-tool", "-j", "2"]):
         subprocess.run(["cmake", *words], check=True, stdout=subprocess.DEVNULL)
-    return [(build / name).read_bytes() for name in ("sbin/plax-tool", "lib/plax-tool/libplax-platform.so")]
+    return build
 
 
-def test_two_builds_are_the_same_bytes(tmp_path):
-    first = tmp_path / "first"
-    second = tmp_path / "another directory, with a longer name"
-    first.mkdir()
-    second.mkdir()
-    assert build_release(first) == build_release(second)
+def read_bytes(path):
+    with open(path, "rb") as file:
+        return file.read()
+
+
+@release_only
+@pytest.mark.skipif(not os.path.exists(CACHE), reason="the tool is not in a build directory")
+def test_build_in_another_directory_is_the_same_bytes(tmp_path):
+    build = build_again(tmp_path / "another directory, with a longer name")
+    assert read_bytes(build / "sbin/plax-tool") == read_bytes(TOOL)
+    assert read_bytes(build / "lib/plax-tool/libplax-platform.so") == read_bytes(PLATFORM_LIBRARY)

@@ -1,13 +1,9 @@
-"""A slow or silent daemon: receiving has a timeout of 20 seconds, connecting and sending have none.
+"""A slow or silent daemon: receiving has a timeout of 20 seconds, connecting and sending have none."""
 
-Threads run all cases at the same time, and one test checks each result. The tests form one group: spread over worker
-processes, each worker would run all cases.
-"""
-
-import threading
 import time
 from collections.abc import Callable
 from dataclasses import dataclass
+from functools import partial
 
 import pytest
 
@@ -16,8 +12,9 @@ from connecting import fill_backlog, listening
 from harness import Outcome, ScriptedDaemon, finish_tool, frame, pause, read, reply, send, start_tool, stay_deaf, \
     stay_silent, tool
 from preloading import needs_preloading, preloaded
+from waiting import in_one_worker, together
 
-pytestmark = pytest.mark.xdist_group("timeouts")
+pytestmark = in_one_worker
 
 SECONDS = 20.0
 SLACK = 5.0  # for a busy machine
@@ -118,30 +115,18 @@ CASES = {
 }
 
 
-def perform(name, results):
-    case = CASES[name]
+def perform(case):
     started = time.monotonic()
-    try:
-        results[name] = (case.meet(case.steps, case.words), time.monotonic() - started)
-    except Exception as error:  # raised again by the case's own test
-        results[name] = (error, 0.0)
+    return case.meet(case.steps, case.words), time.monotonic() - started
 
 
-@pytest.fixture(name="results", scope="module")
-def perform_all_at_once():
-    results = {}
-    threads = [threading.Thread(target=perform, args=(name, results)) for name in CASES]
-    for thread in threads:
-        thread.start()
-    for thread in threads:
-        thread.join()
-    return results
+RUNS = {name: together(partial(perform, case)) for name, case in CASES.items()}
 
 
 @pytest.mark.parametrize("name", [
     pytest.param(name, marks=needs_preloading if case.meet == with_a_small_send_buffer else ())
     for name, case in CASES.items()])
-def test_silence(name, results):
-    outcome, seconds = results[name]
+def test_silence(name):
+    outcome, seconds = RUNS[name]()
     assert outcome == CASES[name].outcome
     assert CASES[name].seconds - 0.1 <= seconds < CASES[name].seconds + SLACK

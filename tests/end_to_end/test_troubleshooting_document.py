@@ -21,6 +21,7 @@ from connecting import listening
 from harness import RUNNER, TOOL, Outcome, ScriptedDaemon, await_taken, await_unread, close, environment, interrupt, \
     limit_memory, pause, reply, send, stay_silent, tool, tool_of
 from preloading import preloaded
+from waiting import in_one_worker, together
 
 pytestmark = pytest.mark.skipif(bool(RUNNER), reason="statuses and messages would be partly the runner's")
 
@@ -166,7 +167,7 @@ MESSAGES = {
     "Sending command failed: Broken pipe": (
         lambda: with_connection_closed_first(CHECKED), Outcome(b"", b"Sending command failed: Broken pipe\n", 32)),
     "Error received: Resource temporarily unavailable: (null)": (
-        lambda: with_daemon(stay_silent(), words=(CHECKED,)),
+        together(lambda: with_daemon(stay_silent(), words=(CHECKED,))),
         Outcome(b"", b"Error received: Resource temporarily unavailable: (null)\n", 11)),
     "Error received: Connection reset by peer: (null)": (
         lambda: with_request_unread(CHECKED),
@@ -219,7 +220,9 @@ def shown(message):
     return re.sub(r"\b(NAME|REASON|WORD|VALUE|NUMBER|PROGRAM|LETTER|LIST)\b|\\\.\\\.\\\.", ".+", re.escape(message))
 
 
-@pytest.mark.parametrize("message", messages())
+@pytest.mark.parametrize("message", [
+    pytest.param(message, marks=in_one_worker if "Resource temporarily unavailable" in message else ())
+    for message in messages()])
 def test_message(message):
     run, outcome = MESSAGES[message]
     assert run() == outcome
@@ -249,7 +252,8 @@ CAUSES = {
     "a printed reply went to a closed or read-only standard output": (
         lambda: into("/dev/null", os.O_RDONLY, PRINTED), Outcome(b"", b"", 9)),
     "a stream paused for longer than 20 seconds": (
-        lambda: with_daemon(send(b"abc"), pause(22), send(b"def"), words=(STREAMED,)), Outcome(b"abc", b"", 11)),
+        together(lambda: with_daemon(send(b"abc"), pause(22), send(b"def"), words=(STREAMED,))),
+        Outcome(b"abc", b"", 11)),
     "a printed reply went to a full non-blocking pipe": (into_full_pipe, Outcome(b"", b"", 11)),
     "no reply came in time": MESSAGES["Error received: Resource temporarily unavailable: (null)"],
     "you may not write the `-o` file": (
@@ -286,6 +290,8 @@ CAUSES = {
 MARKS = {
     "there is no memory for the reply": pytest.mark.skipif(
         is_sanitized(TOOL), reason="takes more address space than the test leaves"),
+    "a stream paused for longer than 20 seconds": in_one_worker,
+    "no reply came in time": in_one_worker,
 }
 
 
