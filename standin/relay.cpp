@@ -407,7 +407,8 @@ Progress RelaySession::Log(std::string_view outcome, std::string end)
     entry.outcome = outcome;
     entry.daemonEnd = daemonFirst_;
     entry.end = std::move(end);
-    const SteadyTime over = entry.sent.count > 0 ? lastReply_ : std::min(firstEnd_, Now());
+    const bool replied = entry.sent.count > 0 && outcome != "unfinished";
+    const SteadyTime over = replied ? lastReply_ : std::min(firstEnd_, Now());
     entry.taken = over - connection_.start;
     log_->End(ticket_);
     return Progress::Done;

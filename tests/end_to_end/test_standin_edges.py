@@ -13,7 +13,7 @@ import time
 import pytest
 
 from connecting import fill_backlog, listening
-from harness import Outcome, frame, tool
+from harness import Outcome, eventually, frame, tool
 from standin_process import PATIENCE, Standin, end, read_all, start_standin, stopped
 
 
@@ -171,18 +171,42 @@ def test_peer_of_one_that_has_gone_can_send_no_more(vanishes):
 
 # ---- The duration of a request ----
 
+def timed_end(command, answers, talk, directory):
+    """Sends a request for a stream. Returns the result of `talk`, called with the client, and the request's last line."""
+    path, log = str(directory / "plaxd.uds"), directory / "log"
+    with Standin().answers(answers) as daemon:
+        other = ["--to", daemon.path] if command == "relay" else ["--answers", daemon.file("answers.json")]
+        process = start_standin(command, "--socket", path, "--log", str(log), "--format", "json", *other)
+        with connect(path) as client:
+            client.sendall(frame(1))
+            result = talk(client)
+            assert end(process) == (0, b"")
+    return result, json.loads(log.read_text().splitlines()[2])
+
+
 @pytest.mark.parametrize("command", ["serve", "relay"])
 def test_time_ends_with_the_reply(command, tmp_path):
     """The time until a client disconnects does not count."""
-    path, log = str(tmp_path / "plaxd.uds"), tmp_path / "log"
-    with Standin() as daemon:
-        process = start_standin(command, "--socket", path, "--log", str(log), "--format", "json",
-                                *(["--to", daemon.path] if command == "relay" else []))
+    def talk(client):
+        assert read_all(client) != b""
         began = time.monotonic()
-        with connect(path) as client:
-            client.sendall(frame(1))
-            assert read_all(client) != b""
-            time.sleep(1)
-            stayed = time.monotonic() - began
-        assert end(process) == (0, b"")
-    assert 0 <= json.loads(log.read_text().splitlines()[2])["seconds"] < stayed - 0.5
+        time.sleep(1)
+        client.close()
+        stayed = time.monotonic() - began
+        assert eventually(lambda: len((tmp_path / "log").read_text().splitlines()) == 3)
+        return stayed
+
+    stayed, line = timed_end(command, {}, talk, tmp_path)
+    assert 0 <= line["seconds"] < stayed
+
+
+@pytest.mark.parametrize("command", ["serve", "relay"])
+def test_time_of_an_unfinished_reply_counts_to_the_end(command, tmp_path):
+    def talk(client):
+        assert client.recv(2) == b"ab"
+        time.sleep(0.5)
+
+    _, line = timed_end(command, {"stats": {"pieces": [{"text": "ab"}, {"text": "cd", "pauseMs": 86400000}]}}, talk,
+                        tmp_path)
+    assert line["outcome"] == "unfinished"
+    assert 0.5 <= line["seconds"] < PATIENCE
