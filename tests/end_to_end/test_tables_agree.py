@@ -25,7 +25,7 @@ ANSWERS = {
     "checked": "The answer is a status.",
     "none": "There is no answer.",
     "streamed": "The answer is streamed.",
-    "streamed for all objects": "The answer is printed, with\n.Fl a\nit is streamed.",
+    "streamed for all objects": "The answer is printed; with\n.Fl a ,\nit is streamed.",
 }
 WAITS = {20: [], 1800: ["Waits up to 30 minutes."], 7200: ["Waits up to 2 hours."]}
 
