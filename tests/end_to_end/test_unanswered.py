@@ -29,7 +29,8 @@ def expect_reset(daemon):
 
 @needs_preloading
 @each_unanswered
-@pytest.mark.parametrize("answer", [reply(0), reply(5, b"busy"), send(b"text")], ids=["success", "error", "text"])
+@pytest.mark.parametrize("answer", [reply(0), reply(5, b"busy"), send(b"text"), send(b"x")],
+                         ids=["success", "error", "text", "single-byte"])
 def test_answer_that_is_there_before_the_request_stays_unread(command, answer):
     request = command.least_request()
     with ScriptedDaemon(answer, say_no_more, read(len(request)), expect_reset, read_request=False) as plaxd:
