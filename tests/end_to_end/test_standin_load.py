@@ -14,24 +14,15 @@ def uuid(client, request):
     return f"{client:08x}-0000-0000-0000-{request:08x}0001"
 
 
-def talk(plaxd, client, together, answers):
-    """Sends a client's requests one after the other; all clients are connected before any of them sends."""
-    for request in range(REQUESTS_OF_EACH):
-        with plaxd.connect() as connection:
-            together.wait()
-            connection.sendall(frame(14, uuid(client, request).encode()))
-            answers[client] += read_all(connection) == frame(0, b"bytes to move: 0")
-
-
 def serve_all(plaxd):
-    together = threading.Barrier(CLIENTS, timeout=60)
-    answers = [0] * CLIENTS
-    threads = [threading.Thread(target=talk, args=(plaxd, client, together, answers)) for client in range(CLIENTS)]
-    for thread in threads:
-        thread.start()
-    for thread in threads:
-        thread.join()
-    assert answers == [REQUESTS_OF_EACH] * CLIENTS
+    """All clients are connected before any of them sends, and all send before any of them reads."""
+    for number in range(REQUESTS_OF_EACH):
+        clients = [plaxd.connect() for _ in range(CLIENTS)]
+        for client, connection in enumerate(clients):
+            connection.sendall(frame(14, uuid(client, number).encode()))
+        assert [read_all(connection) for connection in clients] == [frame(0, b"bytes to move: 0")] * CLIENTS
+        for connection in clients:
+            connection.close()
 
 
 def expect_each_once(plaxd):

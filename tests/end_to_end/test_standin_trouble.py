@@ -115,6 +115,7 @@ def test_client_among_clients_without_end(tmp_path):
 
 CONNECTOR = """
 import socket, sys
+print("started", flush=True)
 while True:
     with socket.socket(socket.AF_UNIX) as client:
         try:
@@ -128,11 +129,14 @@ while True:
 def test_end_is_noticed_while_clients_go_on_connecting(command):
     with Standin() as daemon:
         with Standin(*(["--to", daemon.path] if command == "relay" else []), command=command) as plaxd:
-            connectors = [subprocess.Popen(["python3", "-c", CONNECTOR, plaxd.path]) for _ in range(4)]
-            time.sleep(1)
+            connectors = [subprocess.Popen(["python3", "-c", CONNECTOR, plaxd.path], stdout=subprocess.PIPE)
+                          for _ in range(4)]
+            assert [connector.stdout.readline() for connector in connectors] == [b"started\n"] * 4
+            time.sleep(0.2)
             began = time.monotonic()
         assert time.monotonic() - began < 20
-        assert [connector.wait(PATIENCE) for connector in connectors] == [0] * 4
+        assert [(connector.communicate(timeout=PATIENCE), connector.returncode) for connector in connectors] == [
+            ((b"", None), 0)] * 4
 
 
 # ---- The order of the log ----
