@@ -27,7 +27,7 @@ if not collect_ignore_glob:
 
 
 LONG = ("test_document[docs/fleet.md", "test_many_runs", "test_build_in_another_directory", "bad-day.json",
-        "test_every_call_fails[long-stream]", "test_children_that_stay")
+        "test_every_call_fails[long-stream]", "test_children_that_stay", "`timeout` ended the run")
 
 
 def takes_long(item):

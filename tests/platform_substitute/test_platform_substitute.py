@@ -29,7 +29,7 @@ def build_with_the_substitute(tmp_path_factory):
     build = tmp_path_factory.mktemp("build")
     run_cmake("-S", SOURCE_DIR, "-B", build, "-G", "Ninja", f"-DPLAX_PLATFORM_LIBRARY={SUBSTITUTE}",
               "-DBUILD_TESTING=OFF", "-DPLAX_BUILD_STANDIN=OFF", *BUILD_OPTIONS.split("|"))
-    run_cmake("--build", build, "--parallel", "2")
+    run_cmake("--build", build, "--target", "plax-tool", "--parallel", "2")
     harness.TOOL = str(build / "sbin" / "plax-tool")
     return harness.TOOL
 
